@@ -1,0 +1,563 @@
+// Bricks on the air: how they are found, how connections come about and get lost.
+//
+// The air is the abstract UNIX socket name space. A brick in range listens on tav-air/AIR/ADDRESS and tells whoever
+// connects what a Bluetooth device would tell about itself; its RFCOMM channels are listening sockets named
+// tav-air/AIR/ADDRESS/CHANNEL. The kernel removes the names of a process that ends.
+#include "sim/air_state.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <bluetooth/bluetooth.h>
+#include <bluetooth/rfcomm.h>
+#include <bluetooth/sdp.h>
+#include <bluetooth/sdp_lib.h>
+#include <cctype>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <fstream>
+#include <poll.h>
+#include <set>
+#include <sys/eventfd.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+
+namespace tav_air {
+
+namespace {
+
+constexpr std::size_t ADDRESS_SIZE = 17;
+constexpr std::size_t MAX_AIR_SIZE = 40;
+constexpr int MAX_DESCRIPTION = 65536;
+constexpr int CONTROL_BACKLOG = 64;
+constexpr std::chrono::milliseconds CONTROL_TIMEOUT{2000};  // for an answer of another process, whatever the speed
+constexpr std::chrono::milliseconds SHARE_RETRY{250};       // a brick shared with a process that ends is taken over
+
+thread_local std::optional<std::string> t_Acting;
+std::array<std::atomic<bool>, FD_SETSIZE> g_Ours;
+
+template <typename FUNCTION>
+void Find_Next(FUNCTION& function, const char* name)
+{
+    function = reinterpret_cast<FUNCTION>(dlsym(RTLD_NEXT, name));
+}
+
+// ---- Names on the air -----------------------------------------------------------------------------------------------
+
+sockaddr_un Get_UnixAddress(const std::string& air, const std::string& name, socklen_t& length)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = "tav-air/" + air + "/" + name;
+    const std::size_t size = std::min(path.size(), sizeof(address.sun_path) - 1);
+    memcpy(address.sun_path + 1, path.data(), size);
+    length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + size);
+    return address;
+}
+
+// All names of this air, less its prefix.
+std::set<std::string> List_Names(const std::string& air)
+{
+    const std::string prefix = "@tav-air/" + air + "/";
+    std::set<std::string> names;
+    std::ifstream file("/proc/net/unix");
+    for (std::string line; std::getline(file, line);) {
+        const std::size_t start = line.find(prefix);
+        if (start != std::string::npos) names.insert(line.substr(start + prefix.size()));
+    }
+    return names;
+}
+
+int Open_UnixSocket(int type)
+{
+    return Real().Socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+}
+
+// ---- Descriptions ---------------------------------------------------------------------------------------------------
+
+// The record's bytes, as an SDP server sends them.
+std::string Build_Record(const S_Service& service)
+{
+    const auto optional = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };
+    sdp_record_t* const record = sdp_record_alloc();
+    uuid_t uuid{};
+    const auto set_list = [&](std::uint16_t value, int (*set)(sdp_record_t*, sdp_list_t*)) {
+        sdp_uuid16_create(&uuid, value);
+        sdp_list_t* const list = sdp_list_append(nullptr, &uuid);
+        set(record, list);
+        sdp_list_free(list, nullptr);
+    };
+    set_list(PUBLIC_BROWSE_GROUP, sdp_set_browse_groups);
+    set_list(SERIAL_PORT_SVCLASS_ID, sdp_set_service_classes);
+    if (service.Id != 0) {
+        sdp_uuid16_create(&uuid, service.Id);
+        sdp_set_service_id(record, uuid);
+    }
+    if (service.Channel >= 0) {
+        uuid_t l2cap{};
+        uuid_t rfcomm{};
+        const auto channel = static_cast<std::uint8_t>(service.Channel);
+        sdp_list_t* protocols =
+            sdp_list_append(nullptr, sdp_list_append(nullptr, sdp_uuid16_create(&l2cap, L2CAP_UUID)));
+        sdp_data_t* const port = sdp_data_alloc(SDP_UINT8, &channel);
+        if (service.Channel > 0) {
+            sdp_list_t* const entry = sdp_list_append(nullptr, sdp_uuid16_create(&rfcomm, RFCOMM_UUID));
+            protocols = sdp_list_append(protocols, sdp_list_append(entry, port));
+        }
+        sdp_list_t* const access = sdp_list_append(nullptr, protocols);
+        sdp_set_access_protos(record, access);
+        sdp_profile_desc_t profile{};
+        sdp_uuid16_create(&profile.uuid, SERIAL_PORT_PROFILE_ID);
+        profile.version = 0x0100;
+        sdp_list_t* const profiles = sdp_list_append(nullptr, &profile);
+        sdp_set_profile_descs(record, profiles);
+        sdp_list_free(profiles, nullptr);
+        sdp_data_free(port);
+        sdp_list_free(access, nullptr);
+        sdp_list_free(protocols, [](void* entry) { sdp_list_free(static_cast<sdp_list_t*>(entry), nullptr); });
+    }
+    sdp_set_info_attr(record, optional(service.Name), optional(service.Provider), optional(service.Description));
+    sdp_buf_t pdu{};
+    std::string bytes;
+    if (sdp_gen_record_pdu(record, &pdu) == 0) bytes.assign(reinterpret_cast<const char*>(pdu.data), pdu.data_size);
+    free(pdu.data);
+    sdp_record_free(record);
+    return bytes;
+}
+
+// On the way between processes: flags, name, NUL, and each record behind its length (4 bytes).
+std::string Pack(const S_Brick& brick)
+{
+    std::string packed(1, static_cast<char>(brick.Discoverable | brick.TellsName << 1 | brick.HasSdpServer << 2));
+    packed += brick.Name.c_str();
+    packed += '\0';
+    for (const S_Service& service : brick.Services) {
+        const std::string record = Build_Record(service);
+        const auto size = static_cast<std::uint32_t>(record.size());
+        packed.append(reinterpret_cast<const char*>(&size), sizeof(size));
+        packed += record;
+    }
+    return packed;
+}
+
+std::optional<S_Description> Unpack(const std::string& packed)
+{
+    const std::size_t end = packed.find('\0', 1);
+    if (packed.empty() || end == std::string::npos) return std::nullopt;
+    S_Description description;
+    description.Discoverable = packed[0] & 1;
+    description.TellsName = packed[0] & 2;
+    description.HasSdpServer = packed[0] & 4;
+    description.Name = packed.substr(1, end - 1);
+    std::uint32_t size = 0;
+    for (std::size_t pos = end + 1; pos + sizeof(size) <= packed.size(); pos += size) {
+        memcpy(&size, packed.data() + pos, sizeof(size));
+        pos += sizeof(size);
+        if (size > packed.size() - pos) return std::nullopt;
+        description.Records.push_back(packed.substr(pos, size));
+    }
+    return description;
+}
+
+// ---- Stand-ins ------------------------------------------------------------------------------------------------------
+
+// A connected socket that nothing is read from or written to; `far` is its other end. Closing that end makes it
+// readable and writable. A `full` one cannot be written before.
+int Open_StandIn(bool full, int& far)
+{
+    int ends[2] = {-1, -1};
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) < 0) return -1;
+    far = ends[1];
+    if (full) {
+        const int size = 1;  // the kernel's least
+        Real().Setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+        const char bytes[512] = {};
+        while (Real().Send(ends[0], bytes, sizeof(bytes), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+        }
+    }
+    return ends[0];
+}
+
+// Puts the open file of `other` behind the number `fd`, which keeps its flags; `other` is closed.
+void Swap_In(int fd, int other)
+{
+    const int flags = Real().Fcntl(fd, F_GETFL);
+    const int descriptorFlags = Real().Fcntl(fd, F_GETFD);
+    Real().Fcntl(other, F_SETFL, flags);
+    dup3(other, fd, (descriptorFlags & FD_CLOEXEC) ? O_CLOEXEC : 0);
+    Real().Close(other);
+}
+
+void Close_Far(int& far)
+{
+    if (far >= 0) Real().Close(far);
+    far = -1;
+}
+
+// ---- The air's thread, with the lock held ---------------------------------------------------------------------------
+
+void Listen_Control(S_Local& local)
+{
+    const int control = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
+    if (Bind_Name(control, local.Brick.Address) == 0 && Real().Listen(control, CONTROL_BACKLOG) == 0)
+        local.Control = control;
+    else
+        Real().Close(control);
+}
+
+bool Is_InRange(const std::string& address)
+{
+    const auto local = State().Bricks.find(address);
+    if (local != State().Bricks.end()) return local->second.Brick.Present;
+    return List_Names(State().Air).count(address) > 0;
+}
+
+// The connection itself, named so that the server learns who connects; -1 when the peer refuses.
+int Open_Link(int fd, const S_Socket& socket)
+{
+    static unsigned int count = 0;
+    const auto released = State().Released.find({socket.Own, socket.Peer});
+    if (released != State().Released.end() && Clock::now() < released->second + Scaled(RELEASE_TIME)) return -1;
+    const int link = Open_UnixSocket(SOCK_STREAM | SOCK_NONBLOCK);
+    const std::string name = socket.Own + ">" + socket.Peer + "/" + std::to_string(getpid()) + "." +
+                             std::to_string(fd) + "." + std::to_string(++count);
+    if (Bind_Name(link, name) == 0 && Connect_Name(link, Get_ListenName(socket.Peer, socket.Channel)) == 0) return link;
+    Real().Close(link);
+    return -1;
+}
+
+void Page(int fd, S_Socket& socket, Clock::time_point now)
+{
+    if (!Is_InRange(socket.Own) || !Is_InRange(socket.Peer)) {
+        socket.Next = std::min(now + Scaled(PAGE_RETRY), socket.Deadline);
+        if (now < socket.Deadline) return;
+        socket.State = E_State::FAILED;
+        socket.Error = EHOSTDOWN;
+    } else {
+        const int link = Open_Link(fd, socket);
+        socket.State = link >= 0 ? E_State::CONNECTED : E_State::FAILED;
+        if (link >= 0)
+            Swap_In(fd, link);
+        else
+            socket.Error = ECONNREFUSED;
+    }
+    Close_Far(socket.Far);  // now the socket is writable
+}
+
+// Does what is due and returns when the next is.
+Clock::time_point Do_Due()
+{
+    const auto now = Clock::now();
+    auto next = now + std::chrono::hours(1);
+    for (auto& [fd, socket] : State().Sockets) {
+        if (socket.State == E_State::CONNECTING && socket.Next <= now) Page(fd, socket, now);
+        if (socket.State == E_State::CONNECTING) next = std::min(next, socket.Next);
+        if (socket.State != E_State::LOST || socket.Link < 0) continue;
+        if (socket.Deadline <= now) {
+            Close_Far(socket.Link);
+            Close_Far(socket.Far);
+        } else {
+            next = std::min(next, socket.Deadline);
+        }
+    }
+    for (auto& [address, local] : State().Bricks) {
+        if (!local.Brick.Present || local.Control >= 0) continue;
+        Listen_Control(local);
+        if (local.Control < 0) next = std::min<Clock::time_point>(next, now + SHARE_RETRY);
+    }
+    return next;
+}
+
+// Tells everyone who asked about a brick.
+void Answer_All(const S_Local& local)
+{
+    for (int asker = -1; (asker = Real().Accept(local.Control, nullptr, nullptr)) >= 0; Real().Close(asker)) {
+        const std::string packed = Pack(local.Brick);
+        Real().Send(asker, packed.data(), packed.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
+}
+
+[[noreturn]] void Run_Thread(int wake)
+{
+    for (;;) {
+        std::vector<pollfd> fds = {{wake, POLLIN, 0}};
+        Clock::time_point next;
+        {
+            const std::lock_guard lock(State().Mutex);
+            next = Do_Due();
+            for (const auto& [address, local] : State().Bricks) {
+                if (local.Control < 0) continue;
+                Answer_All(local);
+                fds.push_back({local.Control, POLLIN, 0});
+            }
+        }
+        const auto wait = std::chrono::duration_cast<std::chrono::nanoseconds>(
+            std::max(next - Clock::now(), Clock::duration::zero()));
+        const timespec time{static_cast<time_t>(wait.count() / 1000000000),
+                            static_cast<long>(wait.count() % 1000000000)};
+        std::uint64_t count = 0;
+        if (ppoll(fds.data(), fds.size(), &time, nullptr) > 0 && fds[0].revents &&
+            read(wake, &count, sizeof(count)) < 0)
+            abort();
+    }
+}
+
+void Close_Local(S_Local& local)
+{
+    Close_Far(local.Control);
+    Close_Far(local.Gone);
+}
+
+}  // namespace
+
+// ---- Shared with the calls ------------------------------------------------------------------------------------------
+
+const S_Real& Real()
+{
+    static const S_Real real = [] {
+        S_Real next{};
+        Find_Next(next.Socket, "socket");
+        Find_Next(next.Bind, "bind");
+        Find_Next(next.Listen, "listen");
+        Find_Next(next.Accept, "accept");
+        Find_Next(next.Connect, "connect");
+        Find_Next(next.Setsockopt, "setsockopt");
+        Find_Next(next.Getsockopt, "getsockopt");
+        Find_Next(next.Select, "select");
+        Find_Next(next.Recv, "recv");
+        Find_Next(next.Send, "send");
+        Find_Next(next.Fcntl, "fcntl");
+        Find_Next(next.Shutdown, "shutdown");
+        Find_Next(next.Close, "close");
+        return next;
+    }();
+    return real;
+}
+
+S_State& State()
+{
+    static S_State& state = *new S_State;
+    return state;
+}
+
+bool Is_Ours(int fd)
+{
+    return fd >= 0 && fd < FD_SETSIZE && g_Ours[static_cast<std::size_t>(fd)].load(std::memory_order_acquire);
+}
+
+void Set_Ours(int fd, bool ours)
+{
+    g_Ours[static_cast<std::size_t>(fd)].store(ours, std::memory_order_release);
+}
+
+Clock::duration Scaled(Clock::duration real)
+{
+    return std::chrono::duration_cast<Clock::duration>(real / State().Speed);
+}
+
+std::string Get_Acting()
+{
+    return t_Acting ? *t_Acting : State().First;
+}
+
+int Bind_Name(int fd, const std::string& name)
+{
+    socklen_t length = 0;
+    const sockaddr_un address = Get_UnixAddress(State().Air, name, length);
+    return Real().Bind(fd, reinterpret_cast<const sockaddr*>(&address), length);
+}
+
+int Connect_Name(int fd, const std::string& name)
+{
+    socklen_t length = 0;
+    const sockaddr_un address = Get_UnixAddress(State().Air, name, length);
+    return Real().Connect(fd, reinterpret_cast<const sockaddr*>(&address), length);
+}
+
+// A client's socket is named tav-air/AIR/ADDRESS>PEER/...
+std::optional<std::string> Parse_Client(const sockaddr* address, socklen_t length)
+{
+    const std::string path(reinterpret_cast<const sockaddr_un*>(address)->sun_path,
+                           length > offsetof(sockaddr_un, sun_path) ? length - offsetof(sockaddr_un, sun_path) : 0);
+    const std::size_t end = path.find('>');
+    if (end == std::string::npos || end < ADDRESS_SIZE) return std::nullopt;
+    return path.substr(end - ADDRESS_SIZE, ADDRESS_SIZE);
+}
+
+std::string Get_ListenName(const std::string& address, int channel)
+{
+    return address + "/" + std::to_string(channel);
+}
+
+void Start_Connecting(int fd, S_Socket& socket)
+{
+    int far = -1;
+    const int standIn = Open_StandIn(true, far);
+    Swap_In(fd, standIn);
+    socket.State = E_State::CONNECTING;
+    socket.Far = far;
+    socket.Next = Clock::now() + Scaled(PAGE_TIME);
+    socket.Deadline = Clock::now() + Scaled(PAGE_TIMEOUT);
+}
+
+void Fall_Silent(const std::string& address)
+{
+    const auto found = State().Bricks.find(address);
+    if (found == State().Bricks.end()) return;
+    S_Local& local = found->second;
+    local.Brick.Present = false;
+    Close_Local(local);
+    local.Gone = Open_UnixSocket(SOCK_DGRAM);
+    Bind_Name(local.Gone, address + "/gone");
+    for (auto& [fd, socket] : State().Sockets) {
+        if (socket.Own != address || socket.State != E_State::CONNECTED) continue;
+        socket.Link = Real().Fcntl(fd, F_DUPFD_CLOEXEC, 0);
+        Swap_In(fd, Open_StandIn(false, socket.Far));
+        socket.State = E_State::LOST;
+        socket.Deadline = Clock::now() + Scaled(SUPERVISION);
+    }
+}
+
+bool Is_Gone(const std::string& address)
+{
+    return List_Names(State().Air).count(address + "/gone") > 0;
+}
+
+void Drop_Socket(int fd)
+{
+    auto& sockets = State().Sockets;
+    const auto found = sockets.find(fd);
+    S_Socket socket = found->second;
+    sockets.erase(found);
+    Set_Ours(fd, false);
+    Close_Far(socket.Far);
+    Close_Far(socket.Link);
+    if (socket.State != E_State::CONNECTED) return;
+    const bool last = std::none_of(sockets.begin(), sockets.end(), [&](const auto& other) {
+        return other.second.State == E_State::CONNECTED && other.second.Own == socket.Own &&
+               other.second.Peer == socket.Peer;
+    });
+    if (last) State().Released[{socket.Own, socket.Peer}] = Clock::now();
+}
+
+void Wake_Thread()
+{
+    const std::uint64_t one = 1;
+    if (write(State().Wake, &one, sizeof(one)) < 0) abort();
+}
+
+std::vector<std::string> List_Bricks()
+{
+    const std::lock_guard lock(State().Mutex);
+    std::vector<std::string> bricks;
+    for (const std::string& name : List_Names(State().Air))
+        if (name.size() == ADDRESS_SIZE) bricks.push_back(name);
+    return bricks;
+}
+
+std::optional<S_Description> Ask_Brick(const std::string& address)
+{
+    const int asker = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
+    int connected = -1;
+    {
+        const std::lock_guard lock(State().Mutex);
+        const auto own = State().Bricks.find(Get_Acting());
+        if (own == State().Bricks.end() || own->second.Brick.Present) connected = Connect_Name(asker, address);
+    }
+    std::string packed(MAX_DESCRIPTION, '\0');
+    pollfd fd{asker, POLLIN, 0};
+    ssize_t count = -1;
+    if (connected == 0 && poll(&fd, 1, static_cast<int>(CONTROL_TIMEOUT.count())) > 0)
+        count = Real().Recv(asker, packed.data(), packed.size(), 0);
+    Real().Close(asker);
+    if (count <= 0) return std::nullopt;
+    packed.resize(static_cast<std::size_t>(count));
+    return Unpack(packed);
+}
+
+void Sleep_Scaled(Clock::duration real)
+{
+    Clock::duration time;
+    {
+        const std::lock_guard lock(State().Mutex);
+        time = Scaled(real);
+    }
+    std::this_thread::sleep_for(time);
+}
+
+// ---- For users ------------------------------------------------------------------------------------------------------
+
+std::string Get_Address(const std::string& name)
+{
+    std::uint32_t hash = 2166136261U;  // FNV-1a
+    for (const char character : name)
+        hash = (hash ^ static_cast<unsigned char>(character)) * 16777619U;
+    char text[ADDRESS_SIZE + 1] = {};
+    snprintf(text, sizeof(text), "02:00:%02X:%02X:%02X:%02X", hash >> 24, hash >> 16 & 0xFF, hash >> 8 & 0xFF,
+             hash & 0xFF);
+    return text;
+}
+
+bool Enter(const std::string& air, double speed)
+{
+    const auto allowed = [](char c) {
+        return isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_' || c == '.';
+    };
+    if (air.empty() || air.size() > MAX_AIR_SIZE || !std::all_of(air.begin(), air.end(), allowed) || !(speed > 0))
+        return false;
+    const std::lock_guard lock(State().Mutex);
+    for (auto& local : State().Bricks)
+        Close_Local(local.second);
+    while (!State().Sockets.empty()) {
+        const int fd = State().Sockets.begin()->first;
+        Drop_Socket(fd);
+        Real().Close(fd);
+    }
+    State().Bricks.clear();
+    State().Released.clear();
+    State().First.clear();
+    t_Acting.reset();
+    State().Air = air;
+    State().Speed = speed;
+    return true;
+}
+
+void Put(const S_Brick& brick)
+{
+    const std::lock_guard lock(State().Mutex);
+    if (State().Wake < 0) {
+        State().Wake = eventfd(0, EFD_CLOEXEC);
+        std::thread(Run_Thread, State().Wake).detach();
+    }
+    if (State().Bricks.empty()) State().First = brick.Address;
+    S_Local& local = State().Bricks[brick.Address];
+    const bool silent = local.Brick.Present && !brick.Present;
+    local.Brick = brick;
+    if (silent) Fall_Silent(brick.Address);
+    if (brick.Present) {
+        Close_Far(local.Gone);
+        if (local.Control < 0) Listen_Control(local);
+    }
+    Wake_Thread();
+}
+
+void Act_As(const std::string& address)
+{
+    t_Acting = address;
+}
+
+std::vector<int> Get_Open()
+{
+    const std::lock_guard lock(State().Mutex);
+    std::vector<int> open;
+    for (const auto& socket : State().Sockets)
+        open.push_back(socket.first);
+    return open;
+}
+
+}  // namespace tav_air

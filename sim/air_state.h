@@ -1,0 +1,142 @@
+// What the sources of the simulated air share. Not for its users.
+#pragma once
+
+#include "sim/air.h"
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <utility>
+
+namespace tav_air {
+
+using Clock = std::chrono::steady_clock;
+
+// Times of a real air, divided by its speed where they are used.
+constexpr std::chrono::milliseconds INQUIRY_UNIT{1280};
+constexpr std::chrono::milliseconds PAGE_TIME{20};    // connecting to a device in range
+constexpr std::chrono::milliseconds PAGE_RETRY{100};  // between looks whether a paged device is in range
+constexpr std::chrono::milliseconds PAGE_TIMEOUT{5120};
+constexpr std::chrono::milliseconds NAME_TIME{5};        // asking a device in range for its name or services
+constexpr std::chrono::milliseconds RELEASE_TIME{50};    // a peer refuses this long after the last connection to it
+constexpr std::chrono::milliseconds SUPERVISION{20000};  // until a silent link is given up
+
+// The calls that this library takes the place of.
+struct S_Real
+{
+    int (*Socket)(int, int, int);
+    int (*Bind)(int, const sockaddr*, socklen_t);
+    int (*Listen)(int, int);
+    int (*Accept)(int, sockaddr*, socklen_t*);
+    int (*Connect)(int, const sockaddr*, socklen_t);
+    int (*Setsockopt)(int, int, int, const void*, socklen_t);
+    int (*Getsockopt)(int, int, int, void*, socklen_t*);
+    int (*Select)(int, fd_set*, fd_set*, fd_set*, timeval*);
+    ssize_t (*Recv)(int, void*, size_t, int);
+    ssize_t (*Send)(int, const void*, size_t, int);
+    int (*Fcntl)(int, int, ...);
+    int (*Shutdown)(int, int);
+    int (*Close)(int);
+};
+const S_Real& Real();
+
+enum class E_State
+{
+    ADAPTER,     // an opened adapter or SDP session
+    UNBOUND,     // a new RFCOMM socket
+    BOUND,       // has a channel, listening or not
+    CONNECTING,  // stands in for a connection that is on its way
+    FAILED,      // a connection that did not come about
+    CONNECTED,
+    LOST  // stands in for a connection of a brick that fell silent
+};
+
+// A Bluetooth descriptor of this process. Underneath is a UNIX socket in the abstract name space, so that waiting,
+// buffering and the end of a process are the kernel's; these are the differences.
+struct S_Socket
+{
+    E_State State = E_State::UNBOUND;
+    std::string Own;  // addresses
+    std::string Peer;
+    int Channel = 0;
+    int Error = 0;           // FAILED: not yet reported
+    bool Ended = false;      // the end of the connection was reported
+    bool Shut = false;       // by this side
+    int Far = -1;            // the other end of a stand-in
+    int Link = -1;           // LOST: the connection itself, kept open and silent
+    Clock::time_point Next;  // CONNECTING: next page
+    Clock::time_point Deadline;
+};
+
+// A brick that this process put on the air.
+struct S_Local
+{
+    S_Brick Brick;
+    int Control = -1;  // listening socket that tells others about it; -1: not present, or shared with another process
+    int Gone = -1;     // marks a brick that fell silent
+};
+
+// What a brick tells about itself, and its SDP records as a server sends them.
+struct S_Description
+{
+    bool Discoverable = false;
+    bool TellsName = false;
+    bool HasSdpServer = false;
+    std::string Name;
+    std::vector<std::string> Records;
+};
+
+struct S_State
+{
+    std::mutex Mutex;  // guards all that follows; never held while waiting
+    std::string Air;
+    double Speed = 1;
+    std::map<std::string, S_Local> Bricks;  // by address
+    std::string First;                      // the default of Act_As
+    std::map<int, S_Socket> Sockets;
+    std::map<std::pair<std::string, std::string>, Clock::time_point> Released;  // by own and peer address
+    int Wake = -1;  // eventfd of the air's thread; -1: not started
+};
+
+// The state is never destroyed: programs close sockets until their very end.
+S_State& State();
+
+// True for a Bluetooth descriptor of this process; takes no lock.
+bool Is_Ours(int fd);
+void Set_Ours(int fd, bool ours);
+
+Clock::duration Scaled(Clock::duration real);  // with the lock held
+std::string Get_Acting();
+int Bind_Name(int fd, const std::string& name);  // name of the air's own name space
+int Connect_Name(int fd, const std::string& name);
+std::optional<std::string> Parse_Client(const sockaddr* address, socklen_t length);  // the peer that accept reports
+
+// With the lock held.
+void Start_Connecting(int fd, S_Socket& socket);
+void Fall_Silent(const std::string& address);
+void Drop_Socket(int fd);
+bool Is_Gone(const std::string& address);
+std::string Get_ListenName(const std::string& address, int channel);
+
+// Without it.
+void Wake_Thread();
+std::vector<std::string> List_Bricks();                              // addresses of all bricks in range
+std::optional<S_Description> Ask_Brick(const std::string& address);  // nothing when it is not in range
+void Sleep_Scaled(Clock::duration real);
+
+// What is to go wrong with a call.
+struct S_Fault
+{
+    int Error = 0;            // fail with this errno
+    size_t Limit = SIZE_MAX;  // move at most so many bytes
+    bool Vanish = false;
+};
+
+// Counts and traces a call.
+S_Fault Begin_Call(const char* call, const std::string& arguments);
+
+}  // namespace tav_air

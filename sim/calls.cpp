@@ -1,0 +1,503 @@
+// The calls that the simulated air takes the place of. Each counts itself, may be told to fail, and otherwise does on a
+// UNIX socket what Linux does on a Bluetooth one; calls on other descriptors pass through.
+#include "sim/air_state.h"
+
+#include <algorithm>
+#include <bluetooth/bluetooth.h>
+#include <bluetooth/hci.h>
+#include <bluetooth/hci_lib.h>
+#include <bluetooth/rfcomm.h>
+#include <bluetooth/sdp.h>
+#include <bluetooth/sdp_lib.h>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+using namespace tav_air;
+
+namespace {
+
+// ---- Around every call ----------------------------------------------------------------------------------------------
+
+int Fail(int error)
+{
+    errno = error;
+    return -1;
+}
+
+std::string Get_Text(const bdaddr_t& address)
+{
+    char text[18] = {};
+    ba2str(&address, text);
+    return text;
+}
+
+// A copy of what is known about a descriptor; it may change as soon as the lock is released.
+S_Socket Get_Socket(int fd)
+{
+    const std::lock_guard lock(State().Mutex);
+    const auto found = State().Sockets.find(fd);
+    return found == State().Sockets.end() ? S_Socket{} : found->second;
+}
+
+template <typename CHANGE>
+void Change_Socket(int fd, CHANGE change)
+{
+    const std::lock_guard lock(State().Mutex);
+    const auto found = State().Sockets.find(fd);
+    if (found != State().Sockets.end()) change(found->second);
+}
+
+S_Fault Begin(const char* call, const std::string& arguments, const std::string& brick)
+{
+    const S_Fault fault = Begin_Call(call, arguments);
+    if (fault.Vanish) {
+        const std::lock_guard lock(State().Mutex);
+        Fall_Silent(brick);
+        Wake_Thread();
+    }
+    return fault;
+}
+
+S_Fault Begin(const char* call, const std::string& arguments = "")
+{
+    return Begin(call, arguments, Get_Acting());
+}
+
+// A new descriptor; one that select could not take is refused.
+int Add_Socket(int fd, const S_Socket& socket)
+{
+    if (fd < 0) return -1;
+    if (fd >= FD_SETSIZE) {
+        Real().Close(fd);
+        return Fail(EMFILE);
+    }
+    const std::lock_guard lock(State().Mutex);
+    State().Sockets[fd] = socket;
+    Set_Ours(fd, true);
+    return fd;
+}
+
+int Open_Adapter(const std::string& own, const std::string& peer)
+{
+    S_Socket socket;
+    socket.State = E_State::ADAPTER;
+    socket.Own = own;
+    socket.Peer = peer;
+    return Add_Socket(Real().Socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), socket);
+}
+
+int Close_Ours(int fd)
+{
+    {
+        const std::lock_guard lock(State().Mutex);
+        if (State().Sockets.count(fd) > 0) Drop_Socket(fd);
+    }
+    return Real().Close(fd);
+}
+
+// ---- Transfer -------------------------------------------------------------------------------------------------------
+
+// The first transfer at the end of a connection reports why it ended; so does the first on one that did not come about.
+// What comes after that fails as `later`, or never returns when that is 0. Always -1, or 0 for own shutdowns.
+ssize_t Report_End(int fd, int flags, int later)
+{
+    int error = 0;
+    bool nonBlocking = (flags & MSG_DONTWAIT) != 0;
+    Change_Socket(fd, [&](S_Socket& socket) {
+        if (socket.State == E_State::FAILED) {
+            std::swap(error, socket.Error);
+        } else if (!socket.Ended) {
+            socket.Ended = true;
+            const bool lost = socket.State == E_State::LOST || Is_Gone(socket.Peer);
+            error = lost ? ETIMEDOUT : ECONNRESET;
+        }
+    });
+    if (error != 0) return Fail(error);
+    if (later != 0) return Fail(later);
+    nonBlocking = nonBlocking || (Real().Fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
+    if (nonBlocking) return Fail(EAGAIN);
+    poll(nullptr, 0, -1);  // only a signal ends it
+    return Fail(EINTR);
+}
+
+ssize_t Receive(int fd, void* buffer, std::size_t size, int flags)
+{
+    const S_Fault fault = Begin("recv", std::to_string(size), Get_Socket(fd).Own);
+    if (fault.Error) return Fail(fault.Error);
+    const S_Socket socket = Get_Socket(fd);
+    if (socket.State == E_State::FAILED) return Report_End(fd, flags, 0);
+    if (socket.State != E_State::CONNECTED && socket.State != E_State::LOST) return Fail(ENOTCONN);
+    const ssize_t count = Real().Recv(fd, buffer, std::min(size, fault.Limit), flags);
+    if (count > 0 || size == 0 || socket.Shut || (count < 0 && errno != ECONNRESET)) return count;
+    return Report_End(fd, flags, 0);
+}
+
+// ---- Services -------------------------------------------------------------------------------------------------------
+
+bool Has_Uuid(sdp_list_t* list, const uuid_t& wanted)
+{
+    bool found = false;
+    for (const sdp_list_t* node = list; node; node = node->next)
+        found = found || sdp_uuid_cmp(node->data, &wanted) == 0;
+    sdp_list_free(list, free);
+    return found;
+}
+
+// True when a record stands in the wanted browse group or has the wanted service class.
+bool Is_Wanted(const sdp_record_t* record, const uuid_t& wanted)
+{
+    sdp_list_t* groups = nullptr;
+    sdp_list_t* classes = nullptr;
+    sdp_get_browse_groups(record, &groups);
+    sdp_get_service_classes(record, &classes);
+    const bool group = Has_Uuid(groups, wanted);
+    return Has_Uuid(classes, wanted) || group;
+}
+
+}  // namespace
+
+extern "C" {
+
+// ---- Sockets --------------------------------------------------------------------------------------------------------
+
+int socket(int domain, int type, int protocol) __THROW
+{
+    if (domain != AF_BLUETOOTH) return Real().Socket(domain, type, protocol);
+    const S_Fault fault = Begin("socket");
+    if (fault.Error) return Fail(fault.Error);
+    if ((type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != SOCK_STREAM || protocol != BTPROTO_RFCOMM)
+        return Fail(EPROTONOSUPPORT);
+    S_Socket socket;
+    socket.Own = Get_Acting();
+    return Add_Socket(Real().Socket(AF_UNIX, type, 0), socket);
+}
+
+int bind(int fd, const sockaddr* address, socklen_t length) __THROW
+{
+    if (!Is_Ours(fd)) return Real().Bind(fd, address, length);
+    const auto* const rfcomm = reinterpret_cast<const sockaddr_rc*>(address);
+    if (length < sizeof(*rfcomm) || rfcomm->rc_family != AF_BLUETOOTH) return Fail(EINVAL);
+    const S_Socket socket = Get_Socket(fd);
+    const S_Fault fault = Begin("bind", std::to_string(rfcomm->rc_channel), socket.Own);
+    if (fault.Error) return Fail(fault.Error);
+    const bdaddr_t any{};
+    if (bacmp(&rfcomm->rc_bdaddr, &any) != 0 && Get_Text(rfcomm->rc_bdaddr) != socket.Own) return Fail(EADDRNOTAVAIL);
+    if (rfcomm->rc_channel == 0) return 0;  // a client that chooses its adapter
+    if (Bind_Name(fd, Get_ListenName(socket.Own, rfcomm->rc_channel)) < 0) return -1;
+    Change_Socket(fd, [&](S_Socket& bound) {
+        bound.State = E_State::BOUND;
+        bound.Channel = rfcomm->rc_channel;
+    });
+    return 0;
+}
+
+int listen(int fd, int backlog) __THROW
+{
+    if (!Is_Ours(fd)) return Real().Listen(fd, backlog);
+    const S_Fault fault = Begin("listen", std::to_string(backlog), Get_Socket(fd).Own);
+    if (fault.Error) return Fail(fault.Error);
+    if (Get_Socket(fd).State != E_State::BOUND) return Fail(EBADFD);
+    return Real().Listen(fd, backlog);
+}
+
+int accept(int fd, sockaddr* address, socklen_t* length)
+{
+    if (!Is_Ours(fd)) return Real().Accept(fd, address, length);
+    const S_Socket server = Get_Socket(fd);
+    const S_Fault fault = Begin("accept", "", server.Own);
+    if (fault.Error) return Fail(fault.Error);
+    sockaddr_storage client{};
+    socklen_t clientLength = sizeof(client);
+    const int accepted = Real().Accept(fd, reinterpret_cast<sockaddr*>(&client), &clientLength);
+    if (accepted < 0) return -1;
+    S_Socket socket;
+    socket.State = E_State::CONNECTED;
+    socket.Own = server.Own;
+    socket.Peer = Parse_Client(reinterpret_cast<const sockaddr*>(&client), clientLength).value_or("");
+    socket.Channel = server.Channel;
+    if (address && length) {
+        sockaddr_rc peer{};
+        peer.rc_family = AF_BLUETOOTH;
+        peer.rc_channel = static_cast<std::uint8_t>(server.Channel);
+        str2ba(socket.Peer.c_str(), &peer.rc_bdaddr);
+        memcpy(address, &peer, std::min<std::size_t>(*length, sizeof(peer)));
+        *length = sizeof(peer);
+    }
+    return Add_Socket(accepted, socket);
+}
+
+int connect(int fd, const sockaddr* address, socklen_t length)
+{
+    if (!Is_Ours(fd)) return Real().Connect(fd, address, length);
+    const auto* const rfcomm = reinterpret_cast<const sockaddr_rc*>(address);
+    if (length < sizeof(*rfcomm) || rfcomm->rc_family != AF_BLUETOOTH) return Fail(EINVAL);
+    const std::string peer = Get_Text(rfcomm->rc_bdaddr);
+    const std::string own = Get_Socket(fd).Own;
+    const S_Fault fault = Begin("connect", peer + ", " + std::to_string(rfcomm->rc_channel), own);
+    if (fault.Error) return Fail(fault.Error);
+    if (own.empty() || peer == own) return Fail(EHOSTUNREACH);
+    {
+        const std::lock_guard lock(State().Mutex);
+        S_Socket& socket = State().Sockets[fd];
+        if (socket.State != E_State::UNBOUND) return Fail(EBADFD);
+        for (const auto& [other, known] : State().Sockets) {
+            if (known.Own != own || known.Peer != peer || known.Channel != rfcomm->rc_channel) continue;
+            pollfd end{other, 0, 0};
+            const bool alive = known.State == E_State::CONNECTING || known.State == E_State::CONNECTED;
+            if (alive && poll(&end, 1, 0) == 0) return Fail(EBUSY);
+        }
+        socket.Peer = peer;
+        socket.Channel = rfcomm->rc_channel;
+        Start_Connecting(fd, socket);
+        Wake_Thread();
+    }
+    if (Real().Fcntl(fd, F_GETFL) & O_NONBLOCK) return Fail(EINPROGRESS);
+    pollfd writable{fd, POLLOUT, 0};
+    while (poll(&writable, 1, -1) < 0)
+        if (errno != EINTR) return -1;
+    int error = 0;
+    Change_Socket(fd, [&](S_Socket& socket) { std::swap(error, socket.Error); });
+    return error ? Fail(error) : 0;
+}
+
+int setsockopt(int fd, int level, int option, const void* value, socklen_t length) __THROW
+{
+    if (!Is_Ours(fd) || level == SOL_SOCKET) return Real().Setsockopt(fd, level, option, value, length);
+    const auto* const bytes = static_cast<const unsigned char*>(value);
+    const bool security = level == SOL_BLUETOOTH && option == BT_SECURITY;
+    std::string arguments = security ? "BT_SECURITY" : "RFCOMM_LM";
+    for (socklen_t i = 0; i < length; ++i)
+        arguments += " " + std::to_string(bytes[i]);
+    const S_Fault fault = Begin("setsockopt", arguments, Get_Socket(fd).Own);
+    if (fault.Error) return Fail(fault.Error);
+    if (security) return length > 0 && bytes[0] <= BT_SECURITY_HIGH ? 0 : Fail(EINVAL);
+    return level == SOL_RFCOMM && option == RFCOMM_LM ? 0 : Fail(ENOPROTOOPT);
+}
+
+int getsockopt(int fd, int level, int option, void* value, socklen_t* length) __THROW
+{
+    if (!Is_Ours(fd) || level != SOL_SOCKET || option != SO_ERROR)
+        return Real().Getsockopt(fd, level, option, value, length);
+    const S_Fault fault = Begin("getsockopt", "SO_ERROR", Get_Socket(fd).Own);
+    if (fault.Error) return Fail(fault.Error);
+    int error = 0;
+    Change_Socket(fd, [&](S_Socket& socket) { std::swap(error, socket.Error); });
+    memcpy(value, &error, std::min<std::size_t>(*length, sizeof(error)));
+    return 0;
+}
+
+int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* time)
+{
+    const auto has_ours = [count](const fd_set* set) {
+        bool ours = false;
+        for (int fd = 0; set && fd < std::min(count, FD_SETSIZE); ++fd)
+            ours = ours || (FD_ISSET(fd, set) && Is_Ours(fd));
+        return ours;
+    };
+    const bool reads = has_ours(readable);
+    if (reads || has_ours(writable)) {
+        char arguments[64] = "write";
+        if (time)
+            snprintf(arguments, sizeof(arguments), "%s, %ld.%06ld", reads ? "read" : "write",
+                     static_cast<long>(time->tv_sec), static_cast<long>(time->tv_usec));
+        const S_Fault fault = Begin("select", arguments);
+        if (fault.Error) return Fail(fault.Error);
+    }
+    return Real().Select(count, readable, writable, exceptional, time);
+}
+
+ssize_t recv(int fd, void* buffer, std::size_t size, int flags)
+{
+    return Is_Ours(fd) ? Receive(fd, buffer, size, flags) : Real().Recv(fd, buffer, size, flags);
+}
+
+// recv of programs built with _FORTIFY_SOURCE.
+ssize_t __recv_chk(int fd, void* buffer, std::size_t size, std::size_t bufferSize, int flags)
+{
+    if (size > bufferSize) abort();
+    return recv(fd, buffer, size, flags);
+}
+
+ssize_t send(int fd, const void* buffer, std::size_t size, int flags)
+{
+    if (!Is_Ours(fd)) return Real().Send(fd, buffer, size, flags);
+    const S_Fault fault = Begin("send", std::to_string(size), Get_Socket(fd).Own);
+    if (fault.Error) return Fail(fault.Error);
+    const S_Socket socket = Get_Socket(fd);
+    if (socket.State == E_State::FAILED) return Report_End(fd, flags, ENOTCONN);
+    if (socket.State != E_State::CONNECTED && socket.State != E_State::LOST) return Fail(ENOTCONN);
+    const ssize_t count = Real().Send(fd, buffer, std::min(size, fault.Limit), flags | MSG_NOSIGNAL);
+    if (count >= 0 || socket.Shut || (errno != EPIPE && errno != ECONNRESET)) return count;
+    return Report_End(fd, flags, ENOTCONN);
+}
+
+int fcntl(int fd, int command, ...)
+{
+    va_list list;
+    va_start(list, command);
+    void* const argument = va_arg(list, void*);  // wide enough for every command's
+    va_end(list);
+    if (Is_Ours(fd)) {
+        const bool nonBlocking = command == F_SETFL && (reinterpret_cast<std::intptr_t>(argument) & O_NONBLOCK) != 0;
+        const char* const name = command == F_GETFL ? "F_GETFL" : nonBlocking ? "F_SETFL, O_NONBLOCK" : "";
+        const S_Fault fault = Begin("fcntl", name, Get_Socket(fd).Own);
+        if (fault.Error) return Fail(fault.Error);
+    }
+    return Real().Fcntl(fd, command, argument);
+}
+
+int fcntl64(int fd, int command, ...) __attribute__((alias("fcntl")));
+
+int shutdown(int fd, int how) __THROW
+{
+    if (!Is_Ours(fd)) return Real().Shutdown(fd, how);
+    const S_Fault fault = Begin("shutdown", how == SHUT_RDWR ? "SHUT_RDWR" : "", Get_Socket(fd).Own);
+    if (fault.Error) return Fail(fault.Error);
+    Change_Socket(fd, [](S_Socket& socket) { socket.Shut = true; });
+    Real().Shutdown(fd, how);
+    return 0;
+}
+
+int close(int fd)
+{
+    if (!Is_Ours(fd)) return Real().Close(fd);
+    const S_Fault fault = Begin("close", "", Get_Socket(fd).Own);
+    const int result = Close_Ours(fd);  // closed even if told to fail
+    return fault.Error ? Fail(fault.Error) : result;
+}
+
+// ---- Adapter --------------------------------------------------------------------------------------------------------
+
+int hci_get_route(bdaddr_t* /*address*/)
+{
+    const S_Fault fault = Begin("hci_get_route");
+    if (fault.Error) return Fail(fault.Error);
+    return Get_Acting().empty() ? Fail(ENODEV) : 0;
+}
+
+int hci_open_dev(int adapter)
+{
+    const S_Fault fault = Begin("hci_open_dev", std::to_string(adapter));
+    if (fault.Error) return Fail(fault.Error);
+    if (Get_Acting().empty() || adapter != 0) return Fail(ENODEV);
+    return Open_Adapter(Get_Acting(), "");
+}
+
+int hci_close_dev(int fd)
+{
+    const S_Fault fault = Begin("hci_close_dev");
+    const int result = Close_Ours(fd);
+    return fault.Error ? Fail(fault.Error) : result;
+}
+
+int hci_inquiry(int adapter, int length, int maxResponses, const std::uint8_t* /*code*/, inquiry_info** responses,
+                long flags)
+{
+    const S_Fault fault = Begin("hci_inquiry", std::to_string(adapter) + ", " + std::to_string(length) + ", " +
+                                                   std::to_string(maxResponses) + ", " + std::to_string(flags));
+    if (fault.Error) return Fail(fault.Error);
+    const std::string own = Get_Acting();
+    if (own.empty() || adapter != 0) return Fail(ENODEV);
+    Sleep_Scaled(INQUIRY_UNIT * length / 2);
+    std::vector<inquiry_info> found;
+    for (const std::string& brick : List_Bricks()) {
+        if (brick == own || static_cast<int>(found.size()) == maxResponses) continue;
+        const auto description = Ask_Brick(brick);
+        if (!description || !description->Discoverable) continue;
+        str2ba(brick.c_str(), &found.emplace_back().bdaddr);
+    }
+    Sleep_Scaled(INQUIRY_UNIT * length / 2);
+    if (!*responses)
+        *responses = static_cast<inquiry_info*>(calloc(static_cast<std::size_t>(maxResponses), sizeof(**responses)));
+    std::copy(found.begin(), found.end(), *responses);
+    return static_cast<int>(found.size());
+}
+
+int hci_read_remote_name(int fd, const bdaddr_t* address, int size, char* name, int timeout)
+{
+    const S_Socket adapter = Get_Socket(fd);
+    const S_Fault fault = Begin("hci_read_remote_name", Get_Text(*address), adapter.Own);
+    if (fault.Error) return Fail(fault.Error);
+    if (!Is_Ours(fd) || adapter.State != E_State::ADAPTER) return Fail(ENOPROTOOPT);
+    const auto description = Ask_Brick(Get_Text(*address));
+    if (!description || !description->TellsName) {
+        const std::chrono::milliseconds wait(timeout);
+        const bool impatient = timeout > 0 && wait < PAGE_TIMEOUT;
+        Sleep_Scaled(impatient ? wait : PAGE_TIMEOUT);
+        return Fail(impatient ? ETIMEDOUT : EIO);
+    }
+    Sleep_Scaled(NAME_TIME);
+    strncpy(name, description->Name.c_str(), static_cast<std::size_t>(size));
+    return 0;
+}
+
+int hci_read_local_name(int fd, int size, char* name, int /*timeout*/)
+{
+    const S_Socket adapter = Get_Socket(fd);
+    const S_Fault fault = Begin("hci_read_local_name", "", adapter.Own);
+    if (fault.Error) return Fail(fault.Error);
+    if (!Is_Ours(fd) || adapter.State != E_State::ADAPTER) return Fail(ENOPROTOOPT);
+    const std::lock_guard lock(State().Mutex);
+    const auto own = State().Bricks.find(adapter.Own);
+    if (own == State().Bricks.end()) return Fail(ENODEV);
+    strncpy(name, own->second.Brick.Name.c_str(), static_cast<std::size_t>(size));
+    return 0;
+}
+
+// ---- Services -------------------------------------------------------------------------------------------------------
+
+sdp_session_t* sdp_connect(const bdaddr_t* /*own*/, const bdaddr_t* address, std::uint32_t /*flags*/)
+{
+    const std::string peer = Get_Text(*address);
+    int error = Begin("sdp_connect", peer).Error;
+    if (!error && Get_Acting().empty()) error = EHOSTUNREACH;
+    if (!error) {
+        const auto description = Ask_Brick(peer);
+        Sleep_Scaled(description ? NAME_TIME : PAGE_TIMEOUT);
+        if (!description)
+            error = EHOSTDOWN;
+        else if (!description->HasSdpServer)
+            error = ECONNREFUSED;
+    }
+    auto* const session = error ? nullptr : static_cast<sdp_session_t*>(calloc(1, sizeof(sdp_session_t)));
+    if (session)
+        session->sock = Open_Adapter(Get_Acting(), peer);
+    else
+        errno = error;
+    return session;
+}
+
+int sdp_service_search_attr_req(sdp_session_t* session, const sdp_list_t* search, sdp_attrreq_type_t /*type*/,
+                                const sdp_list_t* /*attributes*/, sdp_list_t** responses)
+{
+    const S_Socket own = Get_Socket(session->sock);
+    const S_Fault fault = Begin("sdp_service_search_attr_req", "", own.Own);
+    if (fault.Error) return Fail(fault.Error);
+    const auto description = Ask_Brick(own.Peer);
+    if (!description) return Fail(ETIMEDOUT);
+    for (const std::string& bytes : description->Records) {
+        int size = 0;
+        sdp_record_t* const record =
+            sdp_extract_pdu(reinterpret_cast<const std::uint8_t*>(bytes.data()), static_cast<int>(bytes.size()), &size);
+        if (record && Is_Wanted(record, *static_cast<const uuid_t*>(search->data)))
+            *responses = sdp_list_append(*responses, record);
+        else if (record)
+            sdp_record_free(record);
+    }
+    return 0;
+}
+
+int sdp_close(sdp_session_t* session)
+{
+    const S_Fault fault = Begin("sdp_close");
+    const int result = Close_Ours(session->sock);
+    free(session);
+    return fault.Error ? Fail(fault.Error) : result;
+}
+
+}  // extern "C"

@@ -1,0 +1,164 @@
+// Faults on request, and the trace.
+#include "sim/air_state.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+
+namespace tav_air {
+
+namespace {
+
+constexpr const char* CALLS[] = {
+    "socket",
+    "bind",
+    "listen",
+    "accept",
+    "connect",
+    "select",
+    "setsockopt",
+    "getsockopt",
+    "recv",
+    "send",
+    "fcntl",
+    "shutdown",
+    "close",
+    "hci_get_route",
+    "hci_open_dev",
+    "hci_inquiry",
+    "hci_read_remote_name",
+    "hci_read_local_name",
+    "hci_close_dev",
+    "sdp_connect",
+    "sdp_service_search_attr_req",
+    "sdp_close",
+};
+constexpr int LAST_ERRNO = 133;
+
+struct S_Rule
+{
+    std::string Call;
+    unsigned long At = 0;  // 0: every call
+    S_Fault Fault;
+    unsigned long Count = 0;
+};
+
+struct S_Trace
+{
+    std::mutex Mutex;  // guards all that follows
+    std::vector<S_Rule> Rules;
+    bool On = false;
+    std::vector<std::string> Lines;
+};
+
+S_Trace& Trace()
+{
+    static S_Trace& trace = *new S_Trace;
+    return trace;
+}
+
+int Get_Errno(const std::string& name)
+{
+    for (int error = 1; error <= LAST_ERRNO; ++error) {
+        const char* const known = strerrorname_np(error);
+        if (known && name == known) return error;
+    }
+    return 0;
+}
+
+bool Parse_Number(const std::string& text, unsigned long& number)
+{
+    if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos) return false;
+    number = std::stoul(text);
+    return true;
+}
+
+// What is wrong with the rule CALL:N=EFFECT; empty: nothing.
+std::string Parse_Rule(const std::string& text, S_Rule& rule)
+{
+    const std::size_t colon = text.find(':');
+    const std::size_t equals = text.find('=');
+    if (colon == std::string::npos || equals == std::string::npos || colon > equals)
+        return "'" + text + "' is not of the form CALL:N=EFFECT";
+    rule.Call = text.substr(0, colon);
+    const std::string at = text.substr(colon + 1, equals - colon - 1);
+    const std::string effect = text.substr(equals + 1);
+    if (std::find(std::begin(CALLS), std::end(CALLS), rule.Call) == std::end(CALLS))
+        return "'" + rule.Call + "' in '" + text + "' is no call that can fail";
+    if (at != "*" && (!Parse_Number(at, rule.At) || rule.At == 0))
+        return "'" + at + "' in '" + text + "' is neither a number from 1 on nor *";
+    unsigned long limit = 0;
+    if (effect == "vanish") {
+        rule.Fault.Vanish = true;
+    } else if (effect.rfind("short:", 0) == 0 && (rule.Call == "send" || rule.Call == "recv") &&
+               Parse_Number(effect.substr(6), limit) && limit > 0) {
+        rule.Fault.Limit = limit;
+    } else {
+        rule.Fault.Error = Get_Errno(effect);
+        if (rule.Fault.Error == 0)
+            return "'" + effect + "' in '" + text +
+                   "' is neither the name of an errno (EIO, ...) nor vanish nor, for send and recv, short:BYTES";
+    }
+    return "";
+}
+
+}  // namespace
+
+std::string Add_Faults(const std::string& rules)
+{
+    std::vector<S_Rule> added;
+    std::istringstream words(rules);
+    for (std::string word; words >> word;) {
+        const std::string wrong = Parse_Rule(word, added.emplace_back());
+        if (!wrong.empty()) return wrong;
+    }
+    const std::lock_guard lock(Trace().Mutex);
+    Trace().Rules.insert(Trace().Rules.end(), added.begin(), added.end());
+    return "";
+}
+
+void Clear_Faults()
+{
+    const std::lock_guard lock(Trace().Mutex);
+    Trace().Rules.clear();
+}
+
+void Start_Trace()
+{
+    const std::lock_guard lock(Trace().Mutex);
+    Trace().On = true;
+    Trace().Lines.clear();
+}
+
+void Record(const std::string& line)
+{
+    const std::lock_guard lock(Trace().Mutex);
+    if (Trace().On) Trace().Lines.push_back(line);
+}
+
+std::vector<std::string> Get_Trace()
+{
+    const std::lock_guard lock(Trace().Mutex);
+    return Trace().Lines;
+}
+
+S_Fault Begin_Call(const char* call, const std::string& arguments)
+{
+    static const bool print = getenv("TAV_AIR_TRACE") != nullptr;
+    const std::string line = std::string(call) + "(" + arguments + ")";
+    if (print) fprintf(stderr, "air: %s\n", line.c_str());
+    Record(line);
+    S_Fault fault;
+    const std::lock_guard lock(Trace().Mutex);
+    for (S_Rule& rule : Trace().Rules) {
+        if (rule.Call != call || (++rule.Count != rule.At && rule.At != 0)) continue;
+        fault.Error = rule.Fault.Error ? rule.Fault.Error : fault.Error;
+        fault.Limit = std::min(rule.Fault.Limit, fault.Limit);
+        fault.Vanish = rule.Fault.Vanish || fault.Vanish;
+    }
+    return fault;
+}
+
+}  // namespace tav_air

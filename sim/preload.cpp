@@ -1,0 +1,96 @@
+// Puts a program on the air as one brick, as the environment says, before its main starts (libtav_air.so only).
+#include "sim/air.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <unistd.h>
+
+namespace {
+
+[[noreturn]] void Refuse(const char* variable, const std::string& why)
+{
+    fprintf(stderr, "air: %s: %s\n", variable, why.c_str());
+    _exit(2);
+}
+
+std::string Get_Variable(const char* name, const std::string& byDefault = "")
+{
+    const char* const value = getenv(name);
+    return value ? value : byDefault;
+}
+
+bool Is_Address(const std::string& text)
+{
+    if (text.size() != 17) return false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool digit = (text[i] >= '0' && text[i] <= '9') || (text[i] >= 'A' && text[i] <= 'F');
+        if (i % 3 == 2 ? text[i] != ':' : !digit) return false;
+    }
+    return true;
+}
+
+// NAME[|DESCRIPTION[|PROVIDER]]=CHANNEL, one a line.
+std::vector<tav_air::S_Service> Parse_Services(const std::string& text)
+{
+    std::vector<tav_air::S_Service> services;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.empty()) continue;
+        const std::size_t equals = line.rfind('=');
+        const std::string number = equals == std::string::npos ? "" : line.substr(equals + 1);
+        const bool valid = !number.empty() && number.size() <= 2 &&
+                           number.find_first_not_of("0123456789") == std::string::npos && std::stoi(number) <= 30;
+        if (!valid)
+            Refuse("TAV_AIR_SERVICES", "'" + line + "' is not NAME[|DESCRIPTION[|PROVIDER]]=CHANNEL, channel 0 to 30");
+        std::istringstream texts(line.substr(0, equals));
+        tav_air::S_Service& service = services.emplace_back();
+        std::getline(texts, service.Name, '|');
+        std::getline(texts, service.Description, '|');
+        std::getline(texts, service.Provider, '|');
+        service.Channel = std::stoi(number);
+    }
+    return services;
+}
+
+void Set_State(tav_air::S_Brick& brick, const std::string& text)
+{
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        if (word == "absent")
+            brick.Present = false;
+        else if (word == "hidden")
+            brick.Discoverable = false;
+        else if (word == "nameless")
+            brick.TellsName = false;
+        else if (word == "no-sdp")
+            brick.HasSdpServer = false;
+        else
+            Refuse("TAV_AIR_STATE", "'" + word + "' is none of absent, hidden, nameless, no-sdp");
+    }
+}
+
+__attribute__((constructor)) void Start()
+{
+    const std::string speedText = Get_Variable("TAV_AIR_SPEED", "1");
+    char* end = nullptr;
+    const double speed = strtod(speedText.c_str(), &end);
+    if (speedText.empty() || *end != 0 || !(speed > 0) || speed > 1e6)
+        Refuse("TAV_AIR_SPEED", "'" + speedText + "' is not a number above 0, at most 1000000");
+    if (!tav_air::Enter(Get_Variable("TAV_AIR", "air"), speed))
+        Refuse("TAV_AIR", "'" + Get_Variable("TAV_AIR") + "' is not 1 to 40 letters, digits, '-', '_' or '.'");
+    const std::string wrong = tav_air::Add_Faults(Get_Variable("TAV_AIR_FAULTS"));
+    if (!wrong.empty()) Refuse("TAV_AIR_FAULTS", wrong);
+    tav_air::S_Brick brick;
+    brick.Name = Get_Variable("TAV_AIR_BRICK");
+    if (brick.Name.empty()) return;  // no adapter
+    if (brick.Name.size() > 248) Refuse("TAV_AIR_BRICK", "a name has at most 248 bytes");
+    brick.Address = Get_Variable("TAV_AIR_ADDRESS", tav_air::Get_Address(brick.Name));
+    if (!Is_Address(brick.Address))
+        Refuse("TAV_AIR_ADDRESS", "'" + brick.Address + "' is not an address like 02:00:00:00:00:01");
+    brick.Services = Parse_Services(Get_Variable("TAV_AIR_SERVICES"));
+    Set_State(brick, Get_Variable("TAV_AIR_STATE"));
+    tav_air::Put(brick);
+}
+
+}  // namespace
