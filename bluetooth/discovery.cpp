@@ -99,6 +99,16 @@ void Read_Text(const sdp_record_t* record, int (*get)(const sdp_record_t*, char*
     WriteLog_Dbg("C_TAV_Bluetooth::Get_BT_Services - Service %s : %s", what, text.c_str());
 }
 
+// Reads the RFCOMM channel from a record's protocol list, of which only the top level is released, on purpose.
+void Read_Port(const sdp_record_t* record, int& port)
+{
+    sdp_list_t* protocols = nullptr;
+    if (sdp_get_access_protos(record, &protocols) != 0 || !protocols) return;
+    port = sdp_get_proto_port(protocols, RFCOMM_UUID);
+    sdp_list_free(protocols, nullptr);
+    WriteLog_Dbg("C_TAV_Bluetooth::Get_BT_Services - Port : %d", port);
+}
+
 S_BT_ServicesData Read_Service(const C_TAV_Bluetooth& bluetooth, const sdp_record_t* record)
 {
     S_BT_ServicesData service{};
@@ -113,12 +123,7 @@ S_BT_ServicesData Read_Service(const C_TAV_Bluetooth& bluetooth, const sdp_recor
     Read_Text(record, sdp_get_service_name, "Name", service.Name);
     Read_Text(record, sdp_get_service_desc, "Description", service.Description);
     Read_Text(record, sdp_get_provider_name, "Provider", service.Provider);
-    list = nullptr;
-    if (sdp_get_access_protos(record, &list) == 0 && list) {
-        service.PortRFCOMM = sdp_get_proto_port(list, RFCOMM_UUID);
-        sdp_list_free(list, nullptr);  // its top level only, on purpose
-        WriteLog_Dbg("C_TAV_Bluetooth::Get_BT_Services - Port : %d", service.PortRFCOMM);
-    }
+    Read_Port(record, service.PortRFCOMM);
     return service;
 }
 

@@ -8,20 +8,16 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <bluetooth/bluetooth.h>
-#include <bluetooth/rfcomm.h>
-#include <bluetooth/sdp.h>
-#include <bluetooth/sdp_lib.h>
 #include <cctype>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
 #include <set>
+#include <sstream>
 #include <sys/eventfd.h>
 #include <sys/un.h>
 #include <thread>
@@ -40,12 +36,6 @@ constexpr std::chrono::milliseconds SHARE_RETRY{250};       // a brick shared wi
 
 thread_local std::optional<std::string> t_Acting;
 std::array<std::atomic<bool>, FD_SETSIZE> g_Ours;
-
-template <typename FUNCTION>
-void Find_Next(FUNCTION& function, const char* name)
-{
-    function = reinterpret_cast<FUNCTION>(dlsym(RTLD_NEXT, name));
-}
 
 // ---- Names on the air -----------------------------------------------------------------------------------------------
 
@@ -80,88 +70,41 @@ int Open_UnixSocket(int type)
 
 // ---- Descriptions ---------------------------------------------------------------------------------------------------
 
-// The record's bytes, as an SDP server sends them.
-std::string Build_Record(const S_Service& service)
-{
-    const auto optional = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };
-    sdp_record_t* const record = sdp_record_alloc();
-    uuid_t uuid{};
-    const auto set_list = [&](std::uint16_t value, int (*set)(sdp_record_t*, sdp_list_t*)) {
-        sdp_uuid16_create(&uuid, value);
-        sdp_list_t* const list = sdp_list_append(nullptr, &uuid);
-        set(record, list);
-        sdp_list_free(list, nullptr);
-    };
-    set_list(PUBLIC_BROWSE_GROUP, sdp_set_browse_groups);
-    set_list(SERIAL_PORT_SVCLASS_ID, sdp_set_service_classes);
-    if (service.Id != 0) {
-        sdp_uuid16_create(&uuid, service.Id);
-        sdp_set_service_id(record, uuid);
-    }
-    if (service.Channel >= 0) {
-        uuid_t l2cap{};
-        uuid_t rfcomm{};
-        const auto channel = static_cast<std::uint8_t>(service.Channel);
-        sdp_list_t* protocols =
-            sdp_list_append(nullptr, sdp_list_append(nullptr, sdp_uuid16_create(&l2cap, L2CAP_UUID)));
-        sdp_data_t* const port = sdp_data_alloc(SDP_UINT8, &channel);
-        if (service.Channel > 0) {
-            sdp_list_t* const entry = sdp_list_append(nullptr, sdp_uuid16_create(&rfcomm, RFCOMM_UUID));
-            protocols = sdp_list_append(protocols, sdp_list_append(entry, port));
-        }
-        sdp_list_t* const access = sdp_list_append(nullptr, protocols);
-        sdp_set_access_protos(record, access);
-        sdp_profile_desc_t profile{};
-        sdp_uuid16_create(&profile.uuid, SERIAL_PORT_PROFILE_ID);
-        profile.version = 0x0100;
-        sdp_list_t* const profiles = sdp_list_append(nullptr, &profile);
-        sdp_set_profile_descs(record, profiles);
-        sdp_list_free(profiles, nullptr);
-        sdp_data_free(port);
-        sdp_list_free(access, nullptr);
-        sdp_list_free(protocols, [](void* entry) { sdp_list_free(static_cast<sdp_list_t*>(entry), nullptr); });
-    }
-    sdp_set_info_attr(record, optional(service.Name), optional(service.Provider), optional(service.Description));
-    sdp_buf_t pdu{};
-    std::string bytes;
-    if (sdp_gen_record_pdu(record, &pdu) == 0) bytes.assign(reinterpret_cast<const char*>(pdu.data), pdu.data_size);
-    free(pdu.data);
-    sdp_record_free(record);
-    return bytes;
-}
-
-// On the way between processes: flags, name, NUL, and each record behind its length (4 bytes).
+// On the way between processes: each text or number, ended by NUL.
 std::string Pack(const S_Brick& brick)
 {
-    std::string packed(1, static_cast<char>(brick.Discoverable | brick.TellsName << 1 | brick.HasSdpServer << 2));
-    packed += brick.Name.c_str();
-    packed += '\0';
+    std::string packed;
+    const auto add = [&packed](const std::string& text) { packed.append(text.c_str(), text.size() + 1); };
+    add(brick.Name);
+    for (const bool flag : {brick.Discoverable, brick.TellsName, brick.HasSdpServer})
+        add(std::to_string(flag));
     for (const S_Service& service : brick.Services) {
-        const std::string record = Build_Record(service);
-        const auto size = static_cast<std::uint32_t>(record.size());
-        packed.append(reinterpret_cast<const char*>(&size), sizeof(size));
-        packed += record;
+        for (const std::string& text : {service.Name, service.Description, service.Provider})
+            add(text);
+        add(std::to_string(service.Channel));
+        add(std::to_string(service.Id));
     }
     return packed;
 }
 
-std::optional<S_Description> Unpack(const std::string& packed)
+S_Brick Unpack(const std::string& packed)
 {
-    const std::size_t end = packed.find('\0', 1);
-    if (packed.empty() || end == std::string::npos) return std::nullopt;
-    S_Description description;
-    description.Discoverable = packed[0] & 1;
-    description.TellsName = packed[0] & 2;
-    description.HasSdpServer = packed[0] & 4;
-    description.Name = packed.substr(1, end - 1);
-    std::uint32_t size = 0;
-    for (std::size_t pos = end + 1; pos + sizeof(size) <= packed.size(); pos += size) {
-        memcpy(&size, packed.data() + pos, sizeof(size));
-        pos += sizeof(size);
-        if (size > packed.size() - pos) return std::nullopt;
-        description.Records.push_back(packed.substr(pos, size));
+    std::istringstream texts(packed);
+    std::string text;
+    const auto take = [&]() -> const std::string& { return std::getline(texts, text, '\0'), text; };
+    S_Brick brick;
+    brick.Name = take();
+    brick.Discoverable = take() == "1";
+    brick.TellsName = take() == "1";
+    brick.HasSdpServer = take() == "1";
+    while (texts.peek() != EOF) {
+        S_Service& service = brick.Services.emplace_back();
+        for (std::string* field : {&service.Name, &service.Description, &service.Provider})
+            *field = take();
+        service.Channel = atoi(take().c_str());
+        service.Id = static_cast<std::uint16_t>(atoi(take().c_str()));
     }
-    return description;
+    return brick;
 }
 
 // ---- Stand-ins ------------------------------------------------------------------------------------------------------
@@ -290,6 +233,8 @@ void Answer_All(const S_Local& local)
         {
             const std::lock_guard lock(State().Mutex);
             next = Do_Due();
+            ++State().Cycles;
+            State().Cycled.notify_all();
             for (const auto& [address, local] : State().Bricks) {
                 if (local.Control < 0) continue;
                 Answer_All(local);
@@ -319,23 +264,7 @@ void Close_Local(S_Local& local)
 
 const S_Real& Real()
 {
-    static const S_Real real = [] {
-        S_Real next{};
-        Find_Next(next.Socket, "socket");
-        Find_Next(next.Bind, "bind");
-        Find_Next(next.Listen, "listen");
-        Find_Next(next.Accept, "accept");
-        Find_Next(next.Connect, "connect");
-        Find_Next(next.Setsockopt, "setsockopt");
-        Find_Next(next.Getsockopt, "getsockopt");
-        Find_Next(next.Select, "select");
-        Find_Next(next.Recv, "recv");
-        Find_Next(next.Send, "send");
-        Find_Next(next.Fcntl, "fcntl");
-        Find_Next(next.Shutdown, "shutdown");
-        Find_Next(next.Close, "close");
-        return next;
-    }();
+    static const S_Real real;
     return real;
 }
 
@@ -460,7 +389,7 @@ std::vector<std::string> List_Bricks()
     return bricks;
 }
 
-std::optional<S_Description> Ask_Brick(const std::string& address)
+std::optional<S_Brick> Ask_Brick(const std::string& address)
 {
     const int asker = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
     int connected = -1;
@@ -529,7 +458,7 @@ bool Enter(const std::string& air, double speed)
 
 void Put(const S_Brick& brick)
 {
-    const std::lock_guard lock(State().Mutex);
+    std::unique_lock lock(State().Mutex);
     if (State().Wake < 0) {
         State().Wake = eventfd(0, EFD_CLOEXEC);
         std::thread(Run_Thread, State().Wake).detach();
@@ -539,11 +468,11 @@ void Put(const S_Brick& brick)
     const bool silent = local.Brick.Present && !brick.Present;
     local.Brick = brick;
     if (silent) Fall_Silent(brick.Address);
-    if (brick.Present) {
-        Close_Far(local.Gone);
-        if (local.Control < 0) Listen_Control(local);
-    }
+    if (brick.Present) Close_Far(local.Gone);
+    // A name stays taken until the thread has left its wait on it: the thread, not this one, listens.
+    const unsigned long cycles = State().Cycles;
     Wake_Thread();
+    State().Cycled.wait(lock, [&] { return State().Cycles > cycles; });
 }
 
 void Act_As(const std::string& address)

@@ -4,6 +4,8 @@
 #include "sim/air.h"
 
 #include <chrono>
+#include <condition_variable>
+#include <dlfcn.h>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -25,22 +27,32 @@ constexpr std::chrono::milliseconds NAME_TIME{5};        // asking a device in r
 constexpr std::chrono::milliseconds RELEASE_TIME{50};    // a peer refuses this long after the last connection to it
 constexpr std::chrono::milliseconds SUPERVISION{20000};  // until a silent link is given up
 
-// The calls that this library takes the place of.
+// Finds the call that this library takes the place of.
+struct S_Next
+{
+    const char* Name;
+    template <typename FUNCTION>
+    operator FUNCTION*() const
+    {
+        return reinterpret_cast<FUNCTION*>(dlsym(RTLD_NEXT, Name));
+    }
+};
+
 struct S_Real
 {
-    int (*Socket)(int, int, int);
-    int (*Bind)(int, const sockaddr*, socklen_t);
-    int (*Listen)(int, int);
-    int (*Accept)(int, sockaddr*, socklen_t*);
-    int (*Connect)(int, const sockaddr*, socklen_t);
-    int (*Setsockopt)(int, int, int, const void*, socklen_t);
-    int (*Getsockopt)(int, int, int, void*, socklen_t*);
-    int (*Select)(int, fd_set*, fd_set*, fd_set*, timeval*);
-    ssize_t (*Recv)(int, void*, size_t, int);
-    ssize_t (*Send)(int, const void*, size_t, int);
-    int (*Fcntl)(int, int, ...);
-    int (*Shutdown)(int, int);
-    int (*Close)(int);
+    int (*Socket)(int, int, int) = S_Next{"socket"};
+    int (*Bind)(int, const sockaddr*, socklen_t) = S_Next{"bind"};
+    int (*Listen)(int, int) = S_Next{"listen"};
+    int (*Accept)(int, sockaddr*, socklen_t*) = S_Next{"accept"};
+    int (*Connect)(int, const sockaddr*, socklen_t) = S_Next{"connect"};
+    int (*Setsockopt)(int, int, int, const void*, socklen_t) = S_Next{"setsockopt"};
+    int (*Getsockopt)(int, int, int, void*, socklen_t*) = S_Next{"getsockopt"};
+    int (*Select)(int, fd_set*, fd_set*, fd_set*, timeval*) = S_Next{"select"};
+    ssize_t (*Recv)(int, void*, size_t, int) = S_Next{"recv"};
+    ssize_t (*Send)(int, const void*, size_t, int) = S_Next{"send"};
+    int (*Fcntl)(int, int, ...) = S_Next{"fcntl"};
+    int (*Shutdown)(int, int) = S_Next{"shutdown"};
+    int (*Close)(int) = S_Next{"close"};
 };
 const S_Real& Real();
 
@@ -63,7 +75,8 @@ struct S_Socket
     std::string Own;  // addresses
     std::string Peer;
     int Channel = 0;
-    int Error = 0;           // FAILED: not yet reported
+    int Error = 0;  // FAILED: not yet reported
+    bool Outgoing = false;
     bool Ended = false;      // the end of the connection was reported
     bool Shut = false;       // by this side
     int Far = -1;            // the other end of a stand-in
@@ -80,16 +93,6 @@ struct S_Local
     int Gone = -1;     // marks a brick that fell silent
 };
 
-// What a brick tells about itself, and its SDP records as a server sends them.
-struct S_Description
-{
-    bool Discoverable = false;
-    bool TellsName = false;
-    bool HasSdpServer = false;
-    std::string Name;
-    std::vector<std::string> Records;
-};
-
 struct S_State
 {
     std::mutex Mutex;  // guards all that follows; never held while waiting
@@ -99,7 +102,9 @@ struct S_State
     std::string First;                      // the default of Act_As
     std::map<int, S_Socket> Sockets;
     std::map<std::pair<std::string, std::string>, Clock::time_point> Released;  // by own and peer address
-    int Wake = -1;  // eventfd of the air's thread; -1: not started
+    int Wake = -1;             // eventfd of the air's thread; -1: not started
+    unsigned long Cycles = 0;  // of the thread
+    std::condition_variable Cycled;
 };
 
 // The state is never destroyed: programs close sockets until their very end.
@@ -124,8 +129,8 @@ std::string Get_ListenName(const std::string& address, int channel);
 
 // Without it.
 void Wake_Thread();
-std::vector<std::string> List_Bricks();                              // addresses of all bricks in range
-std::optional<S_Description> Ask_Brick(const std::string& address);  // nothing when it is not in range
+std::vector<std::string> List_Bricks();                        // addresses of all bricks in range
+std::optional<S_Brick> Ask_Brick(const std::string& address);  // what it tells; nothing when not in range
 void Sleep_Scaled(Clock::duration real);
 
 // What is to go wrong with a call.

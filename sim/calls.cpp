@@ -63,9 +63,17 @@ S_Fault Begin(const char* call, const std::string& arguments, const std::string&
     return fault;
 }
 
-S_Fault Begin(const char* call, const std::string& arguments = "")
+// For calls that only may fail: true, with errno, when this one is to.
+bool Fails(const char* call, const std::string& arguments, const std::string& brick)
 {
-    return Begin(call, arguments, Get_Acting());
+    const int error = Begin(call, arguments, brick).Error;
+    if (error) errno = error;
+    return error != 0;
+}
+
+bool Fails(const char* call, const std::string& arguments = "")
+{
+    return Fails(call, arguments, Get_Acting());
 }
 
 // A new descriptor; one that select could not take is refused.
@@ -139,24 +147,52 @@ ssize_t Receive(int fd, void* buffer, std::size_t size, int flags)
 
 // ---- Services -------------------------------------------------------------------------------------------------------
 
-bool Has_Uuid(sdp_list_t* list, const uuid_t& wanted)
+// A protocol with a parameter or, for a null `port`, without.
+sdp_list_t* Build_Protocol(uuid_t* uuid, std::uint16_t protocol, sdp_data_t* port)
 {
-    bool found = false;
-    for (const sdp_list_t* node = list; node; node = node->next)
-        found = found || sdp_uuid_cmp(node->data, &wanted) == 0;
-    sdp_list_free(list, free);
-    return found;
+    sdp_list_t* const list = sdp_list_append(nullptr, sdp_uuid16_create(uuid, protocol));
+    return port ? sdp_list_append(list, port) : list;
 }
 
-// True when a record stands in the wanted browse group or has the wanted service class.
-bool Is_Wanted(const sdp_record_t* record, const uuid_t& wanted)
+void Set_Protocols(sdp_record_t* record, int channel)
 {
-    sdp_list_t* groups = nullptr;
-    sdp_list_t* classes = nullptr;
-    sdp_get_browse_groups(record, &groups);
-    sdp_get_service_classes(record, &classes);
-    const bool group = Has_Uuid(groups, wanted);
-    return Has_Uuid(classes, wanted) || group;
+    uuid_t l2cap{};
+    uuid_t rfcomm{};
+    const auto number = static_cast<std::uint8_t>(channel);
+    sdp_data_t* const port = sdp_data_alloc(SDP_UINT8, &number);
+    sdp_list_t* protocols = sdp_list_append(nullptr, Build_Protocol(&l2cap, L2CAP_UUID, nullptr));
+    if (channel > 0) protocols = sdp_list_append(protocols, Build_Protocol(&rfcomm, RFCOMM_UUID, port));
+    sdp_list_t* const access = sdp_list_append(nullptr, protocols);
+    sdp_set_access_protos(record, access);
+    sdp_list_free(access, nullptr);
+    sdp_list_free(protocols, [](void* protocol) { sdp_list_free(static_cast<sdp_list_t*>(protocol), nullptr); });
+    sdp_data_free(port);
+}
+
+sdp_record_t* Build_Record(const S_Service& service)
+{
+    const auto optional = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };
+    sdp_record_t* const record = sdp_record_alloc();
+    uuid_t uuid{};
+    sdp_profile_desc_t profile{};
+    profile.version = 0x0100;
+    sdp_uuid16_create(&profile.uuid, SERIAL_PORT_PROFILE_ID);
+    sdp_list_t* const profiles = sdp_list_append(nullptr, &profile);
+    sdp_list_t* const classes = sdp_list_append(nullptr, sdp_uuid16_create(&uuid, SERIAL_PORT_SVCLASS_ID));
+    sdp_set_profile_descs(record, profiles);
+    sdp_set_service_classes(record, classes);
+    sdp_list_free(profiles, nullptr);
+    sdp_list_free(classes, nullptr);
+    if (service.Id != 0) sdp_set_service_id(record, *sdp_uuid16_create(&uuid, service.Id));
+    if (service.Channel >= 0) Set_Protocols(record, service.Channel);
+    sdp_set_info_attr(record, optional(service.Name), optional(service.Provider), optional(service.Description));
+    sdp_buf_t bytes{};  // only a record that was received has texts that end in NUL
+    sdp_gen_record_pdu(record, &bytes);
+    sdp_record_free(record);
+    int size = 0;
+    sdp_record_t* const received = sdp_extract_pdu(bytes.data, static_cast<int>(bytes.data_size), &size);
+    free(bytes.data);
+    return received;
 }
 
 }  // namespace
@@ -168,8 +204,7 @@ extern "C" {
 int socket(int domain, int type, int protocol) __THROW
 {
     if (domain != AF_BLUETOOTH) return Real().Socket(domain, type, protocol);
-    const S_Fault fault = Begin("socket");
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("socket")) return -1;
     if ((type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != SOCK_STREAM || protocol != BTPROTO_RFCOMM)
         return Fail(EPROTONOSUPPORT);
     S_Socket socket;
@@ -183,8 +218,7 @@ int bind(int fd, const sockaddr* address, socklen_t length) __THROW
     const auto* const rfcomm = reinterpret_cast<const sockaddr_rc*>(address);
     if (length < sizeof(*rfcomm) || rfcomm->rc_family != AF_BLUETOOTH) return Fail(EINVAL);
     const S_Socket socket = Get_Socket(fd);
-    const S_Fault fault = Begin("bind", std::to_string(rfcomm->rc_channel), socket.Own);
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("bind", std::to_string(rfcomm->rc_channel), socket.Own)) return -1;
     const bdaddr_t any{};
     if (bacmp(&rfcomm->rc_bdaddr, &any) != 0 && Get_Text(rfcomm->rc_bdaddr) != socket.Own) return Fail(EADDRNOTAVAIL);
     if (rfcomm->rc_channel == 0) return 0;  // a client that chooses its adapter
@@ -199,8 +233,7 @@ int bind(int fd, const sockaddr* address, socklen_t length) __THROW
 int listen(int fd, int backlog) __THROW
 {
     if (!Is_Ours(fd)) return Real().Listen(fd, backlog);
-    const S_Fault fault = Begin("listen", std::to_string(backlog), Get_Socket(fd).Own);
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("listen", std::to_string(backlog), Get_Socket(fd).Own)) return -1;
     if (Get_Socket(fd).State != E_State::BOUND) return Fail(EBADFD);
     return Real().Listen(fd, backlog);
 }
@@ -209,8 +242,7 @@ int accept(int fd, sockaddr* address, socklen_t* length)
 {
     if (!Is_Ours(fd)) return Real().Accept(fd, address, length);
     const S_Socket server = Get_Socket(fd);
-    const S_Fault fault = Begin("accept", "", server.Own);
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("accept", "", server.Own)) return -1;
     sockaddr_storage client{};
     socklen_t clientLength = sizeof(client);
     const int accepted = Real().Accept(fd, reinterpret_cast<sockaddr*>(&client), &clientLength);
@@ -238,8 +270,7 @@ int connect(int fd, const sockaddr* address, socklen_t length)
     if (length < sizeof(*rfcomm) || rfcomm->rc_family != AF_BLUETOOTH) return Fail(EINVAL);
     const std::string peer = Get_Text(rfcomm->rc_bdaddr);
     const std::string own = Get_Socket(fd).Own;
-    const S_Fault fault = Begin("connect", peer + ", " + std::to_string(rfcomm->rc_channel), own);
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("connect", peer + ", " + std::to_string(rfcomm->rc_channel), own)) return -1;
     if (own.empty() || peer == own) return Fail(EHOSTUNREACH);
     {
         const std::lock_guard lock(State().Mutex);
@@ -249,8 +280,9 @@ int connect(int fd, const sockaddr* address, socklen_t length)
             if (known.Own != own || known.Peer != peer || known.Channel != rfcomm->rc_channel) continue;
             pollfd end{other, 0, 0};
             const bool alive = known.State == E_State::CONNECTING || known.State == E_State::CONNECTED;
-            if (alive && poll(&end, 1, 0) == 0) return Fail(EBUSY);
+            if (known.Outgoing && alive && poll(&end, 1, 0) == 0) return Fail(EBUSY);
         }
+        socket.Outgoing = true;
         socket.Peer = peer;
         socket.Channel = rfcomm->rc_channel;
         Start_Connecting(fd, socket);
@@ -273,8 +305,7 @@ int setsockopt(int fd, int level, int option, const void* value, socklen_t lengt
     std::string arguments = security ? "BT_SECURITY" : "RFCOMM_LM";
     for (socklen_t i = 0; i < length; ++i)
         arguments += " " + std::to_string(bytes[i]);
-    const S_Fault fault = Begin("setsockopt", arguments, Get_Socket(fd).Own);
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("setsockopt", arguments, Get_Socket(fd).Own)) return -1;
     if (security) return length > 0 && bytes[0] <= BT_SECURITY_HIGH ? 0 : Fail(EINVAL);
     return level == SOL_RFCOMM && option == RFCOMM_LM ? 0 : Fail(ENOPROTOOPT);
 }
@@ -283,8 +314,7 @@ int getsockopt(int fd, int level, int option, void* value, socklen_t* length) __
 {
     if (!Is_Ours(fd) || level != SOL_SOCKET || option != SO_ERROR)
         return Real().Getsockopt(fd, level, option, value, length);
-    const S_Fault fault = Begin("getsockopt", "SO_ERROR", Get_Socket(fd).Own);
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("getsockopt", "SO_ERROR", Get_Socket(fd).Own)) return -1;
     int error = 0;
     Change_Socket(fd, [&](S_Socket& socket) { std::swap(error, socket.Error); });
     memcpy(value, &error, std::min<std::size_t>(*length, sizeof(error)));
@@ -305,8 +335,7 @@ int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, t
         if (time)
             snprintf(arguments, sizeof(arguments), "%s, %ld.%06ld", reads ? "read" : "write",
                      static_cast<long>(time->tv_sec), static_cast<long>(time->tv_usec));
-        const S_Fault fault = Begin("select", arguments);
-        if (fault.Error) return Fail(fault.Error);
+        if (Fails("select", arguments)) return -1;
     }
     return Real().Select(count, readable, writable, exceptional, time);
 }
@@ -345,8 +374,7 @@ int fcntl(int fd, int command, ...)
     if (Is_Ours(fd)) {
         const bool nonBlocking = command == F_SETFL && (reinterpret_cast<std::intptr_t>(argument) & O_NONBLOCK) != 0;
         const char* const name = command == F_GETFL ? "F_GETFL" : nonBlocking ? "F_SETFL, O_NONBLOCK" : "";
-        const S_Fault fault = Begin("fcntl", name, Get_Socket(fd).Own);
-        if (fault.Error) return Fail(fault.Error);
+        if (Fails("fcntl", name, Get_Socket(fd).Own)) return -1;
     }
     return Real().Fcntl(fd, command, argument);
 }
@@ -356,8 +384,7 @@ int fcntl64(int fd, int command, ...) __attribute__((alias("fcntl")));
 int shutdown(int fd, int how) __THROW
 {
     if (!Is_Ours(fd)) return Real().Shutdown(fd, how);
-    const S_Fault fault = Begin("shutdown", how == SHUT_RDWR ? "SHUT_RDWR" : "", Get_Socket(fd).Own);
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("shutdown", how == SHUT_RDWR ? "SHUT_RDWR" : "", Get_Socket(fd).Own)) return -1;
     Change_Socket(fd, [](S_Socket& socket) { socket.Shut = true; });
     Real().Shutdown(fd, how);
     return 0;
@@ -366,41 +393,39 @@ int shutdown(int fd, int how) __THROW
 int close(int fd)
 {
     if (!Is_Ours(fd)) return Real().Close(fd);
-    const S_Fault fault = Begin("close", "", Get_Socket(fd).Own);
+    const int error = Begin("close", "", Get_Socket(fd).Own).Error;
     const int result = Close_Ours(fd);  // closed even if told to fail
-    return fault.Error ? Fail(fault.Error) : result;
+    return error ? Fail(error) : result;
 }
 
 // ---- Adapter --------------------------------------------------------------------------------------------------------
 
 int hci_get_route(bdaddr_t* /*address*/)
 {
-    const S_Fault fault = Begin("hci_get_route");
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("hci_get_route")) return -1;
     return Get_Acting().empty() ? Fail(ENODEV) : 0;
 }
 
 int hci_open_dev(int adapter)
 {
-    const S_Fault fault = Begin("hci_open_dev", std::to_string(adapter));
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("hci_open_dev", std::to_string(adapter))) return -1;
     if (Get_Acting().empty() || adapter != 0) return Fail(ENODEV);
     return Open_Adapter(Get_Acting(), "");
 }
 
 int hci_close_dev(int fd)
 {
-    const S_Fault fault = Begin("hci_close_dev");
+    const int error = Begin("hci_close_dev", "", Get_Socket(fd).Own).Error;
     const int result = Close_Ours(fd);
-    return fault.Error ? Fail(fault.Error) : result;
+    return error ? Fail(error) : result;
 }
 
 int hci_inquiry(int adapter, int length, int maxResponses, const std::uint8_t* /*code*/, inquiry_info** responses,
                 long flags)
 {
-    const S_Fault fault = Begin("hci_inquiry", std::to_string(adapter) + ", " + std::to_string(length) + ", " +
-                                                   std::to_string(maxResponses) + ", " + std::to_string(flags));
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("hci_inquiry", std::to_string(adapter) + ", " + std::to_string(length) + ", " +
+                                 std::to_string(maxResponses) + ", " + std::to_string(flags)))
+        return -1;
     const std::string own = Get_Acting();
     if (own.empty() || adapter != 0) return Fail(ENODEV);
     Sleep_Scaled(INQUIRY_UNIT * length / 2);
@@ -421,8 +446,7 @@ int hci_inquiry(int adapter, int length, int maxResponses, const std::uint8_t* /
 int hci_read_remote_name(int fd, const bdaddr_t* address, int size, char* name, int timeout)
 {
     const S_Socket adapter = Get_Socket(fd);
-    const S_Fault fault = Begin("hci_read_remote_name", Get_Text(*address), adapter.Own);
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("hci_read_remote_name", Get_Text(*address), adapter.Own)) return -1;
     if (!Is_Ours(fd) || adapter.State != E_State::ADAPTER) return Fail(ENOPROTOOPT);
     const auto description = Ask_Brick(Get_Text(*address));
     if (!description || !description->TellsName) {
@@ -439,8 +463,7 @@ int hci_read_remote_name(int fd, const bdaddr_t* address, int size, char* name, 
 int hci_read_local_name(int fd, int size, char* name, int /*timeout*/)
 {
     const S_Socket adapter = Get_Socket(fd);
-    const S_Fault fault = Begin("hci_read_local_name", "", adapter.Own);
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("hci_read_local_name", "", adapter.Own)) return -1;
     if (!Is_Ours(fd) || adapter.State != E_State::ADAPTER) return Fail(ENOPROTOOPT);
     const std::lock_guard lock(State().Mutex);
     const auto own = State().Bricks.find(adapter.Own);
@@ -454,7 +477,7 @@ int hci_read_local_name(int fd, int size, char* name, int /*timeout*/)
 sdp_session_t* sdp_connect(const bdaddr_t* /*own*/, const bdaddr_t* address, std::uint32_t /*flags*/)
 {
     const std::string peer = Get_Text(*address);
-    int error = Begin("sdp_connect", peer).Error;
+    int error = Begin("sdp_connect", peer, Get_Acting()).Error;
     if (!error && Get_Acting().empty()) error = EHOSTUNREACH;
     if (!error) {
         const auto description = Ask_Brick(peer);
@@ -476,28 +499,23 @@ int sdp_service_search_attr_req(sdp_session_t* session, const sdp_list_t* search
                                 const sdp_list_t* /*attributes*/, sdp_list_t** responses)
 {
     const S_Socket own = Get_Socket(session->sock);
-    const S_Fault fault = Begin("sdp_service_search_attr_req", "", own.Own);
-    if (fault.Error) return Fail(fault.Error);
+    if (Fails("sdp_service_search_attr_req", "", own.Own)) return -1;
     const auto description = Ask_Brick(own.Peer);
     if (!description) return Fail(ETIMEDOUT);
-    for (const std::string& bytes : description->Records) {
-        int size = 0;
-        sdp_record_t* const record =
-            sdp_extract_pdu(reinterpret_cast<const std::uint8_t*>(bytes.data()), static_cast<int>(bytes.size()), &size);
-        if (record && Is_Wanted(record, *static_cast<const uuid_t*>(search->data)))
-            *responses = sdp_list_append(*responses, record);
-        else if (record)
-            sdp_record_free(record);
-    }
+    uuid_t group{};
+    sdp_uuid16_create(&group, PUBLIC_BROWSE_GROUP);  // all records stand in it, and in no other
+    if (sdp_uuid_cmp(search->data, &group) != 0) return 0;
+    for (const S_Service& service : description->Services)
+        *responses = sdp_list_append(*responses, Build_Record(service));
     return 0;
 }
 
 int sdp_close(sdp_session_t* session)
 {
-    const S_Fault fault = Begin("sdp_close");
+    const int error = Begin("sdp_close", "", Get_Socket(session->sock).Own).Error;
     const int result = Close_Ours(session->sock);
     free(session);
-    return fault.Error ? Fail(fault.Error) : result;
+    return error ? Fail(error) : result;
 }
 
 }  // extern "C"

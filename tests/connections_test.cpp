@@ -1,0 +1,563 @@
+// Outgoing connections and the server: call sequences, every call made to fail, and what stays open.
+#include "tests/on_air.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+using namespace tav_c_api_impl;
+using testing::Test;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+int g_ClockFails = -1;  // calls of gettimeofday until one fails; negative: none
+bool g_ThreadFails = false;
+
+}  // namespace
+
+extern "C" int __real_gettimeofday(timeval* time, void* zone);
+extern "C" int __wrap_gettimeofday(timeval* time, void* zone)
+{
+    return g_ClockFails >= 0 && g_ClockFails-- == 0 ? -1 : __real_gettimeofday(time, zone);
+}
+
+extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
+                                     void* argument)
+{
+    return g_ThreadFails ? EAGAIN : __real_pthread_create(thread, attributes, entry, argument);
+}
+
+namespace {
+
+class Connections : public C_OnAir
+{
+protected:
+    Connections()
+    {
+        m_One.Add_BT_Device("Robot2", ROBOT2, -1, 0);
+        m_Server = As_Robot2([&] { return m_Two.OpenServer(5); });
+        tav_air::Start_Trace();
+    }
+
+    C_TAV_Bluetooth m_One;
+    C_TAV_Bluetooth m_Two;
+    int m_Server = -1;
+};
+
+// ---- Client ---------------------------------------------------------------------------------------------------------
+
+TEST_F(Connections, ConnectsInThisOrder)
+{
+    const int socket = m_One.Connect_Index(0, 5, 2500);
+    const Lines expected = {"C_TAV_Bluetooth::Connect_Index - Start",
+                            "C_TAV_Bluetooth::Connect_Index - 1",
+                            "socket()",
+                            "C_TAV_Bluetooth::Connect_Index - 2",
+                            "fcntl(F_GETFL)",
+                            "fcntl(F_SETFL, O_NONBLOCK)",
+                            "C_TAV_Bluetooth::Connect_Index - 3a",
+                            "connect(02:00:00:00:00:02, 5)",
+                            "C_TAV_Bluetooth::Connect_Index - 3b",
+                            "C_TAV_Bluetooth::Connect_Index - 4a",
+                            "select(write, 2.500000)",
+                            "C_TAV_Bluetooth::Connect_Index - 4b(1)"};
+    EXPECT_EQ(tav_air::Get_Trace(), expected);
+    EXPECT_EQ(m_One.m_ScanDevices[0].Socket, socket);
+    EXPECT_EQ(m_One.m_ScanDevices[0].Port, 5);
+    EXPECT_EQ(m_One.m_ClientSockets.at(socket), 0U);
+    EXPECT_TRUE(fcntl(socket, F_GETFL) & O_NONBLOCK);
+    EXPECT_EQ(m_One.isConnected("Robot2"), 0);
+}
+
+TEST_F(Connections, FailedConnectLeavesNothing)
+{
+    const struct
+    {
+        const char* Fault;
+        const char* Line;
+    } CASES[] = {
+        {"socket:1=EACCES", "Error in fce socket(Error Code 13 : Permission denied)"},
+        {"connect:1=EACCES", "Error in fce connect(Error Code 13 : Permission denied)"},
+        {"select:1=EINTR", "Error in fce select(Error Code 4 : Interrupted system call)"},
+        {"", "Timeout"},
+    };
+    for (const auto& test : CASES) {
+        SCOPED_TRACE(test.Line);
+        tav_air::Clear_Faults();
+        tav_air::Add_Faults(test.Fault);
+        tav_air::Start_Trace();
+        EXPECT_EQ(m_One.Connect_Index(0, 5, 0), -1);
+        EXPECT_EQ(Log_Lines().back(), std::string("C_TAV_Bluetooth::Connect_Index - ") + test.Line);
+        EXPECT_EQ(tav_air::Get_Open(), std::vector<int>{m_Server});
+        EXPECT_EQ(Count("shutdown"), 0);
+        EXPECT_EQ(m_One.m_ScanDevices[0].Socket, -1);
+        EXPECT_EQ(m_One.m_ScanDevices[0].Port, 0);
+        EXPECT_TRUE(m_One.m_ClientSockets.empty());
+    }
+    tav_air::Start_Trace();
+    EXPECT_EQ(m_One.Connect_Index(1, 5, 0), -1);
+    EXPECT_EQ(tav_air::Get_Trace(), Lines{"C_TAV_Bluetooth::Connect_Index - Start"});
+}
+
+TEST_F(Connections, RefusedOrAbsentPeerShowsAtTheFirstTransfer)
+{
+    m_One.Add_BT_Device("Nobody", "02:00:00:00:00:99", -1, 0);
+    const struct
+    {
+        const char* What;
+        unsigned int Index;
+        unsigned char Channel;
+        const char* Error;
+    } CASES[] = {
+        {"no listener", 0, 7, "Error in fce send(Error Code 111 : Connection refused)"},
+        {"absent", 1, 5, "Error in fce send(Error Code 112 : Host is down)"},
+    };
+    for (const auto& test : CASES) {
+        SCOPED_TRACE(test.What);
+        const int socket = m_One.Connect_Index(test.Index, test.Channel, 2000);
+        ASSERT_GE(socket, 0);
+        EXPECT_EQ(m_One.m_ScanDevices[test.Index].Port, test.Channel);
+        EXPECT_FALSE(m_One._SendMsg_TAV_Bool(socket, "abc", true));
+        EXPECT_EQ(Count(std::string("C_TAV_Bluetooth::WriteData - ") + test.Error), 1);
+        EXPECT_TRUE(m_One.Disconnect(socket));
+    }
+}
+
+TEST_F(Connections, ConnectLooksInListThenFileThenAir)
+{
+    const std::string file = Bytes("47 68 6F 73 74 00 1C 30 00 1A");  // a device named Ghost without a valid address
+    const struct
+    {
+        const char* What;
+        const char* Name;
+        bool File;
+        const char* Fault;
+        bool Found;
+        long Reads;
+        long Scans;
+    } CASES[] = {
+        {"listed", "Robot2", true, "", true, 0, 0},
+        {"listed, connect fails", "Robot2", true, "connect:1=EACCES", false, 0, 0},
+        {"in the file", "Ghost", true, "", true, 1, 0},
+        {"on the air, no file", "Robot3", false, "", true, 1, 1},
+        {"on the air, not in the file", "Robot3", true, "", true, 1, 1},
+        {"nowhere", "Robot4", true, "", false, 1, 1},
+        {"scan fails", "Robot3", true, "hci_inquiry:1=EIO", false, 1, 1},
+    };
+    tav_air::Put({"02:00:00:00:00:03", "Robot3"});
+    for (const auto& test : CASES) {
+        SCOPED_TRACE(test.What);
+        C_TAV_Bluetooth bluetooth;
+        bluetooth.Add_BT_Device("Robot2", ROBOT2, -1, 0);
+        DeleteFile("../prjs/SD_Card/__BTScan__");
+        if (test.File) m_Folder.Write_List(C_ProjectFolder::CARD, file);
+        tav_air::Clear_Faults();
+        tav_air::Add_Faults(test.Fault);
+        tav_air::Start_Trace();
+        const int socket = bluetooth.Connect(test.Name, 5, 2000);
+        EXPECT_EQ(socket >= 0, test.Found);
+        EXPECT_EQ(Count("C_TAV_Bluetooth::BT_ParseFileDevices - Start"), test.Reads);
+        EXPECT_EQ(Count("hci_inquiry"), test.Scans);
+        EXPECT_EQ(bluetooth.isConnected(test.Name) >= 0, test.Found);
+        bluetooth.Disconnect(socket);
+        Let_Go();
+    }
+}
+
+TEST_F(Connections, DisconnectGoesByTheRememberedIndex)
+{
+    m_One.Add_BT_Device("Other", "02:00:00:00:00:03", -1, 0);
+    EXPECT_FALSE(m_One.Disconnect(m_Server));
+    const int first = m_One.Connect_Index(0, 5, 2000);
+    const int second = m_One.Connect_Index(0, 7, 2000);  // same device: the earlier socket stays open
+    EXPECT_EQ(m_One.m_ClientSockets.size(), 2U);
+    EXPECT_EQ(m_One.m_ScanDevices[0].Socket, second);
+    EXPECT_TRUE(m_One.Disconnect(first));
+    EXPECT_EQ(m_One.m_ScanDevices[0].Socket, -1);
+    EXPECT_EQ(m_One.m_ScanDevices[0].Port, 0);
+    tav_air::Start_Trace();
+    EXPECT_TRUE(m_One.Disconnect(second));
+    EXPECT_TRUE(m_One.Disconnect(second)) << "the entry outlives the connection";
+    EXPECT_EQ(tav_air::Get_Trace(), (Lines{"shutdown(SHUT_RDWR)", "close()"}));
+    EXPECT_EQ(m_One.m_ClientSockets.count(second), 1U);
+
+    const int third = m_One.Connect_Index(0, 7, 2000);
+    m_One.m_ScanDevices.clear();
+    EXPECT_FALSE(m_One.Disconnect(third)) << "its index is out of range";
+    m_One.Close();
+    EXPECT_EQ(tav_air::Get_Open(), (std::vector<int>{std::min(m_Server, third), std::max(m_Server, third)}));
+}
+
+TEST_F(Connections, CloseClientTakesTheLowestServersRecord)
+{
+    S_SocketPair link;
+    S_BT_ScanDevice client;
+    client.Socket = link.Near;
+    EXPECT_FALSE(m_One.CloseClient(link.Near));
+    m_One.m_ServerClients[900] = {client};
+    m_One.m_ServerClients[800] = {S_BT_ScanDevice(), client, S_BT_ScanDevice()};
+    m_One.m_ServerClients[800][2].Name = "last";
+    EXPECT_TRUE(m_One.CloseClient(link.Near));
+    EXPECT_TRUE(link.Is_Ended());
+    link.Near = -1;
+    ASSERT_EQ(m_One.m_ServerClients[800].size(), 2U);
+    EXPECT_EQ(m_One.m_ServerClients[800][1].Name, "last");
+    EXPECT_EQ(m_One.m_ServerClients[900].size(), 1U);
+    EXPECT_FALSE(m_One.CloseClient(12345));
+    m_One.m_ServerClients.clear();
+}
+
+// ---- Server ---------------------------------------------------------------------------------------------------------
+
+TEST_F(Connections, OpensServerInThisOrderWhateverTheOptionsSay)
+{
+    tav_air::Add_Faults("setsockopt:*=EINVAL");
+    const int server = m_One.OpenServer(16);
+    EXPECT_GE(server, 0);
+    const Lines expected = {"C_TAV_Bluetooth::OpenServer - Start(16)",
+                            "socket()",
+                            "C_TAV_Bluetooth::OpenServer - 1",
+                            "bind(16)",
+                            "C_TAV_Bluetooth::OpenServer - 2",
+                            "setsockopt(BT_SECURITY 0 0)",
+                            "setsockopt(RFCOMM_LM 0 0 0 0)",
+                            "fcntl(F_GETFL)",
+                            "fcntl(F_SETFL, O_NONBLOCK)",
+                            "C_TAV_Bluetooth::OpenServer - 3",
+                            "listen(1)",
+                            "C_TAV_Bluetooth::OpenServer - 4"};
+    EXPECT_EQ(tav_air::Get_Trace(), expected);
+    EXPECT_TRUE(m_One.m_ServerClients.empty()) << "only a client makes an entry";
+}
+
+TEST_F(Connections, FailedOpenServerLeavesNothing)
+{
+    const struct
+    {
+        const char* Fault;
+        unsigned char Channel;
+        const char* Line;
+    } CASES[] = {
+        {"socket:1=EMFILE", 6, "Error in fce socket(Error Code 24 : Too many open files)"},
+        {"bind:1=EACCES", 6, "Error in fce bind(Error Code 13 : Permission denied)"},
+        {"", 5, "Error in fce bind(Error Code 98 : Address already in use)"},
+        {"listen:1=EOPNOTSUPP", 6, "Error in fce listen(Error Code 95 : Operation not supported)"},
+    };
+    for (const auto& test : CASES) {
+        SCOPED_TRACE(test.Line);
+        tav_air::Clear_Faults();
+        tav_air::Add_Faults(test.Fault);
+        tav_air::Start_Trace();
+        EXPECT_EQ(As_Robot2([&] { return m_One.OpenServer(test.Channel); }), -1);
+        EXPECT_EQ(Log_Lines().back(), std::string("C_TAV_Bluetooth::OpenServer - ") + test.Line);
+        EXPECT_EQ(tav_air::Get_Open(), std::vector<int>{m_Server});
+        EXPECT_EQ(Count("shutdown"), 0);
+    }
+}
+
+TEST_F(Connections, AcceptsInThisOrder)
+{
+    const int near = m_One.Connect_Index(0, 5, 2000);
+    tav_air::Start_Trace();
+    const int client = m_Two.AcceptClient(m_Server, 1500);
+    const std::string socket = std::to_string(client);
+    const Lines expected = {"C_TAV_Bluetooth::AcceptClient - Start(" + std::to_string(m_Server) + ")",
+                            "C_TAV_Bluetooth::AcceptClient - 1",
+                            "select(read, 1.500000)",
+                            "C_TAV_Bluetooth::AcceptClient - 2",
+                            "C_TAV_Bluetooth::AcceptClient - 3",
+                            "accept()",
+                            "C_TAV_Bluetooth::AcceptClient - 4",
+                            "hci_read_remote_name(02:00:00:00:00:01)",
+                            "C_TAV_Bluetooth::AcceptClient - 5(Device Name : )",
+                            "C_TAV_Bluetooth::AcceptClient - 5(Addr : 02:00:00:00:00:01)",
+                            "C_TAV_Bluetooth::AcceptClient - 5(Socket : " + socket + ")",
+                            "C_TAV_Bluetooth::AcceptClient - 5(Port : 5)",
+                            "C_TAV_Bluetooth::AcceptClient - End(Client : " + socket + ")"};
+    EXPECT_EQ(tav_air::Get_Trace(), expected);
+    const auto& record = m_Two.m_ServerClients.at(m_Server).at(0);
+    EXPECT_EQ(record.AddrText, ROBOT1);
+    EXPECT_EQ(record.Addr.b[0], 1) << "last byte first";
+    EXPECT_EQ(record.Port, 5);
+    EXPECT_FALSE(fcntl(record.Socket, F_GETFL) & O_NONBLOCK);
+
+    const struct
+    {
+        const char* Fault;
+        const char* Line;
+    } CASES[] = {
+        {"select:1=EBADF", "Error in fce select(Error Code 9 : Bad file descriptor)"},
+        {"", "Timeout"},
+        {"accept:1=ECONNABORTED", "Error in fce accept(Error Code 103 : Software caused connection abort)"},
+    };
+    for (const auto& test : CASES) {
+        SCOPED_TRACE(test.Line);
+        if (std::string(test.Fault).find("accept") == 0) {
+            m_One.Disconnect(near);
+            Let_Go();
+            ASSERT_GE(m_One.Connect_Index(0, 5, 2000), 0);
+        }
+        tav_air::Clear_Faults();
+        tav_air::Add_Faults(test.Fault);
+        EXPECT_EQ(m_Two.AcceptClient(m_Server, 0), -1);
+        EXPECT_EQ(Log_Lines().back(), std::string("C_TAV_Bluetooth::AcceptClient - ") + test.Line);
+        EXPECT_EQ(m_Two.m_ServerClients.at(m_Server).size(), 1U);
+    }
+}
+
+TEST_F(Connections, OnlyAServerWithClientsIsClosed)
+{
+    int server = m_Server;
+    tav_air::Start_Trace();
+    EXPECT_FALSE(m_Two.CloseServer(server));
+    EXPECT_FALSE(m_Two.CloseAllClient(server));
+    EXPECT_TRUE(m_Two.CloseAllServer());
+    const std::string start = "C_TAV_Bluetooth::CloseAllClient - Start(Server Socket : " + std::to_string(server) + ")";
+    EXPECT_EQ(tav_air::Get_Trace(), Lines{start});
+    EXPECT_EQ(server, m_Server);
+
+    m_One.Connect_Index(0, 5, 2000);
+    const int client = m_Two.AcceptClient(m_Server, 1000);
+    tav_air::Start_Trace();
+    EXPECT_TRUE(m_Two.CloseAllClient(server));
+    EXPECT_TRUE(m_Two.CloseAllClient(server));
+    EXPECT_TRUE(m_Two.CloseServer(server));
+    const std::string closing = "C_TAV_Bluetooth::CloseAllClient - 2(" + std::to_string(client) + ")";
+    const std::string empty = "C_TAV_Bluetooth::CloseAllClient - 1(Not any client)";
+    const Lines expected = {
+        start, closing, "shutdown(SHUT_RDWR)", "close()", "C_TAV_Bluetooth::CloseAllClient - End", start, empty,
+        start, empty,   "shutdown(SHUT_RDWR)", "close()"};
+    EXPECT_EQ(tav_air::Get_Trace(), expected);
+    EXPECT_EQ(server, -1);
+    EXPECT_TRUE(m_Two.m_ServerClients.empty());
+}
+
+// ---- The built-in server --------------------------------------------------------------------------------------------
+
+class BuiltInServer : public Connections
+{
+protected:
+    ~BuiltInServer() override
+    {
+        g_ClockFails = -1;
+        g_ThreadFails = false;
+        if (m_Two.m_AcceptRunning) m_Two.CloseServer_TAV();
+    }
+
+    // Connects `count` bricks of their own to the server's list, without the accept thread.
+    void Connect_Clients(int count)
+    {
+        m_Two.m_ServerSocket = As_Robot2([&] { return m_Two.OpenServer(16); });
+        for (int i = 0; i < count; ++i) {
+            const std::string address = "02:00:00:00:01:0" + std::to_string(i);
+            tav_air::Put({address, "Client"});
+            tav_air::Act_As(address);
+            m_Clients.push_back(m_One.Connect_Index(0, 16, 2000));
+            ASSERT_GE(m_Two.AcceptClient(m_Two.m_ServerSocket, 1000), 0);
+        }
+        tav_air::Act_As(ROBOT1);
+    }
+
+    std::vector<int> m_Clients;
+};
+
+TEST_F(BuiltInServer, AcceptsOnItsThreadAndTalksBothWays)
+{
+    for (int round = 0; round < 2; ++round) {  // opened again after a close
+        ASSERT_TRUE(As_Robot2([&] { return m_Two.OpenServer_TAV(); }));
+        ASSERT_TRUE(m_One.SendMsg_TAV_String("Robot2", "abc", "Hi"));
+        std::string text;
+        EXPECT_EQ(m_Two.Server_ReadMsg_TAV_String("AB", "abc", text, 100, 5000), 2);
+        EXPECT_TRUE(m_Two.Server_SendMsg_TAV_Bool("abc", true));
+        bool value = false;
+        EXPECT_TRUE(m_One.ReadMsg_TAV_Bool("Robot2", "abc", value, 2000) == false) << "the sender is AB, not Robot2";
+        g_BrickName = "Robot2";
+        EXPECT_TRUE(m_Two.Server_SendMsg_TAV_Bool("abc", true));
+        EXPECT_TRUE(m_One.ReadMsg_TAV_Bool("Robot2", "abc", value, 2000));
+        EXPECT_TRUE(value);
+        const unsigned char data[] = {0, 0xFF};
+        const int client = m_Two.m_ServerClients.at(m_Two.m_ServerSocket).at(0).Socket;
+        EXPECT_TRUE(m_Two._SendMsg_TAV_Data(client, "raw", data, 2));
+        EXPECT_EQ(m_One.ReadMsg_TAV_Data("Robot2", "raw", text, 100, 2000), 2);
+        EXPECT_EQ(text, Bytes("00 FF"));
+        g_BrickName = "AB";
+        EXPECT_TRUE(m_Two.CloseServer_TAV());
+        EXPECT_EQ(m_Two.m_ServerSocket, -1);
+        EXPECT_FALSE(m_Two.m_AcceptRunning);
+        EXPECT_TRUE(m_One.Disconnect(m_One.m_ScanDevices[0].Socket));
+        EXPECT_EQ(tav_air::Get_Open(), std::vector<int>{m_Server});
+        Let_Go();
+    }
+}
+
+TEST_F(BuiltInServer, WithoutClientsStaysOpen)
+{
+    EXPECT_FALSE(m_Two.CloseServer_TAV()) << "never opened";
+    EXPECT_FALSE(As_Robot2([&] { return m_Two.Server_SendMsg_TAV_Bool("abc", true); }));
+    EXPECT_GE(m_Two.m_ServerSocket, 0) << "opened on demand";
+    bool value = true;
+    EXPECT_FALSE(m_Two.Server_ReadMsg_TAV_Bool("AB", "abc", value, 0));
+    ASSERT_TRUE(Wait_Until([&] { return m_Two.m_AcceptRunning; }));
+    EXPECT_FALSE(m_Two.CloseServer_TAV());
+    EXPECT_GE(m_Two.m_ServerSocket, 0);
+    m_Two.Close();
+    EXPECT_EQ(m_Two.m_ServerSocket, -1);
+    EXPECT_EQ(tav_air::Get_Open().size(), 2U) << "the socket itself is left";
+}
+
+TEST_F(BuiltInServer, DoesNotOpenWithoutChannelOrThread)
+{
+    bool value = true;
+    std::string text = "before";
+    const int taken = As_Robot2([&] { return m_One.OpenServer(16); });
+    EXPECT_FALSE(As_Robot2([&] { return m_Two.OpenServer_TAV(); }));
+    EXPECT_EQ(As_Robot2([&] { return m_Two.Server_ReadMsg_TAV_String("AB", "abc", text, 100, 1000); }), -1);
+    close(taken);
+    g_ThreadFails = true;
+    EXPECT_FALSE(As_Robot2([&] { return m_Two.Server_ReadMsg_TAV_Bool("AB", "abc", value, 1000); }));
+    EXPECT_GE(m_Two.m_ServerSocket, 0) << "the socket stays open";
+    EXPECT_TRUE(value);
+    EXPECT_EQ(text, "before");
+}
+
+TEST_F(BuiltInServer, BroadcastReachesEveryClientAndIgnoresFailures)
+{
+    Connect_Clients(3);
+    m_Two.m_ServerClients[m_Two.m_ServerSocket][1].Socket = -1;
+    tav_air::Add_Faults("send:1=EIO");
+    EXPECT_TRUE(m_Two.Server_SendMsg_TAV_String("abc", "Hi"));
+    std::string text;
+    EXPECT_EQ(m_One._ReadMsg_TAV_String(m_Clients[0], "AB", "abc", text, 100, 0), -1) << "its send failed";
+    EXPECT_EQ(m_One._ReadMsg_TAV_String(m_Clients[1], "AB", "abc", text, 100, 0), -1) << "its record has no socket";
+    EXPECT_EQ(m_One._ReadMsg_TAV_String(m_Clients[2], "AB", "abc", text, 100, 0), 2);
+}
+
+TEST_F(BuiltInServer, ReadsFromTheFirstClientThatMatches)
+{
+    Connect_Clients(3);
+    g_BrickName = "Other";
+    m_One._SendMsg_TAV_String(m_Clients[0], "abc", "from another brick");
+    g_BrickName = "AB";
+    m_One._SendMsg_TAV_String(m_Clients[1], "abc", "second");
+    m_One._SendMsg_TAV_String(m_Clients[2], "abc", "third");
+    std::string text;
+    EXPECT_EQ(m_Two.Server_ReadMsg_TAV_String("AB", "abc", text, 100, 1000), 6);
+    EXPECT_EQ(text, "second");
+    EXPECT_EQ(m_Two.Server_ReadMsg_TAV_String("AB", "abc", text, 100, 1000), 5);
+    EXPECT_EQ(m_Two.Server_ReadMsg_TAV_String("AB", "abc", text, 100, 5), -1) << "the first one's is consumed";
+    EXPECT_EQ(text, "third");
+}
+
+TEST_F(BuiltInServer, ClockThatFails)
+{
+    bool value = false;
+    std::string text;
+    m_Two.m_ServerSocket = m_Server;
+    const struct
+    {
+        const char* What;
+        int Clients;
+        int Call;
+        bool Bool;
+    } CASES[] = {
+        {"at the start", 0, 0, false},
+        {"without clients", 0, 1, false},
+        {"at the start, clients", 2, 0, false},
+        {"before the first client", 2, 1, true},
+        {"before the second client", 2, 2, true},
+    };
+    for (const auto& test : CASES) {
+        SCOPED_TRACE(test.What);
+        if (test.Clients > 0 && m_Clients.empty()) Connect_Clients(test.Clients);
+        g_ClockFails = test.Call;
+        EXPECT_EQ(m_Two.Server_ReadMsg_TAV_Bool("AB", "abc", value, 60000), test.Bool);
+        g_ClockFails = test.Call;
+        EXPECT_EQ(m_Two.Server_ReadMsg_TAV_String("AB", "abc", text, 100, 60000), -1);
+        EXPECT_FALSE(value);
+    }
+}
+
+TEST_F(BuiltInServer, ClassicMessagesGoOverTheirOwnChannel)
+{
+    const int mailboxes = As_Robot2([&] { return m_Two.OpenServer(1); });
+    EXPECT_TRUE(m_One.SendMsg_TAVOrg_String("Robot2", "abc", "Hi"));
+    EXPECT_EQ(m_One.m_ScanDevices[0].Port, 1);
+    const int client = m_Two.AcceptClient(mailboxes, 1000);
+    std::string text;
+    EXPECT_EQ(m_Two._ReadMsg_TAVOrg_String(client, "", "abc", text, 100, 1000), 2);
+    EXPECT_TRUE(m_Two._SendMsg_TAVOrg_Bool(client, "abc", true));
+    bool value = false;
+    EXPECT_TRUE(m_One.ReadMsg_TAVOrg_Bool("Robot2", "abc", value, 2000));
+    EXPECT_TRUE(value);
+    EXPECT_EQ(text, "Hi");
+}
+
+// ---- The public message operations ----------------------------------------------------------------------------------
+
+TEST_F(Connections, MessageOperationsConnectOnDemand)
+{
+    bool flag = true;
+    std::string text = "before";
+    const std::string name = "Robot2";
+    const struct
+    {
+        const char* Operation;
+        bool Logs;
+        const char* NotConnected;
+        int Channel;
+        std::function<bool(C_TAV_Bluetooth&)> Fails;
+    } CASES[] = {
+        {"SendMsg_TAV_Data", true, "1", 16, [&](auto& b) { return !b.SendMsg_TAV_Data(name, "abc", nullptr, 0); }},
+        {"SendMsg_TAV_Bool", false, "", 16, [&](auto& b) { return !b.SendMsg_TAV_Bool(name, "abc", true); }},
+        {"SendMsg_TAV_String", true, "1", 16, [&](auto& b) { return !b.SendMsg_TAV_String(name, "abc", "Hi"); }},
+        {"ReadMsg_TAV_Data", true, "1(Not Connected)", 16,
+         [&](auto& b) { return b.ReadMsg_TAV_Data(name, "abc", text, 9, 0) == -1; }},
+        {"ReadMsg_TAV_Bool", false, "", 16, [&](auto& b) { return !b.ReadMsg_TAV_Bool(name, "abc", flag, 0); }},
+        {"ReadMsg_TAV_String", true, "1(Not Connected)", 16,
+         [&](auto& b) { return b.ReadMsg_TAV_String(name, "abc", text, 9, 0) == -1; }},
+        {"SendMsg_TAVOrg_Bool", true, "1", 1, [&](auto& b) { return !b.SendMsg_TAVOrg_Bool(name, "abc", true); }},
+        {"SendMsg_TAVOrg_String", true, "1", 1, [&](auto& b) { return !b.SendMsg_TAVOrg_String(name, "abc", "Hi"); }},
+        {"ReadMsg_TAVOrg_Bool", true, "1(Not Connected)", 1,
+         [&](auto& b) { return !b.ReadMsg_TAVOrg_Bool(name, "abc", flag, 0); }},
+        {"ReadMsg_TAVOrg_String", true, "1(Not Connected)", 1,
+         [&](auto& b) { return b.ReadMsg_TAVOrg_String(name, "abc", text, 9, 0) == -1; }},
+    };
+    for (const auto& test : CASES) {
+        SCOPED_TRACE(test.Operation);
+        const std::string log = std::string("C_TAV_Bluetooth::") + test.Operation + " - ";
+        const auto steps = [&] {
+            Lines lines;
+            for (const auto& line : Log_Lines())
+                if (line.rfind(log, 0) == 0) lines.push_back(line.substr(log.size()));
+            return test.Logs ? lines : Lines{lines.empty() ? "none" : "unexpected"};
+        };
+        C_TAV_Bluetooth bluetooth;
+        bluetooth.Add_BT_Device(name, ROBOT2, -1, 0);
+        tav_air::Add_Faults("connect:1=EACCES");
+        tav_air::Start_Trace();
+        text = "before";
+        EXPECT_TRUE(test.Fails(bluetooth));
+        EXPECT_EQ(text, "before");
+        EXPECT_EQ(steps(), test.Logs ? (Lines{"Start", test.NotConnected, "Error(Not Connect)"}) : Lines{"none"});
+        EXPECT_EQ(Count("connect(02:00:00:00:00:02, " + std::to_string(test.Channel) + ")"), 1);
+        EXPECT_EQ(Count("select(write, 20.000000)"), 0);
+
+        tav_air::Clear_Faults();
+        tav_air::Start_Trace();
+        test.Fails(bluetooth);  // connects, though nobody listens
+        const std::string socket = "(" + std::to_string(bluetooth.m_ScanDevices[0].Socket) + ")";
+        EXPECT_EQ(steps(), test.Logs ? (Lines{"Start", test.NotConnected, "2" + socket}) : Lines{"none"});
+        EXPECT_EQ(Count("select(write, 20.000000)"), 1);
+        tav_air::Start_Trace();
+        test.Fails(bluetooth);
+        EXPECT_EQ(steps(), test.Logs ? (Lines{"Start", "3" + socket}) : Lines{"none"});
+        EXPECT_TRUE(bluetooth.Disconnect(bluetooth.m_ScanDevices[0].Socket));
+        EXPECT_TRUE(flag);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,60 @@
+// Two bricks on a fast air of their own, in one process: Robot1, whose adapter new sockets and HCI calls use, and
+// Robot2.
+#pragma once
+
+#include "bluetooth/C_TAV_Bluetooth.h"
+#include "sim/air.h"
+#include "tests/support.h"
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <gtest/gtest.h>
+#include <thread>
+#include <unistd.h>
+
+constexpr const char* ROBOT1 = "02:00:00:00:00:01";
+constexpr const char* ROBOT2 = "02:00:00:00:00:02";
+constexpr double FAST = 1000;  // an inquiry takes 10 ms, a page time-out 5 ms
+
+class C_OnAir : public testing::Test
+{
+protected:
+    C_OnAir()
+    {
+        tav_air::Clear_Faults();
+        tav_air::Enter("test-" + std::to_string(getpid()), FAST);
+        tav_air::Put({ROBOT1, "Robot1"});
+        tav_air::Put({ROBOT2, "Robot2"});
+        tav_air::Start_Trace();
+    }
+
+    // What `action` returns with the adapter of Robot2.
+    template <typename ACTION>
+    static auto As_Robot2(ACTION action)
+    {
+        tav_air::Act_As(ROBOT2);
+        const auto result = action();
+        tav_air::Act_As(ROBOT1);
+        return result;
+    }
+
+    // A connection that has had time to be released, so that the same peer can be connected again.
+    static void Let_Go() { std::this_thread::sleep_for(std::chrono::milliseconds(2)); }
+
+    static bool Wait_Until(const std::function<bool()>& done)
+    {
+        for (int i = 0; i < 5000 && !done(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return done();
+    }
+
+    // The number of trace lines that start with `start`.
+    static long Count(const std::string& start)
+    {
+        const auto trace = tav_air::Get_Trace();
+        return std::count_if(trace.begin(), trace.end(), [&](const auto& line) { return line.rfind(start, 0) == 0; });
+    }
+
+    C_ProjectFolder m_Folder;
+};
