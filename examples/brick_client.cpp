@@ -15,19 +15,18 @@ int main(int argc, char** argv)
     tav_c_api_impl::Get_TAVBrickName(self);
     signal(SIGPIPE, SIG_IGN);
     tav_c_api_impl::C_TAV_Bluetooth bluetooth;
-
     std::cout << self << "  looks around (10.24 s) " << std::flush;
     auto scan = std::async(std::launch::async, [&] { return bluetooth.BT_Scan(); });
     while (scan.wait_for(std::chrono::milliseconds(500)) != std::future_status::ready)
         std::cout << "." << std::flush;
-    const int found = scan.get();
-    std::cout << (found < 0 ? " no Bluetooth adapter that works" : " done") << std::endl;
+    std::cout << (scan.get() < 0 ? " no Bluetooth adapter that works" : " done") << std::endl;
     for (const auto& device : bluetooth.m_ScanDevices)
         std::cout << self << "    sees " << device.Name << " at " << device.AddrText << std::endl;
     if (bluetooth.Get_IndexScanDevice(other) < 0) return std::cerr << other << " is not there\n", 1;
+    auto& record = bluetooth.m_ScanDevices[static_cast<std::size_t>(bluetooth.Get_IndexScanDevice(other))];
 
-    const int services = bluetooth.Get_BT_Services_Count(other);
-    std::cout << self << "    services of " << other << ": " << (services < 0 ? "does not tell" : "") << std::endl;
+    const bool tells = bluetooth.Get_BT_Services(other);
+    std::cout << self << "    " << other << (tells ? " offers these services" : " tells no services") << std::endl;
     for (const auto& service : bluetooth.m_Services)
         std::cout << self << "      channel " << service.PortRFCOMM << "  " << service.Name << std::endl;
 
@@ -50,11 +49,11 @@ int main(int argc, char** argv)
     bluetooth.ReadMsg_TAV_Data(other, "path", text, 100, 10000);
     check("data     path     ", sent && text == std::string(std::begin(path), std::end(path)));
 
-    bluetooth.Disconnect(bluetooth.m_ScanDevices[bluetooth.isConnected(other)].Socket);  // from channel 16
+    bluetooth.Disconnect(record.Socket);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));   // connecting again at once is refused
-    sent = bluetooth.SendMsg_TAVOrg_String(other, "inbox", "Hi");  // connects to channel 1
+    sent = bluetooth.SendMsg_TAVOrg_String(other, "inbox", "Hi");  // on channel 1
     bluetooth.ReadMsg_TAVOrg_String(other, "inbox", text, 100, 10000);
     check("mailbox  inbox    ", sent && text == "Hi");
-    bluetooth.Disconnect(bluetooth.m_ScanDevices[bluetooth.isConnected(other)].Socket);
+    bluetooth.Disconnect(record.Socket);
     return allUnchanged ? 0 : 1;
 }

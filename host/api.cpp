@@ -74,19 +74,16 @@ void WriteLog_Dbg(const char* format, ...)
 {
     if (!g_isLog_Quorvant_TAV) return;
     static const int log = Open_Log();
-    std::string line = Get_Stamp();
-    const std::size_t start = line.size();
+    char* text = nullptr;
     va_list arguments;
     va_start(arguments, format);
-    va_list measured;
-    va_copy(measured, arguments);
-    const int length = vsnprintf(nullptr, 0, format, measured);
-    va_end(measured);
-    if (length > 0) {
-        line.resize(start + static_cast<std::size_t>(length));
-        vsnprintf(&line[start], static_cast<std::size_t>(length) + 1, format, arguments);
-    }
+    const int length = vasprintf(&text, format, arguments);
     va_end(arguments);
+    std::string line = Get_Stamp();
+    if (length >= 0) {
+        line.append(text, static_cast<std::size_t>(length));
+        free(text);
+    }
     if (line.back() != '\n') line += '\n';
     [[maybe_unused]] const ssize_t written = write(log, line.data(), line.size());
 }

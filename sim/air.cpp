@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -28,7 +29,7 @@ namespace tav_air {
 namespace {
 
 constexpr std::size_t ADDRESS_SIZE = 17;
-constexpr std::size_t MAX_AIR_SIZE = 40;
+constexpr std::size_t MAX_AIR_SIZE = 30;  // so that the longest name fits a UNIX address
 constexpr int MAX_DESCRIPTION = 65536;
 constexpr int CONTROL_BACKLOG = 64;
 constexpr std::chrono::milliseconds CONTROL_TIMEOUT{2000};  // for an answer of another process, whatever the speed
@@ -136,10 +137,11 @@ void Swap_In(int fd, int other)
     Real().Close(other);
 }
 
-void Close_Far(int& far)
+// Closes one of the air's own descriptors, if it is open.
+void Close_Own(int& fd)
 {
-    if (far >= 0) Real().Close(far);
-    far = -1;
+    if (fd >= 0) Real().Close(fd);
+    fd = -1;
 }
 
 // ---- The air's thread, with the lock held ---------------------------------------------------------------------------
@@ -189,7 +191,7 @@ void Page(int fd, S_Socket& socket, Clock::time_point now)
         else
             socket.Error = ECONNREFUSED;
     }
-    Close_Far(socket.Far);  // now the socket is writable
+    Close_Own(socket.Far);  // now the socket is writable
 }
 
 // Does what is due and returns when the next is.
@@ -202,8 +204,8 @@ Clock::time_point Do_Due()
         if (socket.State == E_State::CONNECTING) next = std::min(next, socket.Next);
         if (socket.State != E_State::LOST || socket.Link < 0) continue;
         if (socket.Deadline <= now) {
-            Close_Far(socket.Link);
-            Close_Far(socket.Far);
+            Close_Own(socket.Link);
+            Close_Own(socket.Far);
         } else {
             next = std::min(next, socket.Deadline);
         }
@@ -252,10 +254,22 @@ void Answer_All(const S_Local& local)
     }
 }
 
+// The program's signals stay the program's: the thread takes none.
+void Start_Thread()
+{
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    State().Wake = eventfd(0, EFD_CLOEXEC);
+    std::thread(Run_Thread, State().Wake).detach();
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 void Close_Local(S_Local& local)
 {
-    Close_Far(local.Control);
-    Close_Far(local.Gone);
+    Close_Own(local.Control);
+    Close_Own(local.Gone);
 }
 
 }  // namespace
@@ -364,8 +378,8 @@ void Drop_Socket(int fd)
     S_Socket socket = found->second;
     sockets.erase(found);
     Set_Ours(fd, false);
-    Close_Far(socket.Far);
-    Close_Far(socket.Link);
+    Close_Own(socket.Far);
+    Close_Own(socket.Link);
     if (socket.State != E_State::CONNECTED) return;
     const bool last = std::none_of(sockets.begin(), sockets.end(), [&](const auto& other) {
         return other.second.State == E_State::CONNECTED && other.second.Own == socket.Own &&
@@ -459,16 +473,13 @@ bool Enter(const std::string& air, double speed)
 void Put(const S_Brick& brick)
 {
     std::unique_lock lock(State().Mutex);
-    if (State().Wake < 0) {
-        State().Wake = eventfd(0, EFD_CLOEXEC);
-        std::thread(Run_Thread, State().Wake).detach();
-    }
+    if (State().Wake < 0) Start_Thread();
     if (State().Bricks.empty()) State().First = brick.Address;
     S_Local& local = State().Bricks[brick.Address];
     const bool silent = local.Brick.Present && !brick.Present;
     local.Brick = brick;
     if (silent) Fall_Silent(brick.Address);
-    if (brick.Present) Close_Far(local.Gone);
+    if (brick.Present) Close_Own(local.Gone);
     // A name stays taken until the thread has left its wait on it: the thread, not this one, listens.
     const unsigned long cycles = State().Cycles;
     Wake_Thread();

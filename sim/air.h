@@ -37,7 +37,7 @@ struct S_Brick
 std::string Get_Address(const std::string& name);
 
 // Enters the air of this name; all that was put there or opened before by this process is gone. Time on the air runs
-// `speed` times as fast as on a real one. Returns false when the name is not 1 to 40 letters, digits, '-', '_' or '.',
+// `speed` times as fast as on a real one. Returns false when the name is not 1 to 30 letters, digits, '-', '_' or '.',
 // or when `speed` is not above 0.
 bool Enter(const std::string& air, double speed);
 

@@ -111,7 +111,7 @@ std::string Add_Faults(const std::string& rules)
     std::vector<S_Rule> added;
     std::istringstream words(rules);
     for (std::string word; words >> word;) {
-        const std::string wrong = Parse_Rule(word, added.emplace_back());
+        std::string wrong = Parse_Rule(word, added.emplace_back());
         if (!wrong.empty()) return wrong;
     }
     const std::lock_guard lock(Trace().Mutex);

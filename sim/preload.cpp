@@ -78,7 +78,7 @@ __attribute__((constructor)) void Start()
     if (speedText.empty() || *end != 0 || !(speed > 0) || speed > 1e6)
         Refuse("TAV_AIR_SPEED", "'" + speedText + "' is not a number above 0, at most 1000000");
     if (!tav_air::Enter(Get_Variable("TAV_AIR", "air"), speed))
-        Refuse("TAV_AIR", "'" + Get_Variable("TAV_AIR") + "' is not 1 to 40 letters, digits, '-', '_' or '.'");
+        Refuse("TAV_AIR", "'" + Get_Variable("TAV_AIR") + "' is not 1 to 30 letters, digits, '-', '_' or '.'");
     const std::string wrong = tav_air::Add_Faults(Get_Variable("TAV_AIR_FAULTS"));
     if (!wrong.empty()) Refuse("TAV_AIR_FAULTS", wrong);
     tav_air::S_Brick brick;

@@ -124,11 +124,9 @@ TEST_F(Air, ConnectsAsLinuxDoes)
 {
     const struct
     {
-        const char* What;
-        const char* Peer;
+        const char *What, *Peer;
         unsigned char Channel;
-        const char* Connect;
-        const char* Transfer;
+        const char *Connect, *Transfer;
     } CASES[] = {
         {"no listener", ROBOT2, 7, "EINPROGRESS", "ECONNREFUSED"},
         {"absent", "02:00:00:00:00:99", 16, "EINPROGRESS", "EHOSTDOWN"},
@@ -226,8 +224,7 @@ TEST_F(Air, NamesOfDevices)
         int Fd;
         const char* Brick;
         int Timeout;
-        const char* Result;
-        const char* Name;
+        const char *Result, *Name;
     } CASES[] = {
         {"in range", adapter, ROBOT2, 0, "0", "Robot2"},
         {"absent", adapter, "02:00:00:00:00:99", 0, "EIO", ""},
@@ -252,8 +249,7 @@ TEST_F(Air, FaultsOnRequest)
 {
     const struct
     {
-        const char* Rules;
-        const char* Wrong;
+        const char *Rules, *Wrong;
     } CASES[] = {
         {"send:2=short:1 recv:1=short:2", ""},
         {"send", "'send' is not of the form CALL:N=EFFECT"},

@@ -53,19 +53,8 @@ protected:
 TEST_F(Connections, ConnectsInThisOrder)
 {
     const int socket = m_One.Connect_Index(0, 5, 2500);
-    const Lines expected = {"C_TAV_Bluetooth::Connect_Index - Start",
-                            "C_TAV_Bluetooth::Connect_Index - 1",
-                            "socket()",
-                            "C_TAV_Bluetooth::Connect_Index - 2",
-                            "fcntl(F_GETFL)",
-                            "fcntl(F_SETFL, O_NONBLOCK)",
-                            "C_TAV_Bluetooth::Connect_Index - 3a",
-                            "connect(02:00:00:00:00:02, 5)",
-                            "C_TAV_Bluetooth::Connect_Index - 3b",
-                            "C_TAV_Bluetooth::Connect_Index - 4a",
-                            "select(write, 2.500000)",
-                            "C_TAV_Bluetooth::Connect_Index - 4b(1)"};
-    EXPECT_EQ(tav_air::Get_Trace(), expected);
+    EXPECT_EQ(Steps("Connect_Index"), "Start; 1; socket(); 2; fcntl(F_GETFL); fcntl(F_SETFL, O_NONBLOCK); 3a; "
+                                      "connect(02:00:00:00:00:02, 5); 3b; 4a; select(write, 2.500000); 4b(1)");
     EXPECT_EQ(m_One.m_ScanDevices[0].Socket, socket);
     EXPECT_EQ(m_One.m_ScanDevices[0].Port, 5);
     EXPECT_EQ(m_One.m_ClientSockets.at(socket), 0U);
@@ -77,8 +66,7 @@ TEST_F(Connections, FailedConnectLeavesNothing)
 {
     const struct
     {
-        const char* Fault;
-        const char* Line;
+        const char *Fault, *Line;
     } CASES[] = {
         {"socket:1=EACCES", "Error in fce socket(Error Code 13 : Permission denied)"},
         {"connect:1=EACCES", "Error in fce connect(Error Code 13 : Permission denied)"},
@@ -100,7 +88,7 @@ TEST_F(Connections, FailedConnectLeavesNothing)
     }
     tav_air::Start_Trace();
     EXPECT_EQ(m_One.Connect_Index(1, 5, 0), -1);
-    EXPECT_EQ(tav_air::Get_Trace(), Lines{"C_TAV_Bluetooth::Connect_Index - Start"});
+    EXPECT_EQ(Steps("Connect_Index"), "Start");
 }
 
 TEST_F(Connections, RefusedOrAbsentPeerShowsAtTheFirstTransfer)
@@ -132,13 +120,11 @@ TEST_F(Connections, ConnectLooksInListThenFileThenAir)
     const std::string file = Bytes("47 68 6F 73 74 00 1C 30 00 1A");  // a device named Ghost without a valid address
     const struct
     {
-        const char* What;
-        const char* Name;
+        const char *What, *Name;
         bool File;
         const char* Fault;
         bool Found;
-        long Reads;
-        long Scans;
+        long Reads, Scans;
     } CASES[] = {
         {"listed", "Robot2", true, "", true, 0, 0},
         {"listed, connect fails", "Robot2", true, "connect:1=EACCES", false, 0, 0},
@@ -182,7 +168,7 @@ TEST_F(Connections, DisconnectGoesByTheRememberedIndex)
     tav_air::Start_Trace();
     EXPECT_TRUE(m_One.Disconnect(second));
     EXPECT_TRUE(m_One.Disconnect(second)) << "the entry outlives the connection";
-    EXPECT_EQ(tav_air::Get_Trace(), (Lines{"shutdown(SHUT_RDWR)", "close()"}));
+    EXPECT_EQ(Steps(""), "shutdown(SHUT_RDWR); close()");
     EXPECT_EQ(m_One.m_ClientSockets.count(second), 1U);
 
     const int third = m_One.Connect_Index(0, 7, 2000);
@@ -202,7 +188,8 @@ TEST_F(Connections, CloseClientTakesTheLowestServersRecord)
     m_One.m_ServerClients[800] = {S_BT_ScanDevice(), client, S_BT_ScanDevice()};
     m_One.m_ServerClients[800][2].Name = "last";
     EXPECT_TRUE(m_One.CloseClient(link.Near));
-    EXPECT_TRUE(link.Is_Ended());
+    char byte = 0;
+    EXPECT_EQ(recv(link.Far, &byte, 1, 0), 0) << "closed";
     link.Near = -1;
     ASSERT_EQ(m_One.m_ServerClients[800].size(), 2U);
     EXPECT_EQ(m_One.m_ServerClients[800][1].Name, "last");
@@ -218,19 +205,9 @@ TEST_F(Connections, OpensServerInThisOrderWhateverTheOptionsSay)
     tav_air::Add_Faults("setsockopt:*=EINVAL");
     const int server = m_One.OpenServer(16);
     EXPECT_GE(server, 0);
-    const Lines expected = {"C_TAV_Bluetooth::OpenServer - Start(16)",
-                            "socket()",
-                            "C_TAV_Bluetooth::OpenServer - 1",
-                            "bind(16)",
-                            "C_TAV_Bluetooth::OpenServer - 2",
-                            "setsockopt(BT_SECURITY 0 0)",
-                            "setsockopt(RFCOMM_LM 0 0 0 0)",
-                            "fcntl(F_GETFL)",
-                            "fcntl(F_SETFL, O_NONBLOCK)",
-                            "C_TAV_Bluetooth::OpenServer - 3",
-                            "listen(1)",
-                            "C_TAV_Bluetooth::OpenServer - 4"};
-    EXPECT_EQ(tav_air::Get_Trace(), expected);
+    EXPECT_EQ(Steps("OpenServer"), "Start(16); socket(); 1; bind(16); 2; setsockopt(BT_SECURITY 0 0); "
+                                   "setsockopt(RFCOMM_LM 0 0 0 0); fcntl(F_GETFL); fcntl(F_SETFL, O_NONBLOCK); 3; "
+                                   "listen(1); 4");
     EXPECT_TRUE(m_One.m_ServerClients.empty()) << "only a client makes an entry";
 }
 
@@ -265,20 +242,10 @@ TEST_F(Connections, AcceptsInThisOrder)
     tav_air::Start_Trace();
     const int client = m_Two.AcceptClient(m_Server, 1500);
     const std::string socket = std::to_string(client);
-    const Lines expected = {"C_TAV_Bluetooth::AcceptClient - Start(" + std::to_string(m_Server) + ")",
-                            "C_TAV_Bluetooth::AcceptClient - 1",
-                            "select(read, 1.500000)",
-                            "C_TAV_Bluetooth::AcceptClient - 2",
-                            "C_TAV_Bluetooth::AcceptClient - 3",
-                            "accept()",
-                            "C_TAV_Bluetooth::AcceptClient - 4",
-                            "hci_read_remote_name(02:00:00:00:00:01)",
-                            "C_TAV_Bluetooth::AcceptClient - 5(Device Name : )",
-                            "C_TAV_Bluetooth::AcceptClient - 5(Addr : 02:00:00:00:00:01)",
-                            "C_TAV_Bluetooth::AcceptClient - 5(Socket : " + socket + ")",
-                            "C_TAV_Bluetooth::AcceptClient - 5(Port : 5)",
-                            "C_TAV_Bluetooth::AcceptClient - End(Client : " + socket + ")"};
-    EXPECT_EQ(tav_air::Get_Trace(), expected);
+    EXPECT_EQ(Steps("AcceptClient"),
+              "Start(" + std::to_string(m_Server) + "); 1; select(read, 1.500000); 2; 3; accept(); 4; " +
+                  "hci_read_remote_name(02:00:00:00:00:01); 5(Device Name : ); 5(Addr : 02:00:00:00:00:01); " +
+                  "5(Socket : " + socket + "); 5(Port : 5); End(Client : " + socket + ")");
     const auto& record = m_Two.m_ServerClients.at(m_Server).at(0);
     EXPECT_EQ(record.AddrText, ROBOT1);
     EXPECT_EQ(record.Addr.b[0], 1) << "last byte first";
@@ -287,8 +254,7 @@ TEST_F(Connections, AcceptsInThisOrder)
 
     const struct
     {
-        const char* Fault;
-        const char* Line;
+        const char *Fault, *Line;
     } CASES[] = {
         {"select:1=EBADF", "Error in fce select(Error Code 9 : Bad file descriptor)"},
         {"", "Timeout"},
@@ -316,8 +282,8 @@ TEST_F(Connections, OnlyAServerWithClientsIsClosed)
     EXPECT_FALSE(m_Two.CloseServer(server));
     EXPECT_FALSE(m_Two.CloseAllClient(server));
     EXPECT_TRUE(m_Two.CloseAllServer());
-    const std::string start = "C_TAV_Bluetooth::CloseAllClient - Start(Server Socket : " + std::to_string(server) + ")";
-    EXPECT_EQ(tav_air::Get_Trace(), Lines{start});
+    const std::string start = "Start(Server Socket : " + std::to_string(server) + ")";
+    EXPECT_EQ(Steps("CloseAllClient"), start);
     EXPECT_EQ(server, m_Server);
 
     m_One.Connect_Index(0, 5, 2000);
@@ -326,12 +292,9 @@ TEST_F(Connections, OnlyAServerWithClientsIsClosed)
     EXPECT_TRUE(m_Two.CloseAllClient(server));
     EXPECT_TRUE(m_Two.CloseAllClient(server));
     EXPECT_TRUE(m_Two.CloseServer(server));
-    const std::string closing = "C_TAV_Bluetooth::CloseAllClient - 2(" + std::to_string(client) + ")";
-    const std::string empty = "C_TAV_Bluetooth::CloseAllClient - 1(Not any client)";
-    const Lines expected = {
-        start, closing, "shutdown(SHUT_RDWR)", "close()", "C_TAV_Bluetooth::CloseAllClient - End", start, empty,
-        start, empty,   "shutdown(SHUT_RDWR)", "close()"};
-    EXPECT_EQ(tav_air::Get_Trace(), expected);
+    EXPECT_EQ(Steps("CloseAllClient"), start + "; 2(" + std::to_string(client) +
+                                           "); shutdown(SHUT_RDWR); close(); End; " + start + "; 1(Not any client); " +
+                                           start + "; 1(Not any client); shutdown(SHUT_RDWR); close()");
     EXPECT_EQ(server, -1);
     EXPECT_TRUE(m_Two.m_ServerClients.empty());
 }
@@ -460,8 +423,7 @@ TEST_F(BuiltInServer, ClockThatFails)
     const struct
     {
         const char* What;
-        int Clients;
-        int Call;
+        int Clients, Call;
         bool Bool;
     } CASES[] = {
         {"at the start", 0, 0, false},

@@ -24,16 +24,10 @@ TEST_F(Discovery, ScansInThisOrder)
     tav_air::Put({"02:00:00:00:00:05", "Absent", false});
     m_Folder.Write_List(C_ProjectFolder::CARD, std::string(1000, 'x'));
     EXPECT_EQ(m_One.BT_Scan(), 2);
-    const Lines expected = {"C_TAV_Bluetooth::BT_Scan - Start",
-                            "hci_get_route()",
-                            "hci_open_dev(0)",
-                            "hci_inquiry(0, 8, 255, 1)",
-                            "DeleteFile(../prjs/SD_Card/__BTScan__)",
-                            "hci_read_remote_name(02:00:00:00:00:00)",
-                            "hci_read_remote_name(02:00:00:00:00:02)",
-                            "hci_read_remote_name(02:00:00:00:00:03)",
-                            "hci_close_dev()"};
-    EXPECT_EQ(tav_air::Get_Trace(), expected);
+    EXPECT_EQ(Steps("BT_Scan"),
+              "Start; hci_get_route(); hci_open_dev(0); hci_inquiry(0, 8, 255, 1); "
+              "DeleteFile(../prjs/SD_Card/__BTScan__); hci_read_remote_name(02:00:00:00:00:00); "
+              "hci_read_remote_name(02:00:00:00:00:02); hci_read_remote_name(02:00:00:00:00:03); hci_close_dev()");
     std::string name;
     std::string address;
     ASSERT_TRUE(m_One.Get_ScanDevice(1, name, address));
@@ -52,8 +46,7 @@ TEST_F(Discovery, FailedScanChangesNothing)
 {
     const struct
     {
-        const char* Call;
-        const char* Line;
+        const char *Call, *Line;
     } CASES[] = {
         {"hci_get_route", "Error in fce hci_get_route(Error Code 19 : No such device)"},
         {"hci_open_dev", "Error in fce hci_open_dev(Error Code 19 : No such device)"},
@@ -84,8 +77,7 @@ TEST_F(Discovery, ScanWithoutCardOrFolder)
 {
     const struct
     {
-        bool Card;
-        bool Brick;
+        bool Card, Brick;
     } CASES[] = {{true, true}, {false, true}, {false, false}};
     for (const auto& test : CASES) {
         C_ProjectFolder folder(test.Card);
@@ -140,19 +132,10 @@ TEST_F(Services, SummariesOfAllRecords)
     std::string id;
     ASSERT_TRUE(m_One.Convert_UUID_to_String(&m_One.m_Services.at(0).ServiceId, id));
     EXPECT_NE(id.find("1101"), std::string::npos);
-    const std::string log = "C_TAV_Bluetooth::Get_BT_Services - ";
-    const Lines expected = {log + "Start",
-                            "sdp_connect(02:00:00:00:00:02)",
-                            "sdp_service_search_attr_req()",
-                            log + "Service ID : " + id,
-                            log + "Service Name : Mailboxes",
-                            log + "Service Description : Bool and text",
-                            log + "Service Provider : TAV",
-                            log + "Port : 1",
-                            log + "Port : 16",
-                            log + "Service Name : Plain",
-                            log + "Port : 0"};
-    EXPECT_EQ(tav_air::Get_Trace(), expected);
+    EXPECT_EQ(Steps("Get_BT_Services"),
+              "Start; sdp_connect(02:00:00:00:00:02); sdp_service_search_attr_req(); Service ID : " + id +
+                  "; Service Name : Mailboxes; Service Description : Bool and text; Service Provider : TAV; Port : 1; "
+                  "Port : 16; Service Name : Plain; Port : 0");
     EXPECT_EQ(tav_air::Get_Open().size(), 2U) << "the sessions stay open";
 
     EXPECT_EQ(m_One.m_Services[0].ServiceClasses.size(), 1U);
@@ -180,8 +163,7 @@ TEST_F(Services, FailedQueryLeavesNothing)
     closed.HasSdpServer = false;
     const struct
     {
-        const char* What;
-        const char* Fault;
+        const char *What, *Fault;
         const tav_air::S_Brick* Brick;
         const char* Line;
         long Closes;
@@ -211,8 +193,7 @@ TEST_F(Services, QueryLooksInListThenFileThenAir)
     const std::string file = Bytes("47 68 6F 73 74 00 1C 30 00 1A");
     const struct
     {
-        const char* What;
-        const char* Name;
+        const char *What, *Name;
         bool File;
         const char* Fault;
         int Count;

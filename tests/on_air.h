@@ -49,6 +49,16 @@ protected:
         return done();
     }
 
+    // The trace in one text; log lines of the operation as their steps alone.
+    static std::string Steps(const std::string& operation)
+    {
+        const std::string log = "C_TAV_Bluetooth::" + operation + " - ";
+        std::string steps;
+        for (const std::string& line : tav_air::Get_Trace())
+            steps += (steps.empty() ? "" : "; ") + (line.rfind(log, 0) == 0 ? line.substr(log.size()) : line);
+        return steps;
+    }
+
     // The number of trace lines that start with `start`.
     static long Count(const std::string& start)
     {

@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Programs on the simulated air, as people start them. TAV_BUILD names the build folder.
+set -u
+root=$(cd "$(dirname "$0")/.." && pwd)
+client=$TAV_BUILD/examples/brick_client
+server=$TAV_BUILD/examples/brick_server
+world=$(mktemp -d)
+trap 'kill $(jobs -p) 2>/dev/null; rm -rf "$world"' EXIT
+mkdir -p "$world/run" "$world/prjs" && cd "$world/run" || exit 1
+export TAV_AIR=programs-$$ TAV_AIR_SPEED=50
+failed=0
+
+# expect STATUS TEXT COMMAND ...: runs the command and looks for its status and for the text in what it says.
+expect() {
+  local status=$1 text=$2 said got=0
+  shift 2
+  said=$(timeout 60 "$@" 2>&1) || got=$?
+  [ "$got" = "$status" ] && [[ $said == *"$text"* ]] && return
+  printf 'FAILED: %s\n  status %s, wanted %s; wanted "%s", said:\n%s\n' "$*" "$got" "$status" "$text" "$said"
+  failed=1
+}
+
+air=$root/scripts/air
+expect 0 'Every message arrived unchanged.' "$root/scripts/demo" --fast
+expect 1 'Robot2 is not there' "$air" Robot1 -- "$client" Robot2
+expect 1 'no Bluetooth adapter that works' "$air" --no-adapter -- "$client" Robot2
+expect 1 'channels 1 and 16' "$air" --faults 'bind:1=EACCES' Robot2 -- "$server" Robot1
+expect 2 "air: TAV_AIR_FAULTS: 'NOTHING'" "$air" --faults 'bind:1=NOTHING' A -- true
+expect 2 "air: TAV_AIR_SPEED: '1x'" "$air" --speed 1x A -- true
+expect 2 "air: TAV_AIR: 'a/b'" "$air" --air a/b A -- true
+expect 2 "air: TAV_AIR_STATE: 'lost'" "$air" --state 'hidden lost' A -- true
+expect 2 "air: TAV_AIR_SERVICES: 'Mailboxes'" "$air" --service Mailboxes A -- true
+expect 2 "air: TAV_AIR_ADDRESS: '1:2'" "$air" --address 1:2 A -- true
+expect 2 'scripts/air Robot2 --' "$air" Robot2 true
+expect 0 'untouched' "$air" A -- bash -c 'exec 3<>/dev/null; echo untouched | cat >&2; exec 3>&-'
+
+# A brick is there as long as its program, however that ends.
+"$air" Robot2 -- sleep 60 &
+sleep 0.5
+expect 1 'sees Robot2' timeout -s KILL 3 "$air" --faults 'connect:*=EIO' Robot1 -- "$client" Robot2
+kill -KILL $!
+wait $! 2>/dev/null
+expect 1 'Robot2 is not there' "$air" Robot1 -- "$client" Robot2
+exit $failed
