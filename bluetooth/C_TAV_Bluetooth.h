@@ -1,12 +1,14 @@
 // Bluetooth Classic messaging between bricks, over BlueZ (libbluetooth) and RFCOMM sockets.
 //
 // Conventions of the whole class:
-//   Results    Failures are values: false, or -1 where a socket, an index or a count is returned. Nothing throws.
-//              The reason is in the debug log (api/tav_c_api.h), most of it as errno with its text.
-//   Time-outs  Milliseconds, unsigned. 0 polls once.
+//   Results    Failures are values: false, or -1 where a socket, an index or a count is returned. Nothing throws,
+//              short of running out of memory. The reason is in the debug log (api/tav_c_api.h), as errno and its text
+//              where a call failed.
+//   Time-outs  Milliseconds, unsigned. 0 polls once (the server's reads: for 1 ms).
 //   Texts      Names, message ids and texts are byte strings without NUL, compared exactly (case matters).
-//   Threads    Every operation belongs to the user program's thread. The only other thread is the accept thread of
-//              the built-in server. There is no lock and no atomic anywhere: see m_ServerClients.
+//   Threads    Every operation belongs to the user program's thread; only ReadData and WriteData touch no field of the
+//              object. The only other thread is the accept thread of the built-in server. There is no lock and no
+//              atomic anywhere: see m_ServerClients.
 //   Sockets    Plain descriptors, 0 or more and below FD_SETSIZE (1024); that is not checked. Sending on -1 waits for
 //              ever. Records do not own their sockets: a connection stays open until one of the closing operations
 //              below is called for it.
@@ -68,7 +70,7 @@ public:
     // socket that has accepted a client, with its clients (CloseAllServer). Leaves alone, on purpose:
     //   - outgoing connections: they stay open, and nothing names them any more. Call Disconnect for each one before;
     //   - a listening socket that never accepted a client: it stays open;
-    //   - the accept thread: it is neither stopped nor waited for. Call CloseServer_TAV before.
+    //   - the accept thread: it is neither stopped nor waited for. Call CloseServer_TAV before, and see there.
     void Close();
 
     // ---- Finding devices: the device list ---------------------------------------------------------------------------
@@ -116,7 +118,8 @@ public:
     // Returns the socket, non-blocking, or -1 on a bad index, a failed call or a time-out, with nothing left open and
     // the record unchanged. A device that refuses, or that is not in range (seen after the page time-out of 5.12 s),
     // still yields a socket: the failure shows at the first transfer.
-    // A device that is connected already is connected once more, and the earlier socket stays open.
+    // A device that is connected already is connected once more, and the earlier socket stays open; Linux refuses a
+    // second connection to the same channel (EBUSY).
     // The caller closes the socket with Disconnect; Close() does not. Blocks up to `timeout`.
     int Connect_Index(unsigned int index, unsigned char channel, unsigned long timeout);
 
@@ -146,7 +149,8 @@ public:
     bool SendMsg_TAV_String(const std::string& name, const std::string& msgId, const std::string& text);
 
     // Waits up to `timeout` ms for a raw data message. Returns the number of bytes stored in `data`, at most `maxSize`,
-    // or -1; `data` is then empty (unchanged when there is no connection). A message without data bytes is a failure.
+    // or -1; `data` is then empty (unchanged when there is no connection). Nothing behind the size is a failure; fewer
+    // bytes than the size says, as when the rest is still on its way, are returned as they are.
     // Receives up to 1024 bytes of message, or maxSize + 189 for a maxSize above 835; what is beyond stays in the
     // socket and spoils the next read.
     int ReadMsg_TAV_Data(const std::string& name, const std::string& msgId, std::string& data, unsigned int maxSize,
@@ -164,7 +168,8 @@ public:
     // ---- Messages in the classic mailbox format, RFCOMM channel 1 ---------------------------------------------------
     //
     // As above, on channel 1, in the format of the brick's own firmware mailboxes. The format carries no sender name.
-    // Ids of more than 254 bytes and texts of more than 65534 bytes are sent with length fields that no longer match.
+    // Ids of more than 254 bytes, and ids and texts of more than 65526 bytes together, are sent with length fields that
+    // no longer match.
 
     bool SendMsg_TAVOrg_Bool(const std::string& name, const std::string& msgId, bool value);
     bool SendMsg_TAVOrg_String(const std::string& name, const std::string& msgId, const std::string& text);
@@ -180,12 +185,14 @@ public:
     // ---- The built-in server, RFCOMM channel 16 ---------------------------------------------------------------------
 
     // Opens the server (OpenServer on channel 16) and starts the accept thread (pthread_create), which is neither
-    // joined nor detached. Call it only while m_ServerSocket is -1. False when the channel is taken or the thread does
-    // not start; in the latter case the socket stays open.
+    // joined nor detached. Call it only while m_ServerSocket is -1. False when the server does not open (the channel is
+    // taken, there is no Bluetooth) or the thread does not start; in the latter case the socket stays open.
     bool OpenServer_TAV();
 
     // Stops the accept thread, waiting up to about a second, and closes the server with its clients (CloseServer).
     // False when no client was ever accepted: the socket then stays open and m_ServerSocket keeps it.
+    // Called right after OpenServer_TAV, before the thread runs (m_AcceptRunning), it does not wait: the thread then
+    // lives for one more cycle of up to a second, during which the object must not go.
     bool CloseServer_TAV();
 
     // Sends a message to every client, in the named format. The server is opened if need be. False when it cannot be
@@ -257,6 +264,8 @@ public:
     //
     // The operations above by socket, with the same arguments and results: for sockets of Connect and of accepted
     // clients. The classic readers do not use `name`.
+    // On Linux a peer that hung up makes the first read fail; on the blocking socket of an accepted client the next one
+    // never returns, whatever its time-out. Close such a client, or set its socket non-blocking.
 
     bool _SendMsg_TAV_Data(int socket, const std::string& msgId, const unsigned char* data, unsigned int size);
     bool _SendMsg_TAV_Bool(int socket, const std::string& msgId, bool value);
@@ -277,8 +286,8 @@ public:
 
     // ---- Timed transfer, under all messages -------------------------------------------------------------------------
 
-    // Waits up to `timeout` ms for data (select) and receives once, at most `len` bytes. Returns their number, 0 when
-    // recv returned 0, -1 when the time is out or select or recv failed. Instantiated for char.
+    // Waits up to `timeout` ms for data (select) and receives once (recv), at most `len` bytes. Returns their number, 0
+    // when recv returned 0, -1 when the time is out or select or recv failed. Instantiated for char.
     template <typename BYTE>
     int ReadData(int socket, BYTE* buf, unsigned int len, unsigned long timeout);
 

@@ -48,7 +48,7 @@ std::string_view With_Nul(const std::string& text)
     return {text.c_str(), text.size() + 1};
 }
 
-// The low 16 bits of a length; longer ones are truncated unchecked, as the format's owner does.
+// The low 16 bits of a length; longer ones are truncated unchecked, on purpose.
 void Append_Num16(std::string& message, std::size_t value)
 {
     unsigned char bytes[2] = {};
@@ -117,56 +117,56 @@ bool Write_Message(C_TAV_Bluetooth& bluetooth, const char* operation, const char
 
 constexpr unsigned int FIXED_SIZE = 1024;
 
-// Receives once into `buffer`; `bytes` is what came.
-bool Receive_Fixed(C_TAV_Bluetooth& bluetooth, const char* operation, const char* countStep, int socket, char* buffer,
-                   unsigned int size, unsigned long timeout, std::string_view& bytes)
+// Receives once into `buffer` and logs the count as `countStep`. Returns it, or -1.
+int Receive_Fixed(C_TAV_Bluetooth& bluetooth, const char* operation, const char* countStep, int socket, char* buffer,
+                  unsigned int size, unsigned long timeout)
 {
     const int count = bluetooth.ReadData(socket, buffer, size, timeout);
-    if (count < 0) {
+    if (count < 0)
         Log_Step(operation, "Error (Read Data)");
-        return false;
-    }
-    Log_Count(operation, countStep, count);
-    bytes = {buffer, static_cast<std::size_t>(count)};
-    return true;
+    else
+        Log_Count(operation, countStep, count);
+    return count;
 }
 
 // What one receive brought. It stays in the fixed buffer or, for a large request, in a string of its own.
 struct S_Received
 {
-    const char* LogName = nullptr;  // the reader's, as long as it logs: a large request is received in silence
+    bool IsFixed = true;
     char Fixed[FIXED_SIZE] = {};
+    std::size_t Count = 0;  // in Fixed
     std::string Large;
-    std::string_view Bytes;
+
+    std::string_view Get_Bytes() const { return IsFixed ? std::string_view(Fixed, Count) : Large; }
 };
 
 // How a reader receives: its name in the log, the step that logs the count, and the largest maxSize that the fixed
 // buffer serves. A large request has room for as much beyond maxSize as the fixed buffer has beyond that limit.
 struct S_Receiver
 {
-    const char* LogName;
+    const char* Operation;
     const char* CountStep;
     unsigned int FixedLimit;
 };
 
-// Receives once. A large receive buffer is released before anything is parsed; a size that no memory is found for is a
-// failed read, and a request that wraps at 32 bits asks for what is left of it.
+// Receives once, in silence if the request is large. A large receive buffer is released before anything is parsed; a
+// size that no memory is found for is a failed read, and a request that wraps at 32 bits asks for what is left of it.
 bool Receive(C_TAV_Bluetooth& bluetooth, const S_Receiver& receiver, int socket, unsigned int maxSize,
              unsigned long timeout, S_Received& received)
 {
-    if (maxSize <= receiver.FixedLimit) {
-        received.LogName = receiver.LogName;
-        return Receive_Fixed(bluetooth, receiver.LogName, receiver.CountStep, socket, received.Fixed, FIXED_SIZE,
-                             timeout, received.Bytes);
+    received.IsFixed = maxSize <= receiver.FixedLimit;
+    if (received.IsFixed) {
+        const int count = Receive_Fixed(bluetooth, receiver.Operation, receiver.CountStep, socket, received.Fixed,
+                                        FIXED_SIZE, timeout);
+        received.Count = static_cast<std::size_t>(std::max(count, 0));
+        return count >= 0;
     }
     const unsigned int request = maxSize + (FIXED_SIZE - receiver.FixedLimit);
     const std::unique_ptr<char[]> buffer(new (std::nothrow) char[request]);
     if (!buffer) return false;
     const int count = bluetooth.ReadData(socket, buffer.get(), request, timeout);
-    if (count < 0) return false;
-    received.Large.assign(buffer.get(), static_cast<std::size_t>(count));
-    received.Bytes = received.Large;
-    return true;
+    if (count >= 0) received.Large.assign(buffer.get(), static_cast<std::size_t>(count));
+    return count >= 0;
 }
 
 // A position in received bytes. Every step takes a value and moves on, or returns false and stays.
@@ -228,11 +228,11 @@ bool Take_TAVOrgId(const char* operation, S_Cursor& in, const std::string& msgId
     return false;
 }
 
-// What a reader of the named format expects and how it words its steps. Null: writes no line.
+// What a reader of the named format expects and how it words its steps; only NoNameEnd and NoIdEnd may be null in a
+// reader that logs, which then writes no line.
 struct S_TAVReader
 {
     unsigned char Type;
-    const char* Kind;       // in the line about another type
     const char* NoNameEnd;  // no NUL after the sender's name
     const char* Name;
     const char* OtherName;
@@ -241,10 +241,10 @@ struct S_TAVReader
     const char* OtherId;
 };
 
-constexpr S_TAVReader READ_TEXT = {0x01, "string",        "2(Error find)", "3", "Error (Device Name)", "4(Error find)",
+constexpr S_TAVReader READ_TEXT = {0x01, "2(Error find)", "3", "Error (Device Name)", "4(Error find)",
                                    "4",  "Error (Msg Id)"};
-constexpr S_TAVReader READ_BOOL = {0x03, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
-constexpr S_TAVReader READ_DATA = {0x04,    "data",   nullptr,        "Brick Name", "Error(Device Name)",
+constexpr S_TAVReader READ_BOOL = {0x03, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+constexpr S_TAVReader READ_DATA = {0x04,    nullptr,  "Brick Name",   "Error(Device Name)",
                                    nullptr, "Msg Id", "Error(Msg Id)"};
 
 // Takes one of the two texts at the head of a named message and compares it.
@@ -269,7 +269,10 @@ bool Take_TAVHeader(const char* operation, const S_TAVReader& reader, S_Cursor& 
     unsigned char type = 0;  // stays 0 when nothing was received
     in.Take_Byte(type);
     if (type != reader.Type) {
-        if (operation) WriteLog_Dbg("C_TAV_Bluetooth::%s - Error (Not type %s : %u)", operation, reader.Kind, type);
+        if (operation)
+            WriteLog_Dbg(reader.Type == READ_DATA.Type ? "C_TAV_Bluetooth::%s - Error (Not type data : %u)"
+                                                       : "C_TAV_Bluetooth::%s - Error (Not type string : %u)",
+                         operation, type);
         return false;
     }
     return Take_TAVText(operation, in, name, reader.NoNameEnd, reader.Name, reader.OtherName) &&
@@ -345,12 +348,12 @@ int C_TAV_Bluetooth::_ReadMsg_TAV_Data(int socket, const std::string& name, cons
                                        unsigned int maxSize, unsigned long timeout)
 {
     constexpr S_Receiver RECEIVER = {"_ReadMsg_TAV_Data", "Read Data", 835};
-    Log_Step(RECEIVER.LogName, "Start");
+    Log_Step(RECEIVER.Operation, "Start");
     data.clear();
     S_Received received;
     if (!Receive(*this, RECEIVER, socket, maxSize, timeout, received)) return -1;
-    S_Cursor in{received.Bytes};
-    if (!Take_TAVHeader(received.LogName, READ_DATA, in, name, msgId)) return -1;
+    S_Cursor in{received.Get_Bytes()};
+    if (!Take_TAVHeader(received.IsFixed ? RECEIVER.Operation : nullptr, READ_DATA, in, name, msgId)) return -1;
     unsigned int size = 0;
     if (!in.Take_Num(4, size) || in.Left() == 0) return -1;  // at least one byte must follow the size
     data = in.Rest().substr(0, std::min(maxSize, size));
@@ -361,8 +364,9 @@ bool C_TAV_Bluetooth::_ReadMsg_TAV_Bool(int socket, const std::string& name, con
                                         unsigned long timeout)
 {
     char buffer[FIXED_SIZE] = {};
-    S_Cursor in;
-    if (!Receive_Fixed(*this, nullptr, nullptr, socket, buffer, sizeof(buffer), timeout, in.Bytes)) return false;
+    const int count = Receive_Fixed(*this, nullptr, nullptr, socket, buffer, sizeof(buffer), timeout);
+    if (count < 0) return false;
+    S_Cursor in{{buffer, static_cast<std::size_t>(count)}};
     unsigned char byte = 0;
     if (!Take_TAVHeader(nullptr, READ_BOOL, in, name, msgId) || !in.Take_Byte(byte)) return false;
     value = byte != 0;
@@ -373,13 +377,14 @@ int C_TAV_Bluetooth::_ReadMsg_TAV_String(int socket, const std::string& name, co
                                          std::string& text, unsigned int maxSize, unsigned long timeout)
 {
     constexpr S_Receiver RECEIVER = {"_ReadMsg_TAV_String", "1", 839};
-    Log_Step(RECEIVER.LogName, "Start");
+    Log_Step(RECEIVER.Operation, "Start");
     S_Received received;
     if (!Receive(*this, RECEIVER, socket, maxSize, timeout, received)) return -1;
-    S_Cursor in{received.Bytes};
-    if (!Take_TAVHeader(received.LogName, READ_TEXT, in, name, msgId)) return -1;
+    const char* const operation = received.IsFixed ? RECEIVER.Operation : nullptr;
+    S_Cursor in{received.Get_Bytes()};
+    if (!Take_TAVHeader(operation, READ_TEXT, in, name, msgId)) return -1;
     text = Without_Last(in.Rest(), in.Left());  // the last byte is dropped, whatever it holds
-    Log_Text(received.LogName, "5", text);
+    Log_Text(operation, "5", text);
     return static_cast<int>(text.size());
 }
 
@@ -406,9 +411,10 @@ bool C_TAV_Bluetooth::_ReadMsg_TAVOrg_Bool(int socket, const std::string& /*name
     constexpr const char* OPERATION = "_ReadMsg_TAVOrg_Bool";
     Log_Step(OPERATION, "Start");
     char buffer[32] = {};
-    S_Cursor in;
-    if (!Receive_Fixed(*this, OPERATION, "1", socket, buffer, sizeof(buffer), timeout, in.Bytes)) return false;
-    WriteLogBinaryData_Dbg(in.Bytes.data(), static_cast<unsigned int>(in.Bytes.size()));
+    const int count = Receive_Fixed(*this, OPERATION, "1", socket, buffer, sizeof(buffer), timeout);
+    if (count < 0) return false;
+    WriteLogBinaryData_Dbg(buffer, static_cast<unsigned int>(count));
+    S_Cursor in{{buffer, static_cast<std::size_t>(count)}};
     unsigned char byte = 0;
     if (!Take_TAVOrgId(OPERATION, in, msgId) || !in.Skip(2) || !in.Take_Byte(byte)) return false;
     WriteLog_Dbg("C_TAV_Bluetooth::%s - Bool Value : %u", OPERATION, byte);
@@ -421,18 +427,18 @@ int C_TAV_Bluetooth::_ReadMsg_TAVOrg_String(int socket, const std::string& /*nam
                                             std::string& text, unsigned int maxSize, unsigned long timeout)
 {
     constexpr S_Receiver RECEIVER = {"_ReadMsg_TAVOrg_String", "1", 950};
-    Log_Step(RECEIVER.LogName, "Start");
+    Log_Step(RECEIVER.Operation, "Start");
     S_Received received;
     if (!Receive(*this, RECEIVER, socket, maxSize, timeout, received)) return -1;
-    if (received.LogName)
-        WriteLogBinaryData_Dbg(received.Bytes.data(), static_cast<unsigned int>(received.Bytes.size()));
-    S_Cursor in{received.Bytes};
+    if (received.IsFixed) WriteLogBinaryData_Dbg(received.Fixed, static_cast<unsigned int>(received.Count));
+    S_Cursor in{received.Get_Bytes()};
     unsigned int size = 0;
-    if (!Take_TAVOrgId(RECEIVER.LogName, in, msgId) || !in.Take_Num(2, size)) return -1;
-    WriteLog_Dbg("C_TAV_Bluetooth::%s - Length of Msg Text : %lu", RECEIVER.LogName, static_cast<unsigned long>(size));
+    if (!Take_TAVOrgId(RECEIVER.Operation, in, msgId) || !in.Take_Num(2, size)) return -1;
+    WriteLog_Dbg("C_TAV_Bluetooth::%s - Length of Msg Text : %lu", RECEIVER.Operation,
+                 static_cast<unsigned long>(size));
     if (size > in.Left()) return -1;
     text = Without_Last(in.Rest(), size);
-    WriteLog_Dbg("C_TAV_Bluetooth::%s - Msg Text : %s", RECEIVER.LogName, text.c_str());
+    WriteLog_Dbg("C_TAV_Bluetooth::%s - Msg Text : %s", RECEIVER.Operation, text.c_str());
     return static_cast<int>(text.size());
 }
 

@@ -19,8 +19,8 @@ inline int Fail_Call(const char* operation, const char* call)
     return -1;
 }
 
-// The select set that holds only `socket`, which must be below FD_SETSIZE. That of a negative one is empty: select then
-// waits for nothing but its time-out.
+// The select set that holds only `socket`, which must be below FD_SETSIZE. That of a negative one is empty: for -1,
+// select waits for nothing but its time-out.
 inline fd_set Get_Set(int socket)
 {
     fd_set set;
