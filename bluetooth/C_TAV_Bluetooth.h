@@ -9,9 +9,9 @@
 //   Threads    Every operation belongs to the user program's thread; only ReadData and WriteData touch no field of the
 //              object. The only other thread is the accept thread of the built-in server. There is no lock and no
 //              atomic anywhere: see m_ServerClients.
-//   Sockets    Plain descriptors, 0 or more and below FD_SETSIZE (1024); that is not checked. Sending on -1 waits for
-//              ever. Records do not own their sockets: a connection stays open until one of the closing operations
-//              below is called for it.
+//   Sockets    Plain descriptors, 0 or more and below FD_SETSIZE (1024); that is not checked, so leave the process its
+//              usual limit of 1024 descriptors. Sending on -1 waits for ever. Records do not own their sockets: a
+//              connection stays open until one of the closing operations below is called for it.
 //   SIGPIPE    Sending uses no MSG_NOSIGNAL: the program decides what SIGPIPE does.
 #pragma once
 
@@ -127,9 +127,10 @@ public:
     // hung up: the device counts as connected until Disconnect.
     int isConnected(const std::string& name) const;
 
-    // Shuts down and closes an outgoing socket and marks its device as not connected. False for a socket that Connect
-    // did not return, and for one whose device index a later scan made invalid: that socket stays open.
-    // Call it once a socket: a second call closes the number again, whoever has it by then.
+    // Shuts down and closes an outgoing socket and marks its device as not connected: the device that now has the index
+    // it was connected under, which after a scan may be another one. False for a socket that Connect did not return,
+    // and for one whose index is no longer in the list: that socket stays open. Call it once a socket: a second call
+    // closes the number again, whoever has it by then.
     bool Disconnect(int socket);
 
     // ---- Messages in the named format, RFCOMM channel 16 ------------------------------------------------------------
@@ -190,9 +191,10 @@ public:
     bool OpenServer_TAV();
 
     // Stops the accept thread, waiting up to about a second, and closes the server with its clients (CloseServer).
-    // False when no client was ever accepted: the socket then stays open and m_ServerSocket keeps it.
-    // Called right after OpenServer_TAV, before the thread runs (m_AcceptRunning), it does not wait: the thread then
-    // lives for one more cycle of up to a second, during which the object must not go.
+    // False when no client was ever accepted: the socket then stays open, m_ServerSocket keeps it, nobody accepts any
+    // more, and the server's messages do not open it again. To start anew, close that socket and set m_ServerSocket to
+    // -1. Called right after OpenServer_TAV, before the thread runs (m_AcceptRunning), it does not wait: the thread
+    // then lives for one more cycle of up to a second, during which the object must not go.
     bool CloseServer_TAV();
 
     // Sends a message to every client, in the named format. The server is opened if need be. False when it cannot be
@@ -201,11 +203,11 @@ public:
     bool Server_SendMsg_TAV_String(const std::string& msgId, const std::string& text);
 
     // Polls the clients in turn, without a pause, until one brings a matching message of the named format or more than
-    // `timeout` ms have passed. The server is opened if need be. Results and arguments as for ReadMsg_TAV_Bool and
-    // ReadMsg_TAV_String, with one exception: the Bool operation returns true when the clock fails between clients.
-    // Messages that do not match are consumed.
-    // On Linux a client that hung up can hold this for ever: its accepted socket is blocking, stays readable, and the
-    // receive that follows the first failed one does not return. Close such a client with CloseClient.
+    // `timeout` ms have passed by the system's clock (gettimeofday), which may be set meanwhile. The server is opened
+    // if need be. Results and arguments as for ReadMsg_TAV_Bool and ReadMsg_TAV_String, with one exception: the Bool
+    // operation returns true when the clock fails between clients. Messages that do not match are consumed. On Linux a
+    // client that hung up can hold this for ever: its accepted socket is blocking, stays readable, and the receive that
+    // follows the first failed one does not return. Close such a client with CloseClient.
     bool Server_ReadMsg_TAV_Bool(const std::string& name, const std::string& msgId, bool& value, unsigned long timeout);
     int Server_ReadMsg_TAV_String(const std::string& name, const std::string& msgId, std::string& text,
                                   unsigned int maxSize, unsigned long timeout);
@@ -243,9 +245,10 @@ public:
 
     // Asks a device for all its public services (sdp_connect, sdp_service_search_attr_req on the public browse group)
     // and keeps their summaries in m_Services, which every call empties first. A name that is not listed is looked for
-    // in the device list file and, only if there is one, by an inquiry.
+    // in the device list file and, only if BT_ParseFileDevices returned true, by an inquiry.
     // False when the device is not found, or connection or search fail. Blocks for the SDP connection (5.12 s for a
-    // device that is not in range). The session of a successful query stays open: one descriptor a call.
+    // device that is not in range) and the search (BlueZ waits up to 20 s for an answer), and for BT_Scan before. The
+    // session of a successful query stays open: one descriptor a call.
     bool Get_BT_Services(const std::string& name);
 
     // Runs Get_BT_Services; returns the number of services, 0 or more, or -1 when it fails.

@@ -65,13 +65,12 @@ void Set_NonBlocking(int socket)
     fcntl(socket, F_SETFL, flags | O_NONBLOCK);
 }
 
-sockaddr_rc Get_Address(const bdaddr_t& device, unsigned char channel)
+// Fills a zeroed address in its place: returned by value, it could lose the zero of its padding byte.
+void Fill_Address(sockaddr_rc& address, const bdaddr_t& device, unsigned char channel)
 {
-    sockaddr_rc address{};
     address.rc_family = AF_BLUETOOTH;
     address.rc_bdaddr = device;
     address.rc_channel = channel;
-    return address;
 }
 
 // Asks for no authentication, encryption or secure link, so that any device may connect without pairing. The level
@@ -130,7 +129,7 @@ bool Get_Time(timeval& time)
 // Whole milliseconds from `start` to `now`: 32 bits, wrapping; a clock that was set back counts as no time.
 std::uint32_t Get_Elapsed(const timeval& start, const timeval& now)
 {
-    const auto seconds = static_cast<std::uint32_t>(now.tv_sec - start.tv_sec);
+    const std::uint32_t seconds = static_cast<std::uint32_t>(now.tv_sec) - static_cast<std::uint32_t>(start.tv_sec);
     const auto microseconds = static_cast<std::int32_t>(now.tv_usec - start.tv_usec);
     const double elapsed = static_cast<std::int32_t>(seconds * 1000U) + microseconds / 1000.0;
     return elapsed > 0 ? static_cast<std::uint32_t>(elapsed) : 0;
@@ -192,7 +191,8 @@ int C_TAV_Bluetooth::Connect_Index(unsigned int index, unsigned char channel, un
     const int socket = guard.Get();
     if (socket < 0) return Fail_Call(OPERATION, "socket");
     WriteLog_Dbg("C_TAV_Bluetooth::Connect_Index - 2");
-    const sockaddr_rc address = Get_Address(m_ScanDevices[index].Addr, channel);
+    sockaddr_rc address{};
+    Fill_Address(address, m_ScanDevices[index].Addr, channel);
     Set_NonBlocking(socket);
     WriteLog_Dbg("C_TAV_Bluetooth::Connect_Index - 3a");
     if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 && errno != EINPROGRESS)
@@ -242,7 +242,8 @@ int C_TAV_Bluetooth::OpenServer(unsigned char channel)
     const int socket = guard.Get();
     if (socket < 0) return Fail_Call(OPERATION, "socket");
     WriteLog_Dbg("C_TAV_Bluetooth::OpenServer - 1");
-    const sockaddr_rc address = Get_Address(bdaddr_t{}, channel);  // any local adapter
+    sockaddr_rc address{};
+    Fill_Address(address, bdaddr_t{}, channel);  // any local adapter
     if (bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0)
         return Fail_Call(OPERATION, "bind");
     WriteLog_Dbg("C_TAV_Bluetooth::OpenServer - 2");

@@ -43,7 +43,7 @@ int Create_DeviceFile()
 
 void Write_DeviceRecord(int file, const S_BT_ScanDevice& device)
 {
-    // A write that fails is not noticed: the list counts, the file is a convenience.
+    // A write that fails is not noticed; the lambda's result only tells the compiler that this is meant.
     const auto put = [file](const char* bytes, std::size_t size) { return write(file, bytes, size) >= 0; };
     put(device.Name.c_str(), device.Name.size() + 1);
     put(&FIELD_SEPARATOR, 1);
