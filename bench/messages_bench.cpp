@@ -47,7 +47,7 @@ void BM_Bare(benchmark::State& state)
     const S_Link link;
     const std::string message(static_cast<std::size_t>(state.range(0)) + OVERHEAD, 'x');
     std::string buffer(std::max<std::size_t>(1024, message.size() + 200), '\0');
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         Wait(link.Near, false);
         if (send(link.Near, message.data(), message.size(), 0) < 0) abort();
         Wait(link.Far, true);
@@ -61,7 +61,7 @@ void BM_Text(benchmark::State& state)
     C_TAV_Bluetooth bluetooth;
     const std::string text(static_cast<std::size_t>(state.range(0)), 'x');
     std::string received;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         bluetooth._SendMsg_TAV_String(link.Near, "abc", text);
         const auto maxSize = static_cast<unsigned int>(text.size());
         if (bluetooth._ReadMsg_TAV_String(link.Far, "Robot1", "abc", received, maxSize, 1000) < 0) abort();

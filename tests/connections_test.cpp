@@ -8,7 +8,6 @@
 #include <sys/time.h>
 
 using namespace tav_c_api_impl;
-using testing::Test;
 using Lines = std::vector<std::string>;
 
 namespace {

@@ -3,16 +3,15 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdlib>
+#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
 std::string g_BrickName = "AB";
-bool g_LogOff = false;
 bool tav_c_api::g_isLog_Quorvant_TAV = false;
 
 void tav_c_api::WriteLog_Dbg(const char* format, ...)
 {
-    if (g_LogOff) return;
     char* line = nullptr;
     va_list arguments;
     va_start(arguments, format);
@@ -55,8 +54,10 @@ std::vector<std::string> Lines_Of(std::initializer_list<std::pair<std::string, s
     std::vector<std::string> lines;
     for (const auto& [operation, steps] : operations) {
         std::istringstream in(operation.empty() ? "" : steps);
+        std::string start = "C_TAV_Bluetooth::";
+        start.append(operation).append(" - ");
         for (std::string step; std::getline(in, step, '|');)
-            lines.push_back(step.find('\n') == step.npos ? "C_TAV_Bluetooth::" + operation + " - " + step : step);
+            lines.push_back(step.find('\n') == step.npos ? start + step : step);
     }
     return lines;
 }

@@ -6,7 +6,6 @@
 #include "sim/air.h"
 
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <sys/socket.h>
@@ -14,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-extern std::string g_BrickName;  // this brick's own name, "AB" at first; empty: it has none
-extern bool g_LogOff;            // log lines are dropped before anything is allocated for them
+// This brick's own name, "AB" at first; empty: it has none.
+extern std::string g_BrickName;
 
 // "0C 00 61" gives three bytes.
 std::string Bytes(const std::string& hex);
@@ -23,11 +22,10 @@ std::string Bytes(const std::string& hex);
 // The log lines in the trace, dumps included: those that start with "C_TAV_Bluetooth::" or end in a line break.
 std::vector<std::string> Log_Lines();
 
-// Log lines from operations and their steps: {"ReadData", "Start(9)|Timeout"} gives two. An operation without a name
-// has no lines; a step that is a dump stands as it is.
+// The lines of {"ReadData", "Start(9)|Timeout"}. An operation without a name has none; a dump stands as it is.
 std::vector<std::string> Lines_Of(std::initializer_list<std::pair<std::string, std::string>> operations);
 
-// Two connected sockets, closed at the end unless they are -1 by then.
+// Two connected sockets, closed at the end unless they are -1 by then; Far sends, and receives what is waiting.
 struct S_SocketPair
 {
     int Ends[2] = {-1, -1};
@@ -37,9 +35,8 @@ struct S_SocketPair
     S_SocketPair() { socketpair(AF_UNIX, SOCK_STREAM, 0, Ends); }
     ~S_SocketPair() { close(Near), close(Far); }
     S_SocketPair(const S_SocketPair&) = delete;
-
-    void Send(const std::string& bytes) const { send(Far, bytes.data(), bytes.size(), 0); }  // from Far
-    std::string Receive_All() const;                                                         // what is waiting at Far
+    void Send(const std::string& bytes) const { send(Far, bytes.data(), bytes.size(), 0); }
+    std::string Receive_All() const;
 };
 
 // A working directory of its own beside the project folders; removed at the end.
