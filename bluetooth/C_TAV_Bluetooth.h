@@ -137,6 +137,7 @@ public:
     //
     // By device name. A device that is not connected is connected first (Connect, channel 16, 20000 ms), and stays
     // connected. One that is connected is used as it is, whatever its channel.
+    // After a failed send to a device that isConnected, call Disconnect and wait 0.3 s: the next message connects anew.
     // A message carries this brick's name (Get_TAVBrickName), a message id and a value; it is sent by one send. A
     // reader takes one receive and expects in it one message of its kind, from the sender `name`, with the id `msgId`;
     // what was received is consumed, matching or not. The sender's name is a claim, not a proof.

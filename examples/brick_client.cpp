@@ -15,18 +15,18 @@ int main(int argc, char** argv)
     tav_c_api_impl::Get_TAVBrickName(self);
     signal(SIGPIPE, SIG_IGN);
     tav_c_api_impl::C_TAV_Bluetooth bluetooth;
-    std::cout << self << "  looks around (10.24 s) " << std::flush;
+    std::cout << self << "  looks around " << std::flush;  // for 10.24 s
     auto scan = std::async(std::launch::async, [&] { return bluetooth.BT_Scan(); });
     while (scan.wait_for(std::chrono::milliseconds(500)) != std::future_status::ready)
         std::cout << "." << std::flush;
-    std::cout << (scan.get() < 0 ? " no Bluetooth adapter that works" : " done") << std::endl;
+    std::cout << std::endl;
+    if (scan.get() < 0) return std::cerr << "There is no Bluetooth adapter that works (TAV_LOG=- shows why)\n", 1;
     for (const auto& device : bluetooth.m_ScanDevices)
         std::cout << self << "    sees " << device.Name << " at " << device.AddrText << std::endl;
-    if (bluetooth.Get_IndexScanDevice(other) < 0) return std::cerr << other << " is not there\n", 1;
+    if (bluetooth.Get_IndexScanDevice(other) < 0) return std::cerr << other << " was not found\n", 1;
     auto& record = bluetooth.m_ScanDevices[static_cast<std::size_t>(bluetooth.Get_IndexScanDevice(other))];
 
-    const bool tells = bluetooth.Get_BT_Services(other);
-    std::cout << self << "    " << other << (tells ? " offers these services" : " tells no services") << std::endl;
+    std::cout << self << "    services of " << other << ": " << bluetooth.Get_BT_Services_Count(other) << std::endl;
     for (const auto& service : bluetooth.m_Services)
         std::cout << self << "      channel " << service.PortRFCOMM << "  " << service.Name << std::endl;
 

@@ -1,4 +1,5 @@
-// A brick that takes messages from another brick and sends each one back.
+// A brick that takes messages from another brick and sends each one back. The client must stay until it has the
+// answers: on Linux the built-in server hangs when a client leaves while messages are waited for.
 #include "api/tav_c_api.h"
 #include "bluetooth/C_TAV_Bluetooth.h"
 
@@ -22,11 +23,10 @@ int main(int argc, char** argv)
     std::string self;
     tav_c_api_impl::Get_TAVBrickName(self);
     signal(SIGPIPE, SIG_IGN);  // a brick that hung up is a failed send, not the end of this program
-
     tav_c_api_impl::C_TAV_Bluetooth bluetooth;
     int mailboxes = bluetooth.OpenServer(1);
     if (mailboxes < 0 || !bluetooth.OpenServer_TAV())
-        return Fail("Cannot listen on channels 1 and 16. Does another program use them?");
+        return Fail("Cannot listen on channels 1 and 16 (TAV_LOG=- shows why)");
     std::cout << self << "  waits for " << sender << std::endl;
 
     bool light = false;

@@ -34,7 +34,7 @@ int Open_Log()
     return STDERR_FILENO;
 }
 
-// "12:34:56.789012 4711 ", local time and thread id.
+// "2026-11-21 12:34:56.789012 4711 ", local time and thread id.
 std::string Get_Stamp()
 {
     const auto now = std::chrono::system_clock::now();
@@ -43,8 +43,9 @@ std::string Get_Stamp()
     tm local{};
     localtime_r(&seconds, &local);
     char text[64];
-    snprintf(text, sizeof(text), "%02d:%02d:%02d.%06ld %ld ", local.tm_hour, local.tm_min, local.tm_sec,
-             static_cast<long>(since % 1000000), static_cast<long>(syscall(SYS_gettid)));
+    const std::size_t length = strftime(text, sizeof(text), "%F %T", &local);
+    snprintf(text + length, sizeof(text) - length, ".%06ld %ld ", static_cast<long>(since % 1000000),
+             static_cast<long>(syscall(SYS_gettid)));
     return text;
 }
 

@@ -1,5 +1,4 @@
 # Shared by the scripts beside it; sourced, not run.
-set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 fail() {
@@ -38,6 +37,7 @@ need() {
 build() {
   command -v g++ >/dev/null || fail "there is no C++ compiler (g++); on Debian: apt-get install g++"
   command -v cmake >/dev/null || fail "there is no cmake; on Debian: apt-get install cmake"
+  mkdir -p "$root/build" 2>/dev/null && [ -w "$root/build" ] || fail "there is no permission to write to $root/build"
   local preset=$1 log
   shift
   log=$(mktemp)

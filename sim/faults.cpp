@@ -148,7 +148,6 @@ S_Fault Begin_Call(const char* call, const std::string& arguments)
 {
     static const bool print = getenv("TAV_AIR_TRACE") != nullptr;
     const std::string line = std::string(call) + "(" + arguments + ")";
-    if (print) fprintf(stderr, "air: %s\n", line.c_str());
     Record(line);
     S_Fault fault;
     const std::lock_guard lock(Trace().Mutex);
@@ -158,6 +157,9 @@ S_Fault Begin_Call(const char* call, const std::string& arguments)
         fault.Limit = std::min(rule.Fault.Limit, fault.Limit);
         fault.Vanish = rule.Fault.Vanish || fault.Vanish;
     }
+    if (print)
+        fprintf(stderr, "air: %s%s%s%s\n", line.c_str(), fault.Vanish ? ", the brick falls silent" : "",
+                fault.Limit < SIZE_MAX ? ", cut short" : "", fault.Error ? ", told to fail" : "");
     return fault;
 }
 

@@ -45,8 +45,8 @@ TEST(Host, LogsWholeLinesOfTwoThreads)
 
     const auto lines = Read_Log();
     ASSERT_EQ(lines.size(), 1003U);
-    const std::regex form(
-        "\\d\\d:\\d\\d:\\d\\d\\.\\d{6} \\d+ (without a line break 1|with one|x{1000}|line \\d+ of a thread)");
+    const std::regex form("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} \\d+ (without a line break 1|with "
+                          "one|x{1000}|line \\d+ of a thread)");
     for (std::string line : lines) {
         if (line.find("xxx") != std::string::npos) {
             EXPECT_NE(line.find(longText), std::string::npos);

@@ -22,7 +22,7 @@ expect() {
 
 air=$root/scripts/air
 expect 0 'Every message arrived unchanged.' "$root/scripts/demo" --fast
-expect 1 'Robot2 is not there' "$air" Robot1 -- "$client" Robot2
+expect 1 'Robot2 was not found' "$air" Robot1 -- "$client" Robot2
 expect 1 'no Bluetooth adapter that works' "$air" --no-adapter -- "$client" Robot2
 expect 1 'channels 1 and 16' "$air" --faults 'bind:1=EACCES' Robot2 -- "$server" Robot1
 expect 2 "air: TAV_AIR_FAULTS: 'NOTHING'" "$air" --faults 'bind:1=NOTHING' A -- true
@@ -31,7 +31,9 @@ expect 2 "air: TAV_AIR: 'a/b'" "$air" --air a/b A -- true
 expect 2 "air: TAV_AIR_STATE: 'lost'" "$air" --state 'hidden lost' A -- true
 expect 2 "air: TAV_AIR_SERVICES: 'Mailboxes'" "$air" --service Mailboxes A -- true
 expect 2 "air: TAV_AIR_ADDRESS: '1:2'" "$air" --address 1:2 A -- true
-expect 2 'scripts/air Robot2 --' "$air" Robot2 true
+expect 2 'air: -- is missing before the program, at true' "$air" Robot2 true
+expect 2 'air: unknown option --bogus' "$air" --bogus Robot2 -- true
+expect 1 'does TAV_BUILD name a build folder?' env TAV_BUILD=/nowhere "$air" Robot2 -- true
 expect 0 'untouched' "$air" A -- bash -c 'exec 3<>/dev/null; echo untouched | cat >&2; exec 3>&-'
 
 # A brick is there as long as its program, however that ends.
@@ -40,5 +42,5 @@ sleep 0.5
 expect 1 'sees Robot2' timeout -s KILL 3 "$air" --faults 'connect:*=EIO' Robot1 -- "$client" Robot2
 kill -KILL $!
 wait $! 2>/dev/null
-expect 1 'Robot2 is not there' "$air" Robot1 -- "$client" Robot2
+expect 1 'Robot2 was not found' "$air" Robot1 -- "$client" Robot2
 exit $failed
