@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -30,6 +29,7 @@ namespace {
 
 constexpr std::size_t ADDRESS_SIZE = 17;
 constexpr std::size_t MAX_AIR_SIZE = 30;  // so that the longest name fits a UNIX address
+constexpr double MIN_SPEED = 0.001;
 constexpr int MAX_DESCRIPTION = 65536;
 constexpr int CONTROL_BACKLOG = 64;
 constexpr std::chrono::milliseconds CONTROL_TIMEOUT{2000};  // for an answer of another process, whatever the speed
@@ -37,6 +37,8 @@ constexpr std::chrono::milliseconds SHARE_RETRY{250};       // a brick shared wi
 
 thread_local std::optional<std::string> t_Acting;
 std::array<std::atomic<bool>, FD_SETSIZE> g_Ours;
+std::array<std::atomic<bool>, FD_SETSIZE> g_Own;
+constexpr int OWN_FDS = 700;  // the air's own descriptors from here on, where programs put none by number
 
 // ---- Names on the air -----------------------------------------------------------------------------------------------
 
@@ -64,9 +66,27 @@ std::set<std::string> List_Names(const std::string& air)
     return names;
 }
 
+// Moves one of the air's own descriptors out of the program's way; close does not find it there.
+int Put_Away(int fd)
+{
+    const int moved = Real().Fcntl(fd, F_DUPFD_CLOEXEC, OWN_FDS);
+    if (moved < 0) return fd;
+    Real().Close(fd);
+    if (moved < FD_SETSIZE) g_Own[static_cast<std::size_t>(moved)] = true;
+    return moved;
+}
+
+// Closes one of the air's own descriptors, if it is open.
+void Close_Own(int& fd)
+{
+    if (fd >= 0 && fd < FD_SETSIZE) g_Own[static_cast<std::size_t>(fd)] = false;
+    if (fd >= 0) Real().Close(fd);
+    fd = -1;
+}
+
 int Open_UnixSocket(int type)
 {
-    return Real().Socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    return Put_Away(Real().Socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
 }
 
 // ---- Descriptions ---------------------------------------------------------------------------------------------------
@@ -116,7 +136,7 @@ int Open_StandIn(bool full, int& far)
 {
     int ends[2] = {-1, -1};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) < 0) return -1;
-    far = ends[1];
+    far = Put_Away(ends[1]);
     if (full) {
         const int size = 1;  // the kernel's least
         Real().Setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
@@ -134,25 +154,18 @@ void Swap_In(int fd, int other)
     const int descriptorFlags = Real().Fcntl(fd, F_GETFD);
     Real().Fcntl(other, F_SETFL, flags);
     dup3(other, fd, (descriptorFlags & FD_CLOEXEC) ? O_CLOEXEC : 0);
-    Real().Close(other);
-}
-
-// Closes one of the air's own descriptors, if it is open.
-void Close_Own(int& fd)
-{
-    if (fd >= 0) Real().Close(fd);
-    fd = -1;
+    Close_Own(other);
 }
 
 // ---- The air's thread, with the lock held ---------------------------------------------------------------------------
 
 void Listen_Control(S_Local& local)
 {
-    const int control = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
+    int control = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
     if (Bind_Name(control, local.Brick.Address) == 0 && Real().Listen(control, CONTROL_BACKLOG) == 0)
         local.Control = control;
     else
-        Real().Close(control);
+        Close_Own(control);
 }
 
 bool Is_InRange(const std::string& address)
@@ -168,11 +181,11 @@ int Open_Link(int fd, const S_Socket& socket)
     static unsigned int count = 0;
     const auto released = State().Released.find({socket.Own, socket.Peer});
     if (released != State().Released.end() && Clock::now() < released->second + Scaled(RELEASE_TIME)) return -1;
-    const int link = Open_UnixSocket(SOCK_STREAM | SOCK_NONBLOCK);
+    int link = Open_UnixSocket(SOCK_STREAM | SOCK_NONBLOCK);
     const std::string name = socket.Own + ">" + socket.Peer + "/" + std::to_string(getpid()) + "." +
                              std::to_string(fd) + "." + std::to_string(++count);
     if (Bind_Name(link, name) == 0 && Connect_Name(link, Get_ListenName(socket.Peer, socket.Channel)) == 0) return link;
-    Real().Close(link);
+    Close_Own(link);
     return -1;
 }
 
@@ -202,14 +215,14 @@ Clock::time_point Do_Due()
     for (auto& [fd, socket] : State().Sockets) {
         if (socket.State == E_State::CONNECTING && socket.Next <= now) Page(fd, socket, now);
         if (socket.State == E_State::CONNECTING) next = std::min(next, socket.Next);
-        if (socket.State != E_State::LOST || socket.Link < 0) continue;
-        if (socket.Deadline <= now) {
-            Close_Own(socket.Link);
-            Close_Own(socket.Far);
-        } else {
-            next = std::min(next, socket.Deadline);
-        }
+        if (socket.State == E_State::LOST && socket.Deadline <= now) Close_Own(socket.Far);
     }
+    auto& silent = State().Silent;
+    for (auto link = silent.begin(); link != silent.end() && link->first <= now; link = silent.erase(link)) {
+        Real().Shutdown(link->second, SHUT_RDWR);  // wakes who still waits on it, unlike close
+        Close_Own(link->second);
+    }
+    if (!silent.empty()) next = std::min(next, silent.begin()->first);
     for (auto& [address, local] : State().Bricks) {
         if (!local.Brick.Present || local.Control >= 0) continue;
         Listen_Control(local);
@@ -225,6 +238,23 @@ void Answer_All(const S_Local& local)
         const std::string packed = Pack(local.Brick);
         Real().Send(asker, packed.data(), packed.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     }
+}
+
+void Close_Local(S_Local& local)
+{
+    Close_Own(local.Control);
+    Close_Own(local.Gone);
+}
+
+// A program that closed all descriptors by system calls of its own has closed those of the air, too. Returns the new
+// one that wakes the thread.
+int Open_Anew()
+{
+    const std::lock_guard lock(State().Mutex);
+    for (auto& local : State().Bricks)
+        Close_Local(local.second);
+    Close_Own(State().Wake);
+    return State().Wake = Put_Away(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
 }
 
 [[noreturn]] void Run_Thread(int wake)
@@ -247,11 +277,29 @@ void Answer_All(const S_Local& local)
             std::max(next - Clock::now(), Clock::duration::zero()));
         const timespec time{static_cast<time_t>(wait.count() / 1000000000),
                             static_cast<long>(wait.count() % 1000000000)};
+        if (ppoll(fds.data(), fds.size(), &time, nullptr) <= 0) continue;
+        for (const pollfd& fd : fds)
+            if (fd.revents & POLLNVAL) wake = Open_Anew();
         std::uint64_t count = 0;
-        if (ppoll(fds.data(), fds.size(), &time, nullptr) > 0 && fds[0].revents &&
-            read(wake, &count, sizeof(count)) < 0)
-            abort();
+        if (fds[0].revents & POLLIN) static_cast<void>(!read(wake, &count, sizeof(count)));
     }
+}
+
+// A child that was forked has its parent's open sockets, but not the thread: it starts its own when it needs one, and
+// leaves the brick to its parent until then.
+void Leave_ToParent()
+{
+    for (auto& local : State().Bricks)
+        Close_Local(local.second);
+    for (auto& link : State().Silent)
+        Close_Own(link.second);
+    State().Silent.clear();
+    for (auto& [fd, socket] : State().Sockets) {
+        if (socket.State == E_State::CONNECTING) socket.State = E_State::FAILED;
+        Close_Own(socket.Far);
+    }
+    Close_Own(State().Wake);
+    State().Mutex.unlock();
 }
 
 // The program's signals stay the program's: the thread takes none.
@@ -261,15 +309,12 @@ void Start_Thread()
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    State().Wake = eventfd(0, EFD_CLOEXEC);
+    static const int registered =
+        pthread_atfork([] { State().Mutex.lock(); }, [] { State().Mutex.unlock(); }, Leave_ToParent);
+    static_cast<void>(registered);
+    State().Wake = Put_Away(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     std::thread(Run_Thread, State().Wake).detach();
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
-
-void Close_Local(S_Local& local)
-{
-    Close_Own(local.Control);
-    Close_Own(local.Gone);
 }
 
 }  // namespace
@@ -293,6 +338,11 @@ bool Is_Ours(int fd)
     return fd >= 0 && fd < FD_SETSIZE && g_Ours[static_cast<std::size_t>(fd)].load(std::memory_order_acquire);
 }
 
+bool Is_Own(int fd)
+{
+    return fd >= 0 && fd < FD_SETSIZE && g_Own[static_cast<std::size_t>(fd)];
+}
+
 void Set_Ours(int fd, bool ours)
 {
     g_Ours[static_cast<std::size_t>(fd)].store(ours, std::memory_order_release);
@@ -300,7 +350,7 @@ void Set_Ours(int fd, bool ours)
 
 Clock::duration Scaled(Clock::duration real)
 {
-    return std::chrono::duration_cast<Clock::duration>(real / State().Speed);
+    return std::chrono::duration_cast<Clock::duration>(real / State().Speed.load());
 }
 
 std::string Get_Acting()
@@ -323,13 +373,12 @@ int Connect_Name(int fd, const std::string& name)
 }
 
 // A client's socket is named tav-air/AIR/ADDRESS>PEER/...
-std::optional<std::string> Parse_Client(const sockaddr* address, socklen_t length)
+std::string Parse_Client(const sockaddr* address, socklen_t length)
 {
     const std::string path(reinterpret_cast<const sockaddr_un*>(address)->sun_path,
-                           length > offsetof(sockaddr_un, sun_path) ? length - offsetof(sockaddr_un, sun_path) : 0);
+                           length - offsetof(sockaddr_un, sun_path));
     const std::size_t end = path.find('>');
-    if (end == std::string::npos || end < ADDRESS_SIZE) return std::nullopt;
-    return path.substr(end - ADDRESS_SIZE, ADDRESS_SIZE);
+    return end == std::string::npos ? "" : path.substr(end - ADDRESS_SIZE, ADDRESS_SIZE);
 }
 
 std::string Get_ListenName(const std::string& address, int channel)
@@ -337,15 +386,15 @@ std::string Get_ListenName(const std::string& address, int channel)
     return address + "/" + std::to_string(channel);
 }
 
-void Start_Connecting(int fd, S_Socket& socket)
+bool Start_Connecting(int fd, S_Socket& socket)
 {
-    int far = -1;
-    const int standIn = Open_StandIn(true, far);
+    const int standIn = Open_StandIn(true, socket.Far);
+    if (standIn < 0) return false;
     Swap_In(fd, standIn);
     socket.State = E_State::CONNECTING;
-    socket.Far = far;
     socket.Next = Clock::now() + Scaled(PAGE_TIME);
     socket.Deadline = Clock::now() + Scaled(PAGE_TIMEOUT);
+    return true;
 }
 
 void Fall_Silent(const std::string& address)
@@ -359,10 +408,10 @@ void Fall_Silent(const std::string& address)
     Bind_Name(local.Gone, address + "/gone");
     for (auto& [fd, socket] : State().Sockets) {
         if (socket.Own != address || socket.State != E_State::CONNECTED) continue;
-        socket.Link = Real().Fcntl(fd, F_DUPFD_CLOEXEC, 0);
-        Swap_In(fd, Open_StandIn(false, socket.Far));
         socket.State = E_State::LOST;
         socket.Deadline = Clock::now() + Scaled(SUPERVISION);
+        State().Silent.emplace(socket.Deadline, Put_Away(Real().Fcntl(fd, F_DUPFD_CLOEXEC, 0)));
+        Swap_In(fd, Open_StandIn(false, socket.Far));
     }
 }
 
@@ -379,7 +428,6 @@ void Drop_Socket(int fd)
     sockets.erase(found);
     Set_Ours(fd, false);
     Close_Own(socket.Far);
-    Close_Own(socket.Link);
     if (socket.State != E_State::CONNECTED) return;
     const bool last = std::none_of(sockets.begin(), sockets.end(), [&](const auto& other) {
         return other.second.State == E_State::CONNECTED && other.second.Own == socket.Own &&
@@ -390,8 +438,9 @@ void Drop_Socket(int fd)
 
 void Wake_Thread()
 {
+    if (State().Wake < 0) Start_Thread();
     const std::uint64_t one = 1;
-    if (write(State().Wake, &one, sizeof(one)) < 0) abort();
+    static_cast<void>(!write(State().Wake, &one, sizeof(one)));
 }
 
 std::vector<std::string> List_Bricks()
@@ -405,7 +454,7 @@ std::vector<std::string> List_Bricks()
 
 std::optional<S_Brick> Ask_Brick(const std::string& address)
 {
-    const int asker = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
+    int asker = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
     int connected = -1;
     {
         const std::lock_guard lock(State().Mutex);
@@ -417,7 +466,7 @@ std::optional<S_Brick> Ask_Brick(const std::string& address)
     ssize_t count = -1;
     if (connected == 0 && poll(&fd, 1, static_cast<int>(CONTROL_TIMEOUT.count())) > 0)
         count = Real().Recv(asker, packed.data(), packed.size(), 0);
-    Real().Close(asker);
+    Close_Own(asker);
     if (count <= 0) return std::nullopt;
     packed.resize(static_cast<std::size_t>(count));
     return Unpack(packed);
@@ -425,12 +474,7 @@ std::optional<S_Brick> Ask_Brick(const std::string& address)
 
 void Sleep_Scaled(Clock::duration real)
 {
-    Clock::duration time;
-    {
-        const std::lock_guard lock(State().Mutex);
-        time = Scaled(real);
-    }
-    std::this_thread::sleep_for(time);
+    std::this_thread::sleep_for(Scaled(real));
 }
 
 // ---- For users ------------------------------------------------------------------------------------------------------
@@ -448,10 +492,9 @@ std::string Get_Address(const std::string& name)
 
 bool Enter(const std::string& air, double speed)
 {
-    const auto allowed = [](char c) {
-        return isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_' || c == '.';
-    };
-    if (air.empty() || air.size() > MAX_AIR_SIZE || !std::all_of(air.begin(), air.end(), allowed) || !(speed > 0))
+    constexpr const char* ALLOWED = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.";
+    if (air.empty() || air.size() > MAX_AIR_SIZE || air.find_first_not_of(ALLOWED) != std::string::npos ||
+        !(speed >= MIN_SPEED))
         return false;
     const std::lock_guard lock(State().Mutex);
     for (auto& local : State().Bricks)
@@ -461,6 +504,9 @@ bool Enter(const std::string& air, double speed)
         Drop_Socket(fd);
         Real().Close(fd);
     }
+    for (auto& link : State().Silent)
+        Close_Own(link.second);
+    State().Silent.clear();
     State().Bricks.clear();
     State().Released.clear();
     State().First.clear();
@@ -473,7 +519,6 @@ bool Enter(const std::string& air, double speed)
 void Put(const S_Brick& brick)
 {
     std::unique_lock lock(State().Mutex);
-    if (State().Wake < 0) Start_Thread();
     if (State().Bricks.empty()) State().First = brick.Address;
     S_Local& local = State().Bricks[brick.Address];
     const bool silent = local.Brick.Present && !brick.Present;

@@ -38,7 +38,7 @@ std::string Get_Address(const std::string& name);
 
 // Enters the air of this name; all that was put there or opened before by this process is gone. Time on the air runs
 // `speed` times as fast as on a real one. Returns false when the name is not 1 to 30 letters, digits, '-', '_' or '.',
-// or when `speed` is not above 0.
+// or when `speed` is below 0.001.
 bool Enter(const std::string& air, double speed);
 
 // Puts a brick on the air, or changes the one with this address. One that ceases to be present falls silent: its peers

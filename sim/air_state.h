@@ -3,6 +3,7 @@
 
 #include "sim/air.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <dlfcn.h>
@@ -80,7 +81,6 @@ struct S_Socket
     bool Ended = false;      // the end of the connection was reported
     bool Shut = false;       // by this side
     int Far = -1;            // the other end of a stand-in
-    int Link = -1;           // LOST: the connection itself, kept open and silent
     Clock::time_point Next;  // CONNECTING: next page
     Clock::time_point Deadline;
 };
@@ -97,13 +97,14 @@ struct S_State
 {
     std::mutex Mutex;  // guards all that follows; never held while waiting
     std::string Air;
-    double Speed = 1;
+    std::atomic<double> Speed = 1;
     std::map<std::string, S_Local> Bricks;  // by address
     std::string First;                      // the default of Act_As
     std::map<int, S_Socket> Sockets;
     std::map<std::pair<std::string, std::string>, Clock::time_point> Released;  // by own and peer address
-    int Wake = -1;             // eventfd of the air's thread; -1: not started
-    unsigned long Cycles = 0;  // of the thread
+    std::multimap<Clock::time_point, int> Silent;  // links of bricks that fell silent, and when the peer notices
+    int Wake = -1;                                 // eventfd of the air's thread; -1: not started
+    unsigned long Cycles = 0;                      // of the thread
     std::condition_variable Cycled;
 };
 
@@ -112,16 +113,17 @@ S_State& State();
 
 // True for a Bluetooth descriptor of this process; takes no lock.
 bool Is_Ours(int fd);
+bool Is_Own(int fd);  // one of the air's own, which a program does not know of
 void Set_Ours(int fd, bool ours);
 
-Clock::duration Scaled(Clock::duration real);  // with the lock held
+Clock::duration Scaled(Clock::duration real);
 std::string Get_Acting();
 int Bind_Name(int fd, const std::string& name);  // name of the air's own name space
 int Connect_Name(int fd, const std::string& name);
-std::optional<std::string> Parse_Client(const sockaddr* address, socklen_t length);  // the peer that accept reports
+std::string Parse_Client(const sockaddr* address, socklen_t length);  // the peer that accept reports
 
 // With the lock held.
-void Start_Connecting(int fd, S_Socket& socket);
+bool Start_Connecting(int fd, S_Socket& socket);
 void Fall_Silent(const std::string& address);
 void Drop_Socket(int fd);
 bool Is_Gone(const std::string& address);

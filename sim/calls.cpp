@@ -52,10 +52,12 @@ void Change_Socket(int fd, CHANGE change)
     if (found != State().Sockets.end()) change(found->second);
 }
 
-S_Fault Begin(const char* call, const std::string& arguments, const std::string& brick)
+// Counts a call on a descriptor or, without one, of the brick whose adapter this thread uses.
+S_Fault Begin(const char* call, const std::string& arguments, int fd)
 {
     const S_Fault fault = Begin_Call(call, arguments);
     if (fault.Vanish) {
+        const std::string brick = Is_Ours(fd) ? Get_Socket(fd).Own : Get_Acting();
         const std::lock_guard lock(State().Mutex);
         Fall_Silent(brick);
         Wake_Thread();
@@ -64,16 +66,11 @@ S_Fault Begin(const char* call, const std::string& arguments, const std::string&
 }
 
 // For calls that only may fail: true, with errno, when this one is to.
-bool Fails(const char* call, const std::string& arguments, const std::string& brick)
+bool Fails(const char* call, const std::string& arguments = "", int fd = -1)
 {
-    const int error = Begin(call, arguments, brick).Error;
+    const int error = Begin(call, arguments, fd).Error;
     if (error) errno = error;
     return error != 0;
-}
-
-bool Fails(const char* call, const std::string& arguments = "")
-{
-    return Fails(call, arguments, Get_Acting());
 }
 
 // A new descriptor; one that select could not take is refused.
@@ -99,13 +96,16 @@ int Open_Adapter(const std::string& own, const std::string& peer)
     return Add_Socket(Real().Socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), socket);
 }
 
-int Close_Ours(int fd)
+// Closes a descriptor, also if the call is told to fail.
+int Close_Ours(const char* call, int fd)
 {
+    const int error = Begin(call, "", fd).Error;
     {
         const std::lock_guard lock(State().Mutex);
         if (State().Sockets.count(fd) > 0) Drop_Socket(fd);
     }
-    return Real().Close(fd);
+    const int result = Real().Close(fd);
+    return error ? Fail(error) : result;
 }
 
 // ---- Transfer -------------------------------------------------------------------------------------------------------
@@ -133,66 +133,34 @@ ssize_t Report_End(int fd, int flags, int later)
     return Fail(EINTR);
 }
 
-ssize_t Receive(int fd, void* buffer, std::size_t size, int flags)
-{
-    const S_Fault fault = Begin("recv", std::to_string(size), Get_Socket(fd).Own);
-    if (fault.Error) return Fail(fault.Error);
-    const S_Socket socket = Get_Socket(fd);
-    if (socket.State == E_State::FAILED) return Report_End(fd, flags, 0);
-    if (socket.State != E_State::CONNECTED && socket.State != E_State::LOST) return Fail(ENOTCONN);
-    const ssize_t count = Real().Recv(fd, buffer, std::min(size, fault.Limit), flags);
-    if (count > 0 || size == 0 || socket.Shut || (count < 0 && errno != ECONNRESET)) return count;
-    return Report_End(fd, flags, 0);
-}
-
 // ---- Services -------------------------------------------------------------------------------------------------------
 
-// A protocol with a parameter or, for a null `port`, without.
-sdp_list_t* Build_Protocol(uuid_t* uuid, std::uint16_t protocol, sdp_data_t* port)
-{
-    sdp_list_t* const list = sdp_list_append(nullptr, sdp_uuid16_create(uuid, protocol));
-    return port ? sdp_list_append(list, port) : list;
-}
-
-void Set_Protocols(sdp_record_t* record, int channel)
-{
-    uuid_t l2cap{};
-    uuid_t rfcomm{};
-    const auto number = static_cast<std::uint8_t>(channel);
-    sdp_data_t* const port = sdp_data_alloc(SDP_UINT8, &number);
-    sdp_list_t* protocols = sdp_list_append(nullptr, Build_Protocol(&l2cap, L2CAP_UUID, nullptr));
-    if (channel > 0) protocols = sdp_list_append(protocols, Build_Protocol(&rfcomm, RFCOMM_UUID, port));
-    sdp_list_t* const access = sdp_list_append(nullptr, protocols);
-    sdp_set_access_protos(record, access);
-    sdp_list_free(access, nullptr);
-    sdp_list_free(protocols, [](void* protocol) { sdp_list_free(static_cast<sdp_list_t*>(protocol), nullptr); });
-    sdp_data_free(port);
-}
-
+// A record as it comes from a server: each element behind its type, and its size where the type does not tell it.
 sdp_record_t* Build_Record(const S_Service& service)
 {
-    const auto optional = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };
-    sdp_record_t* const record = sdp_record_alloc();
-    uuid_t uuid{};
-    sdp_profile_desc_t profile{};
-    profile.version = 0x0100;
-    sdp_uuid16_create(&profile.uuid, SERIAL_PORT_PROFILE_ID);
-    sdp_list_t* const profiles = sdp_list_append(nullptr, &profile);
-    sdp_list_t* const classes = sdp_list_append(nullptr, sdp_uuid16_create(&uuid, SERIAL_PORT_SVCLASS_ID));
-    sdp_set_profile_descs(record, profiles);
-    sdp_set_service_classes(record, classes);
-    sdp_list_free(profiles, nullptr);
-    sdp_list_free(classes, nullptr);
-    if (service.Id != 0) sdp_set_service_id(record, *sdp_uuid16_create(&uuid, service.Id));
-    if (service.Channel >= 0) Set_Protocols(record, service.Channel);
-    sdp_set_info_attr(record, optional(service.Name), optional(service.Provider), optional(service.Description));
-    sdp_buf_t bytes{};  // only a record that was received has texts that end in NUL
-    sdp_gen_record_pdu(record, &bytes);
-    sdp_record_free(record);
+    const auto number = [](std::size_t value) {
+        return std::string{static_cast<char>(value >> 8U), static_cast<char>(value)};
+    };
+    const auto uuid = [&](std::uint16_t value) { return "\x19" + number(value); };
+    const auto sequence = [&](const std::string& elements) { return "\x36" + number(elements.size()) + elements; };
+    std::string attributes;
+    const auto add = [&](std::uint16_t id, const std::string& value) { attributes += "\x09" + number(id) + value; };
+    const auto add_text = [&](std::uint16_t id, const std::string& text) {
+        if (!text.empty()) add(id, "\x26" + number(text.size()) + text);
+    };
+    add(SDP_ATTR_SVCLASS_ID_LIST, sequence(uuid(SERIAL_PORT_SVCLASS_ID)));
+    if (service.Id != 0) add(SDP_ATTR_SERVICE_ID, uuid(service.Id));
+    std::string protocols = sequence(uuid(L2CAP_UUID));
+    if (service.Channel > 0) protocols += sequence(uuid(RFCOMM_UUID) + "\x08" + static_cast<char>(service.Channel));
+    if (service.Channel >= 0) add(SDP_ATTR_PROTO_DESC_LIST, sequence(protocols));
+    add(SDP_ATTR_PFILE_DESC_LIST, sequence(sequence(uuid(SERIAL_PORT_PROFILE_ID) + "\x09" + number(0x0100))));
+    add_text(SDP_ATTR_SVCNAME_PRIMARY, service.Name);
+    add_text(SDP_ATTR_SVCDESC_PRIMARY, service.Description);
+    add_text(SDP_ATTR_PROVNAME_PRIMARY, service.Provider);
+    const std::string record = sequence(attributes);
     int size = 0;
-    sdp_record_t* const received = sdp_extract_pdu(bytes.data, static_cast<int>(bytes.data_size), &size);
-    free(bytes.data);
-    return received;
+    return sdp_extract_pdu(reinterpret_cast<const std::uint8_t*>(record.data()), static_cast<int>(record.size()),
+                           &size);
 }
 
 }  // namespace
@@ -218,7 +186,7 @@ int bind(int fd, const sockaddr* address, socklen_t length) __THROW
     const auto* const rfcomm = reinterpret_cast<const sockaddr_rc*>(address);
     if (length < sizeof(*rfcomm) || rfcomm->rc_family != AF_BLUETOOTH) return Fail(EINVAL);
     const S_Socket socket = Get_Socket(fd);
-    if (Fails("bind", std::to_string(rfcomm->rc_channel), socket.Own)) return -1;
+    if (Fails("bind", std::to_string(rfcomm->rc_channel), fd)) return -1;
     const bdaddr_t any{};
     if (bacmp(&rfcomm->rc_bdaddr, &any) != 0 && Get_Text(rfcomm->rc_bdaddr) != socket.Own) return Fail(EADDRNOTAVAIL);
     if (rfcomm->rc_channel == 0) return 0;  // a client that chooses its adapter
@@ -233,7 +201,7 @@ int bind(int fd, const sockaddr* address, socklen_t length) __THROW
 int listen(int fd, int backlog) __THROW
 {
     if (!Is_Ours(fd)) return Real().Listen(fd, backlog);
-    if (Fails("listen", std::to_string(backlog), Get_Socket(fd).Own)) return -1;
+    if (Fails("listen", std::to_string(backlog), fd)) return -1;
     if (Get_Socket(fd).State != E_State::BOUND) return Fail(EBADFD);
     return Real().Listen(fd, backlog);
 }
@@ -242,7 +210,7 @@ int accept(int fd, sockaddr* address, socklen_t* length)
 {
     if (!Is_Ours(fd)) return Real().Accept(fd, address, length);
     const S_Socket server = Get_Socket(fd);
-    if (Fails("accept", "", server.Own)) return -1;
+    if (Fails("accept", "", fd)) return -1;
     sockaddr_storage client{};
     socklen_t clientLength = sizeof(client);
     const int accepted = Real().Accept(fd, reinterpret_cast<sockaddr*>(&client), &clientLength);
@@ -250,7 +218,7 @@ int accept(int fd, sockaddr* address, socklen_t* length)
     S_Socket socket;
     socket.State = E_State::CONNECTED;
     socket.Own = server.Own;
-    socket.Peer = Parse_Client(reinterpret_cast<const sockaddr*>(&client), clientLength).value_or("");
+    socket.Peer = Parse_Client(reinterpret_cast<const sockaddr*>(&client), clientLength);
     socket.Channel = server.Channel;
     if (address && length) {
         sockaddr_rc peer{};
@@ -270,7 +238,7 @@ int connect(int fd, const sockaddr* address, socklen_t length)
     if (length < sizeof(*rfcomm) || rfcomm->rc_family != AF_BLUETOOTH) return Fail(EINVAL);
     const std::string peer = Get_Text(rfcomm->rc_bdaddr);
     const std::string own = Get_Socket(fd).Own;
-    if (Fails("connect", peer + ", " + std::to_string(rfcomm->rc_channel), own)) return -1;
+    if (Fails("connect", peer + ", " + std::to_string(rfcomm->rc_channel), fd)) return -1;
     if (own.empty() || peer == own) return Fail(EHOSTUNREACH);
     {
         const std::lock_guard lock(State().Mutex);
@@ -285,13 +253,12 @@ int connect(int fd, const sockaddr* address, socklen_t length)
         socket.Outgoing = true;
         socket.Peer = peer;
         socket.Channel = rfcomm->rc_channel;
-        Start_Connecting(fd, socket);
+        if (!Start_Connecting(fd, socket)) return -1;
         Wake_Thread();
     }
     if (Real().Fcntl(fd, F_GETFL) & O_NONBLOCK) return Fail(EINPROGRESS);
     pollfd writable{fd, POLLOUT, 0};
-    while (poll(&writable, 1, -1) < 0)
-        if (errno != EINTR) return -1;
+    if (poll(&writable, 1, -1) < 0) return -1;
     int error = 0;
     Change_Socket(fd, [&](S_Socket& socket) { std::swap(error, socket.Error); });
     return error ? Fail(error) : 0;
@@ -305,7 +272,7 @@ int setsockopt(int fd, int level, int option, const void* value, socklen_t lengt
     std::string arguments = security ? "BT_SECURITY" : "RFCOMM_LM";
     for (socklen_t i = 0; i < length; ++i)
         arguments += " " + std::to_string(bytes[i]);
-    if (Fails("setsockopt", arguments, Get_Socket(fd).Own)) return -1;
+    if (Fails("setsockopt", arguments, fd)) return -1;
     if (security) return length > 0 && bytes[0] <= BT_SECURITY_HIGH ? 0 : Fail(EINVAL);
     return level == SOL_RFCOMM && option == RFCOMM_LM ? 0 : Fail(ENOPROTOOPT);
 }
@@ -314,7 +281,7 @@ int getsockopt(int fd, int level, int option, void* value, socklen_t* length) __
 {
     if (!Is_Ours(fd) || level != SOL_SOCKET || option != SO_ERROR)
         return Real().Getsockopt(fd, level, option, value, length);
-    if (Fails("getsockopt", "SO_ERROR", Get_Socket(fd).Own)) return -1;
+    if (Fails("getsockopt", "SO_ERROR", fd)) return -1;
     int error = 0;
     Change_Socket(fd, [&](S_Socket& socket) { std::swap(error, socket.Error); });
     memcpy(value, &error, std::min<std::size_t>(*length, sizeof(error)));
@@ -342,7 +309,15 @@ int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, t
 
 ssize_t recv(int fd, void* buffer, std::size_t size, int flags)
 {
-    return Is_Ours(fd) ? Receive(fd, buffer, size, flags) : Real().Recv(fd, buffer, size, flags);
+    if (!Is_Ours(fd)) return Real().Recv(fd, buffer, size, flags);
+    const S_Fault fault = Begin("recv", std::to_string(size), fd);
+    if (fault.Error) return Fail(fault.Error);
+    const S_Socket socket = Get_Socket(fd);
+    if (socket.State == E_State::FAILED) return Report_End(fd, flags, 0);
+    if (socket.State != E_State::CONNECTED && socket.State != E_State::LOST) return Fail(ENOTCONN);
+    const ssize_t count = Real().Recv(fd, buffer, std::min(size, fault.Limit), flags);
+    if (count > 0 || size == 0 || socket.Shut || (count < 0 && errno != ECONNRESET)) return count;
+    return Report_End(fd, flags, 0);
 }
 
 // recv of programs built with _FORTIFY_SOURCE.
@@ -355,7 +330,7 @@ ssize_t __recv_chk(int fd, void* buffer, std::size_t size, std::size_t bufferSiz
 ssize_t send(int fd, const void* buffer, std::size_t size, int flags)
 {
     if (!Is_Ours(fd)) return Real().Send(fd, buffer, size, flags);
-    const S_Fault fault = Begin("send", std::to_string(size), Get_Socket(fd).Own);
+    const S_Fault fault = Begin("send", std::to_string(size), fd);
     if (fault.Error) return Fail(fault.Error);
     const S_Socket socket = Get_Socket(fd);
     if (socket.State == E_State::FAILED) return Report_End(fd, flags, ENOTCONN);
@@ -374,7 +349,7 @@ int fcntl(int fd, int command, ...)
     if (Is_Ours(fd)) {
         const bool nonBlocking = command == F_SETFL && (reinterpret_cast<std::intptr_t>(argument) & O_NONBLOCK) != 0;
         const char* const name = command == F_GETFL ? "F_GETFL" : nonBlocking ? "F_SETFL, O_NONBLOCK" : "";
-        if (Fails("fcntl", name, Get_Socket(fd).Own)) return -1;
+        if (Fails("fcntl", name, fd)) return -1;
     }
     return Real().Fcntl(fd, command, argument);
 }
@@ -384,7 +359,7 @@ int fcntl64(int fd, int command, ...) __attribute__((alias("fcntl")));
 int shutdown(int fd, int how) __THROW
 {
     if (!Is_Ours(fd)) return Real().Shutdown(fd, how);
-    if (Fails("shutdown", how == SHUT_RDWR ? "SHUT_RDWR" : "", Get_Socket(fd).Own)) return -1;
+    if (Fails("shutdown", how == SHUT_RDWR ? "SHUT_RDWR" : "", fd)) return -1;
     Change_Socket(fd, [](S_Socket& socket) { socket.Shut = true; });
     Real().Shutdown(fd, how);
     return 0;
@@ -392,10 +367,9 @@ int shutdown(int fd, int how) __THROW
 
 int close(int fd)
 {
+    if (Is_Own(fd)) return Fail(EBADF);
     if (!Is_Ours(fd)) return Real().Close(fd);
-    const int error = Begin("close", "", Get_Socket(fd).Own).Error;
-    const int result = Close_Ours(fd);  // closed even if told to fail
-    return error ? Fail(error) : result;
+    return Close_Ours("close", fd);
 }
 
 // ---- Adapter --------------------------------------------------------------------------------------------------------
@@ -415,9 +389,7 @@ int hci_open_dev(int adapter)
 
 int hci_close_dev(int fd)
 {
-    const int error = Begin("hci_close_dev", "", Get_Socket(fd).Own).Error;
-    const int result = Close_Ours(fd);
-    return error ? Fail(error) : result;
+    return Close_Ours("hci_close_dev", fd);
 }
 
 int hci_inquiry(int adapter, int length, int maxResponses, const std::uint8_t* /*code*/, inquiry_info** responses,
@@ -427,7 +399,8 @@ int hci_inquiry(int adapter, int length, int maxResponses, const std::uint8_t* /
                                  std::to_string(maxResponses) + ", " + std::to_string(flags)))
         return -1;
     const std::string own = Get_Acting();
-    if (own.empty() || adapter != 0) return Fail(ENODEV);
+    if (own.empty() || adapter > 0) return Fail(ENODEV);
+    if (maxResponses <= 0) maxResponses = 255;
     Sleep_Scaled(INQUIRY_UNIT * length / 2);
     std::vector<inquiry_info> found;
     for (const std::string& brick : List_Bricks()) {
@@ -446,8 +419,8 @@ int hci_inquiry(int adapter, int length, int maxResponses, const std::uint8_t* /
 int hci_read_remote_name(int fd, const bdaddr_t* address, int size, char* name, int timeout)
 {
     const S_Socket adapter = Get_Socket(fd);
-    if (Fails("hci_read_remote_name", Get_Text(*address), adapter.Own)) return -1;
-    if (!Is_Ours(fd) || adapter.State != E_State::ADAPTER) return Fail(ENOPROTOOPT);
+    if (Fails("hci_read_remote_name", Get_Text(*address), fd)) return -1;
+    if (adapter.State != E_State::ADAPTER) return Fail(ENOPROTOOPT);
     const auto description = Ask_Brick(Get_Text(*address));
     if (!description || !description->TellsName) {
         const std::chrono::milliseconds wait(timeout);
@@ -463,8 +436,8 @@ int hci_read_remote_name(int fd, const bdaddr_t* address, int size, char* name, 
 int hci_read_local_name(int fd, int size, char* name, int /*timeout*/)
 {
     const S_Socket adapter = Get_Socket(fd);
-    if (Fails("hci_read_local_name", "", adapter.Own)) return -1;
-    if (!Is_Ours(fd) || adapter.State != E_State::ADAPTER) return Fail(ENOPROTOOPT);
+    if (Fails("hci_read_local_name", "", fd)) return -1;
+    if (adapter.State != E_State::ADAPTER) return Fail(ENOPROTOOPT);
     const std::lock_guard lock(State().Mutex);
     const auto own = State().Bricks.find(adapter.Own);
     if (own == State().Bricks.end()) return Fail(ENODEV);
@@ -477,7 +450,7 @@ int hci_read_local_name(int fd, int size, char* name, int /*timeout*/)
 sdp_session_t* sdp_connect(const bdaddr_t* /*own*/, const bdaddr_t* address, std::uint32_t /*flags*/)
 {
     const std::string peer = Get_Text(*address);
-    int error = Begin("sdp_connect", peer, Get_Acting()).Error;
+    int error = Begin("sdp_connect", peer, -1).Error;
     if (!error && Get_Acting().empty()) error = EHOSTUNREACH;
     if (!error) {
         const auto description = Ask_Brick(peer);
@@ -487,11 +460,10 @@ sdp_session_t* sdp_connect(const bdaddr_t* /*own*/, const bdaddr_t* address, std
         else if (!description->HasSdpServer)
             error = ECONNREFUSED;
     }
-    auto* const session = error ? nullptr : static_cast<sdp_session_t*>(calloc(1, sizeof(sdp_session_t)));
-    if (session)
-        session->sock = Open_Adapter(Get_Acting(), peer);
-    else
-        errno = error;
+    const int fd = error ? Fail(error) : Open_Adapter(Get_Acting(), peer);
+    if (fd < 0) return nullptr;
+    auto* const session = static_cast<sdp_session_t*>(calloc(1, sizeof(sdp_session_t)));
+    session->sock = fd;
     return session;
 }
 
@@ -499,7 +471,7 @@ int sdp_service_search_attr_req(sdp_session_t* session, const sdp_list_t* search
                                 const sdp_list_t* /*attributes*/, sdp_list_t** responses)
 {
     const S_Socket own = Get_Socket(session->sock);
-    if (Fails("sdp_service_search_attr_req", "", own.Own)) return -1;
+    if (Fails("sdp_service_search_attr_req", "", session->sock)) return -1;
     const auto description = Ask_Brick(own.Peer);
     if (!description) return Fail(ETIMEDOUT);
     uuid_t group{};
@@ -512,10 +484,9 @@ int sdp_service_search_attr_req(sdp_session_t* session, const sdp_list_t* search
 
 int sdp_close(sdp_session_t* session)
 {
-    const int error = Begin("sdp_close", "", Get_Socket(session->sock).Own).Error;
-    const int result = Close_Ours(session->sock);
+    const int result = Close_Ours("sdp_close", session->sock);
     free(session);
-    return error ? Fail(error) : result;
+    return result;
 }
 
 }  // extern "C"

@@ -11,30 +11,10 @@ namespace tav_air {
 
 namespace {
 
-constexpr const char* CALLS[] = {
-    "socket",
-    "bind",
-    "listen",
-    "accept",
-    "connect",
-    "select",
-    "setsockopt",
-    "getsockopt",
-    "recv",
-    "send",
-    "fcntl",
-    "shutdown",
-    "close",
-    "hci_get_route",
-    "hci_open_dev",
-    "hci_inquiry",
-    "hci_read_remote_name",
-    "hci_read_local_name",
-    "hci_close_dev",
-    "sdp_connect",
-    "sdp_service_search_attr_req",
-    "sdp_close",
-};
+constexpr const char* CALLS = " socket bind listen accept connect select setsockopt getsockopt recv send fcntl "
+                              "shutdown close hci_get_route hci_open_dev "
+                              "hci_inquiry hci_read_remote_name hci_read_local_name hci_close_dev sdp_connect "
+                              "sdp_service_search_attr_req sdp_close ";
 constexpr int LAST_ERRNO = 133;
 
 struct S_Rule
@@ -45,9 +25,9 @@ struct S_Rule
     unsigned long Count = 0;
 };
 
+// Guarded by the lock of the air.
 struct S_Trace
 {
-    std::mutex Mutex;  // guards all that follows
     std::vector<S_Rule> Rules;
     bool On = false;
     std::vector<std::string> Lines;
@@ -85,7 +65,7 @@ std::string Parse_Rule(const std::string& text, S_Rule& rule)
     rule.Call = text.substr(0, colon);
     const std::string at = text.substr(colon + 1, equals - colon - 1);
     const std::string effect = text.substr(equals + 1);
-    if (std::find(std::begin(CALLS), std::end(CALLS), rule.Call) == std::end(CALLS))
+    if (!strstr(CALLS, (" " + rule.Call + " ").c_str()))
         return "'" + rule.Call + "' in '" + text + "' is no call that can fail";
     if (at != "*" && (!Parse_Number(at, rule.At) || rule.At == 0))
         return "'" + at + "' in '" + text + "' is neither a number from 1 on nor *";
@@ -114,33 +94,33 @@ std::string Add_Faults(const std::string& rules)
         std::string wrong = Parse_Rule(word, added.emplace_back());
         if (!wrong.empty()) return wrong;
     }
-    const std::lock_guard lock(Trace().Mutex);
+    const std::lock_guard lock(State().Mutex);
     Trace().Rules.insert(Trace().Rules.end(), added.begin(), added.end());
     return "";
 }
 
 void Clear_Faults()
 {
-    const std::lock_guard lock(Trace().Mutex);
+    const std::lock_guard lock(State().Mutex);
     Trace().Rules.clear();
 }
 
 void Start_Trace()
 {
-    const std::lock_guard lock(Trace().Mutex);
+    const std::lock_guard lock(State().Mutex);
     Trace().On = true;
     Trace().Lines.clear();
 }
 
 void Record(const std::string& line)
 {
-    const std::lock_guard lock(Trace().Mutex);
+    const std::lock_guard lock(State().Mutex);
     if (Trace().On) Trace().Lines.push_back(line);
 }
 
 std::vector<std::string> Get_Trace()
 {
-    const std::lock_guard lock(Trace().Mutex);
+    const std::lock_guard lock(State().Mutex);
     return Trace().Lines;
 }
 
@@ -150,7 +130,7 @@ S_Fault Begin_Call(const char* call, const std::string& arguments)
     const std::string line = std::string(call) + "(" + arguments + ")";
     Record(line);
     S_Fault fault;
-    const std::lock_guard lock(Trace().Mutex);
+    const std::lock_guard lock(State().Mutex);
     for (S_Rule& rule : Trace().Rules) {
         if (rule.Call != call || (++rule.Count != rule.At && rule.At != 0)) continue;
         fault.Error = rule.Fault.Error ? rule.Fault.Error : fault.Error;

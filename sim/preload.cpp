@@ -1,6 +1,7 @@
 // Puts a program on the air as one brick, as the environment says, before its main starts (libtav_air.so only).
 #include "sim/air.h"
 
+#include <bluetooth/bluetooth.h>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -20,14 +21,14 @@ std::string Get_Variable(const char* name, const std::string& byDefault = "")
     return value ? value : byDefault;
 }
 
-bool Is_Address(const std::string& text)
+// The address as it is written everywhere; empty when it is none.
+std::string Get_Canonical(const std::string& text)
 {
-    if (text.size() != 17) return false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool digit = (text[i] >= '0' && text[i] <= '9') || (text[i] >= 'A' && text[i] <= 'F');
-        if (i % 3 == 2 ? text[i] != ':' : !digit) return false;
-    }
-    return true;
+    bdaddr_t address{};
+    char canonical[18] = {};
+    if (bachk(text.c_str()) < 0 || str2ba(text.c_str(), &address) < 0) return "";
+    ba2str(&address, canonical);
+    return canonical;
 }
 
 // NAME[|DESCRIPTION[|PROVIDER]]=CHANNEL, one a line.
@@ -75,22 +76,21 @@ __attribute__((constructor)) void Start()
     const std::string speedText = Get_Variable("TAV_AIR_SPEED", "1");
     char* end = nullptr;
     const double speed = strtod(speedText.c_str(), &end);
-    if (speedText.empty() || *end != 0 || !(speed > 0) || speed > 1e6)
-        Refuse("TAV_AIR_SPEED", "'" + speedText + "' is not a number above 0, at most 1000000");
+    if (speedText.empty() || *end != 0 || !(speed >= 0.001 && speed <= 1e6))
+        Refuse("TAV_AIR_SPEED", "'" + speedText + "' is not a number from 0.001 to 1000000");
     if (!tav_air::Enter(Get_Variable("TAV_AIR", "air"), speed))
         Refuse("TAV_AIR", "'" + Get_Variable("TAV_AIR") + "' is not 1 to 30 letters, digits, '-', '_' or '.'");
     const std::string wrong = tav_air::Add_Faults(Get_Variable("TAV_AIR_FAULTS"));
     if (!wrong.empty()) Refuse("TAV_AIR_FAULTS", wrong);
     tav_air::S_Brick brick;
     brick.Name = Get_Variable("TAV_AIR_BRICK");
-    if (brick.Name.empty()) return;  // no adapter
     if (brick.Name.size() > 248) Refuse("TAV_AIR_BRICK", "a name has at most 248 bytes");
-    brick.Address = Get_Variable("TAV_AIR_ADDRESS", tav_air::Get_Address(brick.Name));
-    if (!Is_Address(brick.Address))
-        Refuse("TAV_AIR_ADDRESS", "'" + brick.Address + "' is not an address like 02:00:00:00:00:01");
+    const std::string address = Get_Variable("TAV_AIR_ADDRESS", tav_air::Get_Address(brick.Name));
+    brick.Address = Get_Canonical(address);
+    if (brick.Address.empty()) Refuse("TAV_AIR_ADDRESS", "'" + address + "' is not an address like 02:00:00:00:00:01");
     brick.Services = Parse_Services(Get_Variable("TAV_AIR_SERVICES"));
     Set_State(brick, Get_Variable("TAV_AIR_STATE"));
-    tav_air::Put(brick);
+    if (!brick.Name.empty()) tav_air::Put(brick);  // else there is no adapter
 }
 
 }  // namespace

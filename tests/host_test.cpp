@@ -16,9 +16,16 @@ using namespace tav_c_api_impl;
 
 namespace {
 
+// The log file of the test run.
+std::string Get_LogPath()
+{
+    const char* const path = getenv("TAV_LOG");
+    return path ? path : "";
+}
+
 std::vector<std::string> Read_Log()
 {
-    std::ifstream file(getenv("TAV_LOG"));
+    std::ifstream file(Get_LogPath());
     std::vector<std::string> lines;
     for (std::string line; std::getline(file, line);)
         lines.push_back(line);
@@ -73,7 +80,7 @@ TEST(Host, NameOfThisBrick)
 
 TEST(Host, DeletesAFileIfThereIsOne)
 {
-    const std::string path = std::string(getenv("TAV_LOG")) + ".other";
+    const std::string path = Get_LogPath() + ".other";
     std::ofstream(path) << "x";
     EXPECT_TRUE(DeleteFile(path));
     EXPECT_FALSE(std::filesystem::exists(path));
