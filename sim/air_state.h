@@ -111,29 +111,43 @@ struct S_State
 // The state is never destroyed: programs close sockets until their very end.
 S_State& State();
 
+// ---- Bricks (air.cpp) -----------------------------------------------------------------------------------------------
+
 // True for a Bluetooth descriptor of this process; takes no lock.
 bool Is_Ours(int fd);
-bool Is_Own(int fd);  // one of the air's own, which a program does not know of
 void Set_Ours(int fd, bool ours);
 
 Clock::duration Scaled(Clock::duration real);
-std::string Get_Acting();
-int Bind_Name(int fd, const std::string& name);  // name of the air's own name space
+void Sleep_Scaled(Clock::duration real);
+std::string Get_Acting();  // the brick whose adapter the calling thread uses; "": none
+
+// Names of the air's own name space.
+std::string Get_ListenName(const std::string& address, int channel);
+int Bind_Name(int fd, const std::string& name);
 int Connect_Name(int fd, const std::string& name);
+bool Is_Taken(const std::string& name);
 std::string Parse_Client(const sockaddr* address, socklen_t length);  // the peer that accept reports
+
+// Bricks in range, and what they tell about themselves; without the lock.
+std::vector<std::string> List_Bricks();
+std::optional<S_Brick> Ask_Brick(const std::string& address);
+std::string Pack(const S_Brick& brick);
+
+// ---- Connections (links.cpp) ----------------------------------------------------------------------------------------
+
+// Descriptors of the air's own: numbered out of the program's way, and not for it to close.
+int Open_UnixSocket(int type);
+void Close_Own(int& fd);
+bool Is_Own(int fd);
 
 // With the lock held.
 bool Start_Connecting(int fd, S_Socket& socket);
 void Fall_Silent(const std::string& address);
 void Drop_Socket(int fd);
-bool Is_Gone(const std::string& address);
-std::string Get_ListenName(const std::string& address, int channel);
-
-// Without it.
+void Close_Local(S_Local& local);
 void Wake_Thread();
-std::vector<std::string> List_Bricks();                        // addresses of all bricks in range
-std::optional<S_Brick> Ask_Brick(const std::string& address);  // what it tells; nothing when not in range
-void Sleep_Scaled(Clock::duration real);
+
+// ---- Faults and trace (faults.cpp) ----------------------------------------------------------------------------------
 
 // What is to go wrong with a call.
 struct S_Fault

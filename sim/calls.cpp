@@ -121,7 +121,7 @@ ssize_t Report_End(int fd, int flags, int later)
             std::swap(error, socket.Error);
         } else if (!socket.Ended) {
             socket.Ended = true;
-            const bool lost = socket.State == E_State::LOST || Is_Gone(socket.Peer);
+            const bool lost = socket.State == E_State::LOST || Is_Taken(socket.Peer + "/gone");
             error = lost ? ETIMEDOUT : ECONNRESET;
         }
     });
