@@ -146,6 +146,14 @@ TEST_F(Air, ConnectsAsLinuxDoes)
                   std::string(test.Connect) == "EINPROGRESS" ? test.Transfer : test.Connect);
         close(blocking);
     }
+    const int asked = Open();
+    int error = 0;
+    socklen_t length = sizeof(error);
+    EXPECT_EQ(Connect(asked, ROBOT2, 7), "EINPROGRESS");
+    EXPECT_TRUE(Is_Writable(asked, 2000));
+    EXPECT_EQ(getsockopt(asked, SOL_SOCKET, SO_ERROR, &error, &length), 0);
+    EXPECT_EQ(error, ECONNREFUSED);
+    EXPECT_EQ(Send(asked, "x"), "ENOTCONN") << "the error was told";
     tav_air::Act_As("");
     EXPECT_EQ(Connect(Open(), ROBOT2, 16), "EHOSTUNREACH") << "no adapter";
     EXPECT_EQ(hci_get_route(nullptr), -1);

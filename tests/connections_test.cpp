@@ -202,7 +202,7 @@ TEST_F(Connections, CloseClientTakesTheLowestServersRecord)
 
 TEST_F(Connections, OpensServerInThisOrderWhateverTheOptionsSay)
 {
-    tav_air::Add_Faults("setsockopt:*=EINVAL");
+    tav_air::Add_Faults("setsockopt:*=EINVAL fcntl:*=EBADF");
     const int server = m_One.OpenServer(16);
     EXPECT_GE(server, 0);
     EXPECT_EQ(Steps("OpenServer"), "Start(16); socket(); 1; bind(16); 2; setsockopt(BT_SECURITY 0 0); "
