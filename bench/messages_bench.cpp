@@ -2,8 +2,10 @@
 // by the same calls, through the module and without it. Ratios are what counts; the times are this machine's.
 #include "bluetooth/C_TAV_Bluetooth.h"
 
+#include <algorithm>
 #include <benchmark/benchmark.h>
-#include <cstring>
+#include <cstdlib>
+#include <string>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>

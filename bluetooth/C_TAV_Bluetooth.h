@@ -6,9 +6,10 @@
 //              where a call failed.
 //   Time-outs  Milliseconds, unsigned. 0 polls once (the server's reads: for 1 ms).
 //   Texts      Names, message ids and texts are byte strings without NUL, compared exactly (case matters).
-//   Threads    Every operation belongs to the user program's thread; only ReadData and WriteData touch no field of the
-//              object. The only other thread is the accept thread of the built-in server. There is no lock and no
-//              atomic anywhere: see m_ServerClients.
+//   Threads    Every operation belongs to the user program's thread, except ReadData and WriteData: they touch no field
+//   of
+//              the object, and any thread may call them. The only other thread is the accept thread of the built-in
+//              server. There is no lock and no atomic anywhere: see m_ServerClients.
 //   Sockets    Plain descriptors, 0 or more and below FD_SETSIZE (1024); that is not checked, so leave the process its
 //              usual limit of 1024 descriptors. Sending on -1 waits for ever. Records do not own their sockets: a
 //              connection stays open until one of the closing operations below is called for it.

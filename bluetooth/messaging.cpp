@@ -74,16 +74,21 @@ std::string Build_TAVOrg(const std::string& msgId, std::string_view payload)
     return message;
 }
 
+constexpr unsigned char TYPE_TEXT = 0x01;
+constexpr unsigned char TYPE_BOOL = 0x03;
+constexpr unsigned char TYPE_DATA = 0x04;
+
 // Named message: type | sender, NUL | id, NUL     | value: bool 1 byte; text, NUL; or data size (4 bytes), data.
 // Bool true:      03  |  41 42 00   | 61 62 63 00 | 01
 // Text Hi:        01  |  41 42 00   | 61 62 63 00 | 48 69 00
 // Data DE AD:     04  |  41 42 00   | 61 62 63 00 | 02 00 00 00 DE AD
 //
 // Starts `message` up to its value, with room for `valueSize` bytes of it. False when this brick has no name.
-bool Build_TAV(const char* operation, char type, const std::string& msgId, std::size_t valueSize, std::string& message)
+bool Build_TAV(const char* operation, unsigned char type, const std::string& msgId, std::size_t valueSize,
+               std::string& message)
 {
     Log_Step(operation, "Start");
-    message = type;
+    message = static_cast<char>(type);
     Log_Step(operation, "Set Msg Type");
     std::string sender;
     if (!Get_TAVBrickName(sender)) {
@@ -241,11 +246,11 @@ struct S_TAVReader
     const char* OtherId;
 };
 
-constexpr S_TAVReader READ_TEXT = {0x01, "2(Error find)", "3", "Error (Device Name)", "4(Error find)",
-                                   "4",  "Error (Msg Id)"};
-constexpr S_TAVReader READ_BOOL = {0x03, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
-constexpr S_TAVReader READ_DATA = {0x04,    nullptr,  "Brick Name",   "Error(Device Name)",
-                                   nullptr, "Msg Id", "Error(Msg Id)"};
+constexpr S_TAVReader READ_TEXT = {TYPE_TEXT, "2(Error find)", "3", "Error (Device Name)", "4(Error find)",
+                                   "4",       "Error (Msg Id)"};
+constexpr S_TAVReader READ_BOOL = {TYPE_BOOL, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+constexpr S_TAVReader READ_DATA = {TYPE_DATA, nullptr,  "Brick Name",   "Error(Device Name)",
+                                   nullptr,   "Msg Id", "Error(Msg Id)"};
 
 // Takes one of the two texts at the head of a named message and compares it.
 bool Take_TAVText(const char* operation, S_Cursor& in, const std::string& expected, const char* noEnd, const char* step,
@@ -270,8 +275,8 @@ bool Take_TAVHeader(const char* operation, const S_TAVReader& reader, S_Cursor& 
     in.Take_Byte(type);
     if (type != reader.Type) {
         if (operation)
-            WriteLog_Dbg(reader.Type == READ_DATA.Type ? "C_TAV_Bluetooth::%s - Error (Not type data : %u)"
-                                                       : "C_TAV_Bluetooth::%s - Error (Not type string : %u)",
+            WriteLog_Dbg(reader.Type == TYPE_DATA ? "C_TAV_Bluetooth::%s - Error (Not type data : %u)"
+                                                  : "C_TAV_Bluetooth::%s - Error (Not type string : %u)",
                          operation, type);
         return false;
     }
@@ -316,7 +321,7 @@ bool C_TAV_Bluetooth::_SendMsg_TAV_Data(int socket, const std::string& msgId, co
 {
     constexpr const char* OPERATION = "_SendMsg_TAV_Data";
     std::string message;
-    if (!Build_TAV(OPERATION, 0x04, msgId, std::size_t{4} + size, message)) return false;
+    if (!Build_TAV(OPERATION, TYPE_DATA, msgId, std::size_t{4} + size, message)) return false;
     unsigned char sizeBytes[4] = {};
     Write_NumBinary_To_Buf(size, sizeBytes, sizeof(sizeBytes));
     message.append(reinterpret_cast<const char*>(sizeBytes), sizeof(sizeBytes));
@@ -329,7 +334,7 @@ bool C_TAV_Bluetooth::_SendMsg_TAV_Data(int socket, const std::string& msgId, co
 bool C_TAV_Bluetooth::_SendMsg_TAV_Bool(int socket, const std::string& msgId, bool value)
 {
     std::string message;
-    if (!Build_TAV(nullptr, 0x03, msgId, 1, message)) return false;
+    if (!Build_TAV(nullptr, TYPE_BOOL, msgId, 1, message)) return false;
     message += value ? '\1' : '\0';
     return Write_Message(*this, nullptr, nullptr, socket, message);
 }
@@ -338,7 +343,7 @@ bool C_TAV_Bluetooth::_SendMsg_TAV_String(int socket, const std::string& msgId, 
 {
     constexpr const char* OPERATION = "_SendMsg_TAV_String";
     std::string message;
-    if (!Build_TAV(OPERATION, 0x01, msgId, text.size() + 1, message)) return false;
+    if (!Build_TAV(OPERATION, TYPE_TEXT, msgId, text.size() + 1, message)) return false;
     message += With_Nul(text);
     Log_Text(OPERATION, "String", text);
     return Write_Message(*this, OPERATION, "5", socket, message);

@@ -24,7 +24,7 @@ int main(int argc, char** argv)
     for (const auto& device : bluetooth.m_ScanDevices)
         std::cout << self << "    sees " << device.Name << " at " << device.AddrText << std::endl;
     if (bluetooth.Get_IndexScanDevice(other) < 0) return std::cerr << other << " was not found\n", 1;
-    auto& record = bluetooth.m_ScanDevices[static_cast<std::size_t>(bluetooth.Get_IndexScanDevice(other))];
+    const auto index = static_cast<std::size_t>(bluetooth.Get_IndexScanDevice(other));
 
     std::cout << self << "    services of " << other << ": " << bluetooth.Get_BT_Services_Count(other) << std::endl;
     for (const auto& service : bluetooth.m_Services)
@@ -49,11 +49,11 @@ int main(int argc, char** argv)
     bluetooth.ReadMsg_TAV_Data(other, "path", text, 100, 10000);
     check("data     path     ", sent && text == std::string(std::begin(path), std::end(path)));
 
-    bluetooth.Disconnect(record.Socket);
+    bluetooth.Disconnect(bluetooth.m_ScanDevices[index].Socket);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));   // connecting again at once is refused
     sent = bluetooth.SendMsg_TAVOrg_String(other, "inbox", "Hi");  // on channel 1
     bluetooth.ReadMsg_TAVOrg_String(other, "inbox", text, 100, 10000);
     check("mailbox  inbox    ", sent && text == "Hi");
-    bluetooth.Disconnect(record.Socket);
+    bluetooth.Disconnect(bluetooth.m_ScanDevices[index].Socket);
     return allUnchanged ? 0 : 1;
 }

@@ -1,29 +1,18 @@
-// A brick that takes messages from another brick and sends each one back. The client must stay until it has the
-// answers: on Linux the built-in server hangs when a client leaves while messages are waited for.
+// A brick that takes messages from another brick and sends each one back. It hangs if its client leaves before the end.
 #include "api/tav_c_api.h"
 #include "bluetooth/C_TAV_Bluetooth.h"
 
 #include <csignal>
 #include <iostream>
 
-namespace {
-
-int Fail(const char* what)
+static int Fail(const char* what)
 {
     std::cerr << what << '\n';
     return 1;
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+static int Serve(tav_c_api_impl::C_TAV_Bluetooth& bluetooth, const std::string& self, const std::string& sender)
 {
-    if (argc != 2) return Fail("usage: brick_server NAME    (the name of the brick that will send)");
-    const std::string sender = argv[1];
-    std::string self;
-    tav_c_api_impl::Get_TAVBrickName(self);
-    signal(SIGPIPE, SIG_IGN);  // a brick that hung up is a failed send, not the end of this program
-    tav_c_api_impl::C_TAV_Bluetooth bluetooth;
     int mailboxes = bluetooth.OpenServer(1);
     if (mailboxes < 0 || !bluetooth.OpenServer_TAV())
         return Fail("Cannot listen on channels 1 and 16 (TAV_LOG=- shows why)");
@@ -53,7 +42,18 @@ int main(int argc, char** argv)
         return Fail("No mailbox message came");
     std::cout << self << "    got mailbox  inbox    = " << text << std::endl;
     bluetooth._SendMsg_TAVOrg_String(mailbox, "inbox", text);
-
-    bluetooth.CloseServer_TAV();
     bluetooth.CloseServer(mailboxes);
+    return 0;
+}
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) return std::cerr << "usage: brick_server NAME    (the brick that will send)\n", 2;
+    std::string self;
+    tav_c_api_impl::Get_TAVBrickName(self);
+    signal(SIGPIPE, SIG_IGN);  // a brick that hung up is a failed send, not the end of this program
+    tav_c_api_impl::C_TAV_Bluetooth bluetooth;
+    const int status = Serve(bluetooth, self, argv[1]);
+    bluetooth.CloseServer_TAV();  // in every case: the accept thread must end before the object does
+    return status;
 }

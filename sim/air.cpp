@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -82,8 +83,7 @@ S_Brick Unpack(const std::string& packed)
 
 }  // namespace
 
-// ---- Shared with the other sources
-// ------------------------------------------------------------------------------------------
+// ---- Shared with the other sources ----------------------------------------------------------------------------------
 
 const S_Real& Real()
 {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
@@ -25,18 +26,18 @@ struct S_Rule
     unsigned long Count = 0;
 };
 
-// Guarded by the lock of the air.
-struct S_Trace
+// Rules and trace; guarded by the lock of the air.
+struct S_Watch
 {
     std::vector<S_Rule> Rules;
     bool On = false;
     std::vector<std::string> Lines;
 };
 
-S_Trace& Trace()
+S_Watch& Watch()
 {
-    static S_Trace& trace = *new S_Trace;
-    return trace;
+    static S_Watch& watch = *new S_Watch;
+    return watch;
 }
 
 int Get_Errno(const std::string& name)
@@ -95,33 +96,33 @@ std::string Add_Faults(const std::string& rules)
         if (!wrong.empty()) return wrong;
     }
     const std::lock_guard lock(State().Mutex);
-    Trace().Rules.insert(Trace().Rules.end(), added.begin(), added.end());
+    Watch().Rules.insert(Watch().Rules.end(), added.begin(), added.end());
     return "";
 }
 
 void Clear_Faults()
 {
     const std::lock_guard lock(State().Mutex);
-    Trace().Rules.clear();
+    Watch().Rules.clear();
 }
 
 void Start_Trace()
 {
     const std::lock_guard lock(State().Mutex);
-    Trace().On = true;
-    Trace().Lines.clear();
+    Watch().On = true;
+    Watch().Lines.clear();
 }
 
 void Record(const std::string& line)
 {
     const std::lock_guard lock(State().Mutex);
-    if (Trace().On) Trace().Lines.push_back(line);
+    if (Watch().On) Watch().Lines.push_back(line);
 }
 
 std::vector<std::string> Get_Trace()
 {
     const std::lock_guard lock(State().Mutex);
-    return Trace().Lines;
+    return Watch().Lines;
 }
 
 S_Fault Begin_Call(const char* call, const std::string& arguments)
@@ -131,7 +132,7 @@ S_Fault Begin_Call(const char* call, const std::string& arguments)
     Record(line);
     S_Fault fault;
     const std::lock_guard lock(State().Mutex);
-    for (S_Rule& rule : Trace().Rules) {
+    for (S_Rule& rule : Watch().Rules) {
         if (rule.Call != call || (++rule.Count != rule.At && rule.At != 0)) continue;
         fault.Error = rule.Fault.Error ? rule.Fault.Error : fault.Error;
         fault.Limit = std::min(rule.Fault.Limit, fault.Limit);

@@ -1,4 +1,4 @@
-// The simulated air itself: that it does what was measured on Linux, and that its faults and variables are checked.
+// The simulated air itself: that it does what was measured on Linux, and the faults that are asked for.
 #include "tests/on_air.h"
 
 #include <bluetooth/hci.h>

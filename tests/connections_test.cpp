@@ -2,7 +2,6 @@
 #include "tests/on_air.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -337,7 +336,7 @@ TEST_F(BuiltInServer, AcceptsOnItsThreadAndTalksBothWays)
         EXPECT_EQ(m_Two.Server_ReadMsg_TAV_String("AB", "abc", text, 100, 5000), 2);
         EXPECT_TRUE(m_Two.Server_SendMsg_TAV_Bool("abc", true));
         bool value = false;
-        EXPECT_TRUE(m_One.ReadMsg_TAV_Bool("Robot2", "abc", value, 2000) == false) << "the sender is AB, not Robot2";
+        EXPECT_FALSE(m_One.ReadMsg_TAV_Bool("Robot2", "abc", value, 2000)) << "the sender is AB, not Robot2";
         g_BrickName = "Robot2";
         EXPECT_TRUE(m_Two.Server_SendMsg_TAV_Bool("abc", true));
         EXPECT_TRUE(m_One.ReadMsg_TAV_Bool("Robot2", "abc", value, 2000));

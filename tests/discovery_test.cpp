@@ -1,8 +1,6 @@
 // Inquiry with its file, and the service query.
 #include "tests/on_air.h"
 
-#include <bluetooth/sdp_lib.h>
-
 using namespace tav_c_api_impl;
 using Lines = std::vector<std::string>;
 

@@ -2,14 +2,15 @@
 #include "api/tav_c_api.h"
 #include "sim/air.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <regex>
+#include <string>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 using namespace tav_c_api;
 using namespace tav_c_api_impl;
