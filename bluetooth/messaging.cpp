@@ -246,11 +246,13 @@ struct S_TAVReader
     const char* OtherId;
 };
 
-constexpr S_TAVReader READ_TEXT = {TYPE_TEXT, "2(Error find)", "3", "Error (Device Name)", "4(Error find)",
-                                   "4",       "Error (Msg Id)"};
+constexpr S_TAVReader READ_TEXT = {
+    TYPE_TEXT, "2(Error find)", "3", "Error (Device Name)", "4(Error find)", "4", "Error (Msg Id)",
+};
 constexpr S_TAVReader READ_BOOL = {TYPE_BOOL, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
-constexpr S_TAVReader READ_DATA = {TYPE_DATA, nullptr,  "Brick Name",   "Error(Device Name)",
-                                   nullptr,   "Msg Id", "Error(Msg Id)"};
+constexpr S_TAVReader READ_DATA = {
+    TYPE_DATA, nullptr, "Brick Name", "Error(Device Name)", nullptr, "Msg Id", "Error(Msg Id)",
+};
 
 // Takes one of the two texts at the head of a named message and compares it.
 bool Take_TAVText(const char* operation, S_Cursor& in, const std::string& expected, const char* noEnd, const char* step,

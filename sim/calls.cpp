@@ -111,7 +111,7 @@ int Close_Ours(const char* call, int fd)
 // ---- Transfer -------------------------------------------------------------------------------------------------------
 
 // The first transfer at the end of a connection reports why it ended; so does the first on one that did not come about.
-// What comes after that fails as `later`, or never returns when that is 0. Always -1, or 0 for own shutdowns.
+// What comes after that fails as `later`, or blocks until a signal when that is 0. Always -1.
 ssize_t Report_End(int fd, int flags, int later)
 {
     int error = 0;

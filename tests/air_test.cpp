@@ -208,7 +208,7 @@ TEST_F(Air, BrickThatFallsSilentIsGivenUpLater)
 {
     Link();
     auto waiting = std::async(std::launch::async, [this] { return Receive(m_Far); });
-    tav_air::Add_Faults("send:1=vanish");
+    Ask_Faults("send:1=vanish");
     EXPECT_EQ(Send(m_Near, "into the void"), "13") << "and does not arrive";
     const int client = As_Robot2([] { return Open(); });
     EXPECT_EQ(Connect(client, ROBOT1, 16), "EINPROGRESS");

@@ -74,9 +74,7 @@ TEST_F(Connections, FailedConnectLeavesNothing)
     Enter_Air(1);
     for (const auto& test : CASES) {
         SCOPED_TRACE(test.Line);
-        tav_air::Clear_Faults();
-        tav_air::Add_Faults(test.Fault);
-        tav_air::Start_Trace();
+        Ask_Faults(test.Fault);
         EXPECT_EQ(m_One.Connect_Index(0, 5, 0), -1);
         EXPECT_EQ(Log_Lines().back(), std::string("C_TAV_Bluetooth::Connect_Index - ") + test.Line);
         EXPECT_TRUE(tav_air::Get_Open().empty());
@@ -140,9 +138,7 @@ TEST_F(Connections, ConnectLooksInListThenFileThenAir)
         bluetooth.Add_BT_Device("Robot2", ROBOT2, -1, 0);
         DeleteFile("../prjs/SD_Card/__BTScan__");
         if (test.File) m_Folder.Write_List(C_ProjectFolder::CARD, file);
-        tav_air::Clear_Faults();
-        tav_air::Add_Faults(test.Fault);
-        tav_air::Start_Trace();
+        Ask_Faults(test.Fault);
         const int socket = bluetooth.Connect(test.Name, 5, 2000);
         EXPECT_EQ(socket >= 0, test.Found);
         EXPECT_EQ(Count("C_TAV_Bluetooth::BT_ParseFileDevices - Start"), test.Reads);
@@ -201,7 +197,7 @@ TEST_F(Connections, CloseClientTakesTheLowestServersRecord)
 
 TEST_F(Connections, OpensServerInThisOrderWhateverTheOptionsSay)
 {
-    tav_air::Add_Faults("setsockopt:*=EINVAL fcntl:*=EBADF");
+    Ask_Faults("setsockopt:*=EINVAL fcntl:*=EBADF");
     const int server = m_One.OpenServer(16);
     EXPECT_GE(server, 0);
     EXPECT_EQ(Steps("OpenServer"), "Start(16); socket(); 1; bind(16); 2; setsockopt(BT_SECURITY 0 0); "
@@ -225,9 +221,7 @@ TEST_F(Connections, FailedOpenServerLeavesNothing)
     };
     for (const auto& test : CASES) {
         SCOPED_TRACE(test.Line);
-        tav_air::Clear_Faults();
-        tav_air::Add_Faults(test.Fault);
-        tav_air::Start_Trace();
+        Ask_Faults(test.Fault);
         EXPECT_EQ(As_Robot2([&] { return m_One.OpenServer(test.Channel); }), -1);
         EXPECT_EQ(Log_Lines().back(), std::string("C_TAV_Bluetooth::OpenServer - ") + test.Line);
         EXPECT_EQ(tav_air::Get_Open(), std::vector<int>{m_Server});
@@ -266,8 +260,7 @@ TEST_F(Connections, AcceptsInThisOrder)
             Let_Go();
             ASSERT_GE(m_One.Connect_Index(0, 5, 2000), 0);
         }
-        tav_air::Clear_Faults();
-        tav_air::Add_Faults(test.Fault);
+        Ask_Faults(test.Fault);
         EXPECT_EQ(m_Two.AcceptClient(m_Server, 0), -1);
         EXPECT_EQ(Log_Lines().back(), std::string("C_TAV_Bluetooth::AcceptClient - ") + test.Line);
         EXPECT_EQ(m_Two.m_ServerClients.at(m_Server).size(), 1U);
@@ -390,7 +383,7 @@ TEST_F(BuiltInServer, BroadcastReachesEveryClientAndIgnoresFailures)
 {
     Connect_Clients(3);
     m_Two.m_ServerClients[m_Two.m_ServerSocket][1].Socket = -1;
-    tav_air::Add_Faults("send:1=EIO");
+    Ask_Faults("send:1=EIO");
     EXPECT_TRUE(m_Two.Server_SendMsg_TAV_String("abc", "Hi"));
     std::string text;
     EXPECT_EQ(m_One._ReadMsg_TAV_String(m_Clients[0], "AB", "abc", text, 100, 0), -1) << "its send failed";
@@ -498,8 +491,7 @@ TEST_F(Connections, MessageOperationsConnectOnDemand)
         };
         C_TAV_Bluetooth bluetooth;
         bluetooth.Add_BT_Device(name, ROBOT2, -1, 0);
-        tav_air::Add_Faults("connect:1=EACCES");
-        tav_air::Start_Trace();
+        Ask_Faults("connect:1=EACCES");
         text = "before";
         EXPECT_TRUE(test.Fails(bluetooth));
         EXPECT_EQ(text, "before");

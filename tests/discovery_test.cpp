@@ -54,9 +54,7 @@ TEST_F(Discovery, FailedScanChangesNothing)
     m_Folder.Write_List(C_ProjectFolder::CARD, "before");
     for (const auto& test : CASES) {
         SCOPED_TRACE(test.Call);
-        tav_air::Clear_Faults();
-        tav_air::Add_Faults(std::string(test.Call) + ":1=ENODEV");
-        tav_air::Start_Trace();
+        Ask_Faults(std::string(test.Call) + ":1=ENODEV");
         EXPECT_EQ(m_One.BT_Scan(), -1);
         EXPECT_EQ(Log_Lines(),
                   (Lines{"C_TAV_Bluetooth::BT_Scan - Start", std::string("C_TAV_Bluetooth::BT_Scan - ") + test.Line}));
@@ -174,10 +172,8 @@ TEST_F(Services, FailedQueryLeavesNothing)
     for (const auto& test : CASES) {
         SCOPED_TRACE(test.What);
         m_One.m_Services.resize(3);
-        tav_air::Clear_Faults();
-        tav_air::Add_Faults(test.Fault);
         if (test.Brick) tav_air::Put(*test.Brick);
-        tav_air::Start_Trace();
+        Ask_Faults(test.Fault);
         EXPECT_EQ(m_One.Get_BT_Services_Count("Robot2"), -1);
         EXPECT_EQ(Log_Lines().back(), std::string("C_TAV_Bluetooth::Get_BT_Services - Error in fce ") + test.Line);
         EXPECT_EQ(Count("sdp_close"), test.Closes);
@@ -207,9 +203,7 @@ TEST_F(Services, QueryLooksInListThenFileThenAir)
         bluetooth.Add_BT_Device("Robot3", "02:00:00:00:00:03", -1, 0);
         DeleteFile("../prjs/SD_Card/__BTScan__");
         if (test.File) m_Folder.Write_List(C_ProjectFolder::CARD, file);
-        tav_air::Clear_Faults();
-        tav_air::Add_Faults(test.Fault);
-        tav_air::Start_Trace();
+        Ask_Faults(test.Fault);
         EXPECT_EQ(bluetooth.Get_BT_Services_Count(test.Name), test.Count);
         EXPECT_EQ(Count("hci_inquiry"), test.Scans);
     }

@@ -35,6 +35,14 @@ protected:
         tav_air::Put({ROBOT2, "Robot2"});
     }
 
+    // Starts a case: these faults and no others, and a new trace.
+    static void Ask_Faults(const std::string& rules)
+    {
+        tav_air::Clear_Faults();
+        EXPECT_EQ(tav_air::Add_Faults(rules), "");
+        tav_air::Start_Trace();
+    }
+
     // What `action` returns with the adapter of Robot2.
     template <typename ACTION>
     static auto As_Robot2(ACTION action)
