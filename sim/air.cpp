@@ -126,7 +126,7 @@ void Set_Ours(int fd, bool ours)
 
 Clock::duration Scaled(Clock::duration real)
 {
-    return std::chrono::duration_cast<Clock::duration>(real / State().Speed.load());
+    return std::chrono::duration_cast<Clock::duration>(real / double{State().Speed.load()});
 }
 
 std::string Get_Acting()
@@ -236,7 +236,7 @@ bool Enter(const std::string& air, double speed)
     State().First.clear();
     t_Acting.reset();
     State().Air = air;
-    State().Speed = speed;
+    State().Speed = static_cast<float>(speed);
     return true;
 }
 
@@ -252,7 +252,7 @@ void Put(const S_Brick& brick)
     // A name stays taken until the thread has left its wait on it: the thread, not this one, listens.
     const unsigned long cycles = State().Cycles;
     Wake_Thread();
-    State().Cycled.wait(lock, [&] { return State().Cycles > cycles; });
+    State().Cycled.wait(lock, [&] { return State().Cycles != cycles; });
 }
 
 void Act_As(const std::string& address)

@@ -97,7 +97,7 @@ struct S_State
 {
     std::mutex Mutex;  // guards all that follows; never held while waiting
     std::string Air;
-    std::atomic<double> Speed = 1;
+    std::atomic<float> Speed = 1;           // 4 bytes: ARM needs a library for atomics of 8
     std::map<std::string, S_Local> Bricks;  // by address
     std::string First;                      // the default of Act_As
     std::map<int, S_Socket> Sockets;
