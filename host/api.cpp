@@ -28,7 +28,8 @@ int Open_Log()
 {
     const char* const path = getenv("TAV_LOG");
     if (!path || !*path || strcmp(path, "-") == 0) return STDERR_FILENO;
-    const int file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    // O_LARGEFILE: without it, the log of a 32-bit program ends at 2 GB.
+    const int file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_LARGEFILE, 0666);
     if (file >= 0) return file;
     fprintf(stderr, "TAV_LOG: cannot open %s: %s; logging to stderr\n", path, strerror(errno));
     return STDERR_FILENO;
