@@ -110,12 +110,19 @@ int Close_Ours(const char* call, int fd)
 
 // ---- Transfer -------------------------------------------------------------------------------------------------------
 
+// Bytes that a send buffer takes at once.
+constexpr std::size_t SEND_ROOM = 23368;
+
+bool Is_Blocking(int fd, int flags)
+{
+    return (flags & MSG_DONTWAIT) == 0 && (Real().Fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
+}
+
 // The first transfer at the end of a connection reports why it ended; so does the first on one that did not come about.
 // What comes after that fails as `later`, or blocks until a signal when that is 0. Always -1.
 ssize_t Report_End(int fd, int flags, int later)
 {
     int error = 0;
-    bool nonBlocking = (flags & MSG_DONTWAIT) != 0;
     Change_Socket(fd, [&](S_Socket& socket) {
         if (socket.State == E_State::FAILED) {
             std::swap(error, socket.Error);
@@ -127,8 +134,7 @@ ssize_t Report_End(int fd, int flags, int later)
     });
     if (error != 0) return Fail(error);
     if (later != 0) return Fail(later);
-    nonBlocking = nonBlocking || (Real().Fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
-    if (nonBlocking) return Fail(EAGAIN);
+    if (!Is_Blocking(fd, flags)) return Fail(EAGAIN);
     poll(nullptr, 0, -1);  // only a signal ends it
     return Fail(EINTR);
 }
@@ -335,7 +341,12 @@ ssize_t send(int fd, const void* buffer, std::size_t size, int flags)
     const S_Socket socket = Get_Socket(fd);
     if (socket.State == E_State::FAILED) return Report_End(fd, flags, ENOTCONN);
     if (socket.State != E_State::CONNECTED && socket.State != E_State::LOST) return Fail(ENOTCONN);
-    const ssize_t count = Real().Send(fd, buffer, std::min(size, fault.Limit), flags | MSG_NOSIGNAL);
+    if (size > SEND_ROOM && Is_Blocking(fd, flags)) {
+        pollfd end = {fd, 0, 0};  // Linux waits for room for the whole before it sends any of it
+        poll(&end, 1, -1);
+        return Report_End(fd, flags, ENOTCONN);
+    }
+    const ssize_t count = Real().Send(fd, buffer, std::min({size, SEND_ROOM, fault.Limit}), flags | MSG_NOSIGNAL);
     if (count >= 0 || socket.Shut || (errno != EPIPE && errno != ECONNRESET)) return count;
     return Report_End(fd, flags, ENOTCONN);
 }

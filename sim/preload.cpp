@@ -9,6 +9,8 @@
 
 namespace {
 
+tav_air::S_Brick* g_Brick = nullptr;  // what this program is
+
 [[noreturn]] void Refuse(const char* variable, const std::string& why)
 {
     fprintf(stderr, "air: %s: %s\n", variable, why.c_str());
@@ -90,7 +92,17 @@ __attribute__((constructor)) void Start()
     if (brick.Address.empty()) Refuse("TAV_AIR_ADDRESS", "'" + address + "' is not an address like 02:00:00:00:00:01");
     brick.Services = Parse_Services(Get_Variable("TAV_AIR_SERVICES"));
     Set_State(brick, Get_Variable("TAV_AIR_STATE"));
-    if (!brick.Name.empty()) tav_air::Put(brick);  // else there is no adapter
+    if (brick.Name.empty()) return;  // there is no adapter
+    tav_air::Put(brick);
+    g_Brick = new tav_air::S_Brick(brick);
 }
 
 }  // namespace
+
+// For programs that look for it with dlsym: the brick falls silent, as by the fault `vanish`.
+extern "C" void tav_air_vanish()
+{
+    if (!g_Brick) return;
+    g_Brick->Present = false;
+    tav_air::Put(*g_Brick);
+}
