@@ -1,0 +1,78 @@
+// Scenarios: stories that several bricks play step by step, written once and played on the simulated air and on the
+// real Linux Bluetooth stack. The conductor (lab/scenarios.py) gives the steps out in order; scenario_brick plays one
+// brick's.
+#pragma once
+
+#include "bluetooth/C_TAV_Bluetooth.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+// Where a step or a scenario is played.
+enum E_Place
+{
+    AIR = 1,
+    LAB = 2,
+    BOTH = AIR | LAB
+};
+
+// A brick in a scenario: the module, and what steps keep between them. Results are texts, a socket is "#".
+struct S_Robot : tav_c_api_impl::C_TAV_Bluetooth
+{
+    int Listening = -1;  // the last server opened
+    int Link = -1;       // the last connection made or accepted
+
+    std::string Open(unsigned char channel);
+    std::string Accept();
+    std::string Reach(const std::string& name, unsigned char channel, unsigned long timeout);  // lists it if need be
+    std::string Hang_Up();  // closes Link, however it came about
+
+    // On Link. The readers allow for `size` bytes and give "RESULT VALUE".
+    std::string Read_Text(const std::string& from, unsigned int size, unsigned long timeout);
+    std::string Read_Data(const std::string& from, unsigned int size, unsigned long timeout);
+    std::string Read_Bool(const std::string& from, unsigned long timeout);
+    std::string Read_Mailbox(unsigned int size, unsigned long timeout);  // classic
+
+    // Bare receives on Link: one; all until one fails, and why.
+    std::string Receive(unsigned int size, unsigned long timeout);
+    std::string Receive_All();
+
+    std::string Devices() const;            // names and addresses, sorted
+    std::string Clients(std::size_t size);  // of the built-in server, once their text is so long
+};
+
+struct S_Step
+{
+    std::string Who;                          // a brick, "radio" or "pause"
+    std::function<std::string(S_Robot&)> Do;  // a brick's; gives the result
+    std::string Command;                      // the radio's, or the seconds of a pause
+    std::string Result;                       // what is expected; "...": contained; HANGS
+    std::string Log = "*";                    // of the playing thread; "*": not looked at
+    double Least = 0;                         // seconds
+    double Most = 10;
+    bool Begins = false;  // the story goes on while this step lasts
+    int Places = BOTH;
+    int Line = 0;  // in the source of the scenarios
+};
+using S_Story = std::vector<S_Step>;
+
+constexpr const char* HANGS = "hangs";  // result of a step that does not return
+
+struct S_Scenario
+{
+    std::string Name;
+    std::string Title;
+    // Each brick and its traits: card, sdp (an SDP server with a serial port on channels 1 and 16), python, no-adapter
+    // (on the simulated air), device (nobody runs it), nameless.
+    std::vector<std::string> Bricks;
+    S_Story Story;
+    int Places = BOTH;
+    bool IsCore = false;  // also where time is short
+};
+
+std::string Get_Address(const std::string& name);
+std::vector<S_Scenario> All_Scenarios();
+
+// The accept thread's log since the last call, less its idle cycles.
+std::string Take_AcceptLog();

@@ -1,0 +1,983 @@
+#include "tests/scenarios/scenario.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace std::string_literals;
+
+std::string Get_Address(const std::string& name)
+{
+    if (name == "Lamp") return "02:00:00:00:00:21";
+    if (name == "Ghost") return "02:00:00:00:00:22";
+    if (name == "Nobody") return "02:00:00:00:00:99";
+    return "02:00:00:00:00:0" + name.substr(name.size() - 1);  // Robot1 to Robot8
+}
+
+namespace {
+
+std::string Text(const std::string& text)
+{
+    return text;
+}
+
+std::string Text(bool value)
+{
+    return value ? "true" : "false";
+}
+
+std::string Text(int number)
+{
+    return std::to_string(number);
+}
+
+// A socket's number is of no interest.
+std::string Socket(int socket)
+{
+    return socket >= 0 ? "#" : "-1";
+}
+
+// ---- Steps ----------------------------------------------------------------------------------------------------------
+
+// A brick does something, and this comes of it.
+template <typename ACTION>
+S_Story Do(const std::string& who, const std::string& result, const std::string& log, ACTION action,
+           int line = __builtin_LINE())
+{
+    S_Step step;
+    step.Who = who;
+    step.Do = [action](S_Robot& robot) { return Text(action(robot)); };
+    step.Result = result;
+    step.Log = log;
+    step.Line = line;
+    return {step};
+}
+
+template <typename ACTION>
+S_Story Do(const std::string& who, const std::string& result, ACTION action, int line = __builtin_LINE())
+{
+    return Do(who, result, "*", action, line);
+}
+
+// The story goes on while the step lasts.
+S_Story Meanwhile(S_Story story)
+{
+    story[0].Begins = true;
+    return story;
+}
+
+S_Story Takes(double least, double most, S_Story story)
+{
+    story[0].Least = least;
+    story[0].Most = most;
+    return story;
+}
+
+// A command of the system, in the brick's folder; what it says must contain `result`.
+std::string Run(const std::string& command)
+{
+    std::string said;
+    FILE* const pipe = popen((command + " 2>&1").c_str(), "r");
+    for (int byte; pipe && (byte = fgetc(pipe)) != EOF;)
+        said += static_cast<char>(byte);
+    if (pipe) pclose(pipe);
+    return said;
+}
+
+S_Story Shell(const char* who, const std::string& command, const std::string& result, int line = __builtin_LINE())
+{
+    return Takes(0, 60,
+                 Do(
+                     who, "..." + result, [command](S_Robot&) { return Run(command); }, line));
+}
+
+S_Story Special(const char* who, const std::string& command)
+{
+    S_Step step;
+    step.Who = who;
+    step.Command = command;
+    return {step};
+}
+
+S_Story Pause(double seconds)
+{
+    return Special("pause", std::to_string(seconds));
+}
+S_Story Radio(const std::string& command)
+{
+    return Special("radio", command);
+}
+S_Story Kill(const char* who)
+{
+    return Special(who, "kill");
+}
+
+// Steps for one of the places alone.
+S_Story Only(E_Place place, S_Story story)
+{
+    for (S_Step& step : story)
+        step.Places = place;
+    return story;
+}
+
+S_Story Join(std::initializer_list<S_Story> parts)
+{
+    S_Story story;
+    for (const S_Story& part : parts)
+        story.insert(story.end(), part.begin(), part.end());
+    return story;
+}
+
+constexpr const char* R1 = "Robot1";
+constexpr const char* R2 = "Robot2";
+constexpr const char* R3 = "Robot3";
+constexpr const char* R4 = "Robot4";
+
+// ---- What many stories have in common -------------------------------------------------------------------------------
+
+S_Story Open(const std::string& who, unsigned char channel, int line = __builtin_LINE())
+{
+    return Do(
+        who, "#", "OpenServer: Start(" + Text(channel) + ")|1|2|3|4",
+        [=](S_Robot& robot) { return robot.Open(channel); }, line);
+}
+
+S_Story Reach(const std::string& who, const std::string& whom, unsigned char channel, int line = __builtin_LINE())
+{
+    return Do(
+        who, "#", "Connect_Index: Start|1|2|3a|3b|4a|4b(1)",
+        [=](S_Robot& robot) { return robot.Reach(whom, channel, 20000); }, line);
+}
+
+std::string Accepted(const std::string& whom, unsigned char channel)
+{
+    return "AcceptClient: Start(#)|1|2|3|4|5(Device Name : )|5(Addr : " + Get_Address(whom) +
+           ")|5(Socket : #)|5(Port : " + Text(channel) + ")|End(Client : #)";
+}
+
+S_Story Accept(const std::string& who, const std::string& whom, unsigned char channel, int line = __builtin_LINE())
+{
+    return Do(
+        who, "#", Accepted(whom, channel), [](S_Robot& robot) { return robot.Accept(); }, line);
+}
+
+// Robot1 is connected to Robot2.
+S_Story Connected(unsigned char channel, int line = __builtin_LINE())
+{
+    return Join({Open(R2, channel, line), Reach(R1, R2, channel, line), Accept(R2, R1, channel, line)});
+}
+
+S_Story Hang_Up(const std::string& who, int line = __builtin_LINE())
+{
+    return Join({Do(
+                     who, "true", "", [](S_Robot& robot) { return robot.Hang_Up(); }, line),
+                 Pause(0.4)});
+}
+
+// ---- Discovery and connections
+// --------------------------------------------------------------------------------------------------------
+
+const std::string LAMP_AND_2 = "Lamp 02:00:00:00:00:21, Robot2 02:00:00:00:00:02";
+
+S_Story Inquiry()
+{
+    const auto scan = [](S_Robot& robot) { return robot.BT_Scan(); };
+    return Join({
+        // The name request to Ghost, which tells none, takes the page time-out of 5.12 s.
+        Takes(15.3, 25, Meanwhile(Do(R1, "2", "BT_Scan: Start", scan))),
+        Takes(15.3, 25, Meanwhile(Do(R2, "2", "BT_Scan: Start", scan))),
+        Do(R1, LAMP_AND_2, [](S_Robot& robot) { return robot.Devices(); }),
+        Do(R2, "Lamp 02:00:00:00:00:21, Robot1 02:00:00:00:00:01", [](S_Robot& robot) { return robot.Devices(); }),
+        Do(R1, "true", [](S_Robot& robot) { return robot.Close(), robot.BT_ParseFileDevices(); }),
+        Do(R1, LAMP_AND_2, [](S_Robot& robot) { return robot.Devices(); }),
+        Do(R1, "false", [](S_Robot&) { return Text(access("../prjs/__BTScan__", F_OK) == 0); }),  // it has a card
+        Do(R2, "true", [](S_Robot&) { return Text(access("../prjs/__BTScan__", F_OK) == 0); }),
+    });
+}
+
+S_Story Nobody()
+{
+    return Join({
+        Takes(10.2, 13, Do(R1, "-1", [](S_Robot& robot) { return robot.Connect("Robot2", 16, 2000); })),
+        Do(R1, "true", [](S_Robot& robot) { return robot.BT_ParseFileDevices(); }),
+        Do(R1, "-1", [](S_Robot& robot) { return robot.Get_IndexScanDevice("Robot2"); }),
+    });
+}
+
+// Without an adapter, or with one that is down.
+S_Story Without_Adapter()
+{
+    return Join({
+        Do(R1, "-1", "BT_Scan: Start|Error in fce hci_get_route(Error Code 19 : No such device)",
+           [](S_Robot& robot) { return robot.BT_Scan(); }),
+        Do(R1, "-1", "Connect_Index: Start|1|2|3a|Error in fce connect(Error Code 113 : No route to host)",
+           [](S_Robot& robot) { return robot.Reach("Robot2", 16, 2000); }),
+        Open(R1, 5),
+        Do(R1, "false", "Get_BT_Services: Start|Error in fce sdp_connect(Error Code 113 : No route to host)",
+           [](S_Robot& robot) { return robot.Get_BT_Services("Robot2"); }),
+    });
+}
+
+S_Story Adapter_Down()
+{
+    return Join({
+        Only(LAB, Shell(R1, "hciconfig hci0 down && echo down", "down")),
+        Without_Adapter(),
+        Only(LAB, Shell(R1, "hciconfig hci0 up && hciconfig hci0 piscan && echo up", "up")),
+    });
+}
+
+S_Story Adapter_Absent()
+{
+    const std::string attach = "(setsid btattach -B /dev/hvc0 -P h4 >/dev/null 2>&1 &); "
+                               "while ! hciconfig hci0 up 2>/dev/null; do usleep 50000; done; "
+                               "hciconfig hci0 name Robot1; hciconfig hci0 piscan && echo up";
+    return Join({
+        Only(LAB, Shell(R1, "killall btattach && sleep 1; ls /sys/class/bluetooth && echo gone", "gone")),
+        Without_Adapter(),
+        Only(LAB, Shell(R1, attach, "up")),
+    });
+}
+
+S_Story Connect()
+{
+    const std::string linked = "Connect_Index: Start|1|2|3a|3b|4a|4b(1)";
+    const auto connect = [](S_Robot& robot) { return Socket(robot.Link = robot.Connect("Robot2", 16, 20000)); };
+    const auto forget = [](S_Robot& robot) { return robot.Close(), robot.Get_IndexScanDevice("Robot2"); };
+    return Join({
+        Open(R2, 16),
+        // By name through an inquiry: neither listed nor in a file.
+        Takes(10.2, 15, Do(R1, "#", "...BT_Scan: Start; " + linked, connect)),
+        Accept(R2, R1, 16),
+        Do(R1, "0", [](S_Robot& robot) { return robot.isConnected("Robot2"); }),
+        // The same device and channel twice.
+        Do(R1, "-1", "Connect_Index: Start|1|2|3a|Error in fce connect(Error Code 16 : Device or resource busy)",
+           [](S_Robot& robot) { return robot.Connect("Robot2", 16, 20000); }),
+        Hang_Up(R1),
+        Do(R1, "-1", [](S_Robot& robot) { return robot.isConnected("Robot2"); }),
+        // A reader at the other end sees the end once, as an error.
+        Do(R2, "false", "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 104 : Connection reset by peer)|2(-1)",
+           [](S_Robot& robot) { return robot.Read_Bool("Robot1", 5000); }),
+        Hang_Up(R2),
+        // Through the list.
+        Takes(0, 4, Do(R1, "#", linked, connect)),
+        Accept(R2, R1, 16),
+        Hang_Up(R1),
+        Hang_Up(R2),
+        // Through the file that the inquiry left.
+        Do(R1, "-1", forget),
+        Takes(0, 4, Do(R1, "#", "..." + linked, connect)),
+        Accept(R2, R1, 16),
+        Hang_Up(R1),
+        Hang_Up(R2),
+        // By index, polling once; then an index that is none.
+        Do(R1, "-1", "Connect_Index: Start|1|2|3a|3b|4a|Timeout",
+           [](S_Robot& robot) { return robot.Connect_Index(0, 16, 0); }),
+        Do(R1, "-1", "Connect_Index: Start", [](S_Robot& robot) { return robot.Connect_Index(1, 16, 1000); }),
+        Do(R1, "false", [](S_Robot& robot) { return robot.Disconnect(500); }),
+        // A channel in use.
+        Do(R2, "-1", "OpenServer: Start(16)|1|Error in fce bind(Error Code 98 : Address already in use)",
+           [](S_Robot& robot) { return Socket(robot.OpenServer(16)); }),
+    });
+}
+
+S_Story Refused()
+{
+    const auto reach = [](S_Robot& robot) { return robot.Reach("Robot2", 5, 20000); };
+    const std::string linked = "Connect_Index: Start|1|2|3a|3b|4a|4b(1)";
+    const auto send = [](S_Robot& robot) { return robot._SendMsg_TAV_Bool(robot.Link, "id", true); };
+    const auto read = [](S_Robot& robot) { return robot.Read_Bool("Robot2", 500); };
+    return Join({
+        Takes(0, 4, Do(R1, "#", linked, reach)),
+        Do(R1, "false", "WriteData: Start(12)|1(1)|Error in fce send(Error Code 111 : Connection refused)|2(-1)", send),
+        Do(R1, "false",
+           "WriteData: Start(12)|1(1)|Error in fce send(Error Code 107 : Transport endpoint is not connected)|2(-1)",
+           send),
+        Hang_Up(R1),
+        Takes(0, 4, Do(R1, "#", linked, reach)),
+        Do(R1, "false", "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 111 : Connection refused)|2(-1)",
+           read),
+        Do(R1, "false",
+           "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 11 : Resource temporarily unavailable)|2(-1)",
+           read),
+        Hang_Up(R1),
+    });
+}
+
+S_Story Absent()
+{
+    const auto read = [](S_Robot& robot) { return robot.Read_Bool("Nobody", 500); };
+    return Join({
+        Takes(2, 3.5,
+              Do(R1, "-1", "Connect_Index: Start|1|2|3a|3b|4a|Timeout",
+                 [](S_Robot& robot) { return robot.Reach("Nobody", 16, 2000); })),
+        Pause(4),  // until the stack has stopped paging: who connects meanwhile fails together with the first
+        Takes(5.1, 7,
+              Do(R1, "#", "Connect_Index: Start|1|2|3a|3b|4a|4b(1)",
+                 [](S_Robot& robot) { return robot.Reach("Nobody", 16, 20000); })),
+        Do(R1, "false", "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 112 : Host is down)|2(-1)", read),
+        Hang_Up(R1),
+        Do(R1, "-1", "Connect_Index: Start|1|2|3a|Error in fce connect(Error Code 113 : No route to host)",
+           [](S_Robot& robot) { return robot.Reach("Robot1", 16, 2000); }),
+    });
+}
+
+// ---- Messages -------------------------------------------------------------------------------------------------------
+
+std::string Letters(unsigned int size)
+{
+    std::string text(size, ' ');
+    for (unsigned int i = 0; i < size; ++i)
+        text[i] = static_cast<char>('a' + i % 26);
+    return text;
+}
+
+// What a transfer that succeeds logs.
+std::string Received(std::size_t asked, std::size_t came)
+{
+    return "ReadData: Start(" + std::to_string(asked) + ")|1(1)|2(" + std::to_string(came) + ")";
+}
+
+std::string Sent(std::size_t size)
+{
+    const std::string count = std::to_string(size);
+    return "WriteData: Start(" + count + ")|1(1)|2(" + count + ")";
+}
+
+// Named messages over the brick's link; what is said is given time to arrive.
+S_Story Says(const std::string& who, const std::string& text, int line = __builtin_LINE())
+{
+    const auto send = [=](S_Robot& robot) { return robot._SendMsg_TAV_String(robot.Link, "id", text); };
+    return Join({Do(who, "true", send, line), Pause(0.1)});
+}
+
+S_Story Says_True(const std::string& who, int line = __builtin_LINE())
+{
+    const auto send = [](S_Robot& robot) { return robot._SendMsg_TAV_Bool(robot.Link, "id", true); };
+    return Join({Do(who, "true", Sent(12), send, line), Pause(0.1)});
+}
+
+S_Story Hears(const std::string& who, const std::string& from, const std::string& text, int line = __builtin_LINE())
+{
+    const auto read = [=](S_Robot& robot) { return robot.Read_Text(from, 100, 3000); };
+    return Do(who, std::to_string(text.size()) + " " + text, read, line);
+}
+
+S_Story Hears_True(const std::string& who, const std::string& from, int line = __builtin_LINE())
+{
+    const auto read = [=](S_Robot& robot) { return robot.Read_Bool(from, 3000); };
+    return Do(who, "true true", "...ReadData: Start(1024)|1(1)|2(", read, line);
+}
+
+// A raw data and a text message of `size` bytes. A reader logs its steps up to its limit, beyond it only the transfer.
+S_Story Exchange_Named(const std::string& who, unsigned int size)
+{
+    const std::string reader = who == R1 ? R2 : R1, value = Letters(size), count = std::to_string(size);
+    const std::size_t dataSize = 1 + 7 + 3 + 4 + size, textSize = 1 + 7 + 3 + size + 1;
+    const std::string dataLog = "_ReadMsg_TAV_Data: Start; " + Received(size <= 835 ? 1024 : size + 189, dataSize);
+    const std::string dataSteps = "; _ReadMsg_TAV_Data: Read Data(" + std::to_string(dataSize) + ")|Brick Name(" + who;
+    const std::string textLog = "_ReadMsg_TAV_String: Start; " + Received(size <= 839 ? 1024 : size + 185, textSize);
+    const std::string textSteps = "; _ReadMsg_TAV_String: 1(" + std::to_string(textSize) + ")|3(" + who + ")|4(id)|5(";
+    const auto sendData = [value](S_Robot& robot) {
+        const auto* const bytes = reinterpret_cast<const unsigned char*>(value.data());
+        return robot._SendMsg_TAV_Data(robot.Link, "id", bytes, static_cast<unsigned int>(value.size()));
+    };
+    return Join({
+        Do(who, "true", sendData),
+        Pause(0.05),
+        Do(reader, size == 0 ? "-1 " : count + " " + value,
+           size <= 835 ? dataLog + dataSteps + ")|Msg Id(id)" : dataLog,
+           [=](S_Robot& robot) { return robot.Read_Data(who, size, 5000); }),
+        Says(who, value),
+        Do(reader, count + " " + value, size <= 839 ? "..." + textLog + textSteps : textLog,
+           [=](S_Robot& robot) { return robot.Read_Text(who, size, 5000); }),
+    });
+}
+
+S_Story Named()
+{
+    S_Story story = Connected(16);
+    for (const std::string who : {R1, R2}) {
+        for (const unsigned int size : {0u, 1u, 100u, 835u, 836u, 837u, 838u, 839u, 840u, 1000u, 4000u})
+            story = Join({story, Exchange_Named(who, size)});
+        story = Join({story, Says_True(who), Hears_True(who == R1 ? R2 : R1, who)});
+    }
+    return story;
+}
+
+S_Story Exchange_Classic(const std::string& who, unsigned int size)
+{
+    const std::string value = Letters(size), count = std::to_string(14 + size);
+    return Join({
+        Do(who, "true",
+           "_SendMsg_TAVOrg_String: Start; " + Sent(14 + size) + "; _SendMsg_TAVOrg_String: 5(" + count + ")|End",
+           [=](S_Robot& robot) { return robot._SendMsg_TAVOrg_String(robot.Link, "abc", value); }),
+        Pause(0.05),
+        // A text of 244 bytes gives a length field whose low byte is 0, which is taken for a stray zero.
+        Do(who == R1 ? R2 : R1, size == 244 ? "-1 " : std::to_string(size) + " " + value,
+           "..._ReadMsg_TAVOrg_String: Start; " + Received(size <= 950 ? 1024 : size + 74, 14 + size),
+           [=](S_Robot& robot) { return robot.Read_Mailbox(size, 5000); }),
+    });
+}
+
+S_Story Classic()
+{
+    const auto send = [](S_Robot& robot) { return robot._SendMsg_TAVOrg_Bool(robot.Link, "abc", true); };
+    const auto read = [](S_Robot& robot) {
+        bool value = false;
+        return Text(robot._ReadMsg_TAVOrg_Bool(robot.Link, "", "abc", value, 5000) && value);
+    };
+    S_Story story = Connected(1);
+    for (const std::string who : {R1, R2}) {
+        for (const unsigned int size : {0u, 1u, 100u, 244u, 950u, 951u, 1000u, 4000u})
+            story = Join({story, Exchange_Classic(who, size)});
+        const std::string log = "_ReadMsg_TAVOrg_Bool: Start; " + Received(32, 14) +
+                                "; _ReadMsg_TAVOrg_Bool: 1(14)|Length of MsgId : 4|MsgId : abc|Bool Value : 1";
+        story = Join({story, Do(who, "true", send), Pause(0.05), Do(who == R1 ? R2 : R1, "true", log, read)});
+    }
+    return story;
+}
+
+// How receives cut and join messages on a stream.
+S_Story Stream()
+{
+    const auto receive = [](unsigned int size) { return [size](S_Robot& robot) { return robot.Receive(size, 3000); }; };
+    const auto readBool = [](S_Robot& robot) { return robot.Read_Bool("Robot1", 200); };
+    const auto receiveFirst = [](S_Robot& robot) {
+        const int size = std::stoi(robot.Receive(5000, 3000));
+        return std::string(size > 0 && size < 4012 ? "cut" : "whole or nothing");
+    };
+    return Join({
+        Connected(16),
+        // Sent back to back, read later: joined, and the second is lost in the text of the first.
+        Says(R1, "one"),
+        Says(R1, "two"),
+        Do(R2, "18 one~~Robot1~id~two", [](S_Robot& robot) { return robot.Read_Text("Robot1", 100, 1000); }),
+        // Of two bools the second is dropped.
+        Says_True(R1),
+        Says_True(R1),
+        Do(R2, "true true", Received(1024, 24), readBool),
+        Do(R2, "false", "ReadData: Start(1024)|Timeout", readBool),
+        // A receive that asks for less leaves the rest to the next.
+        Says(R1, Letters(2000)),
+        Do(R2, "1024", receive(1024)),
+        Do(R2, "988", receive(1024)),
+        // A reader that is waiting gets what comes first: a frame or two of the stream, not the message.
+        Only(LAB, Meanwhile(Do(R2, "cut", receiveFirst))),
+        Only(LAB, Pause(0.3)),
+        Only(LAB, Says(R1, Letters(4000))),
+    });
+}
+
+// 40000 bytes are more than a send buffer takes. A socket of Connect does not block and takes what fits, so that the
+// message fails in its middle; the blocking one of an accepted client sends nothing and does not return.
+S_Story Big()
+{
+    const auto send = [](S_Robot& robot) { return robot._SendMsg_TAV_String(robot.Link, "id", Letters(40000)); };
+    return Join({
+        Connected(16),
+        Do(R1, "false", "...WriteData: Start(40012)|1(1)|2(23368); _SendMsg_TAV_String: 5(23368)", send),
+        Pause(0.5),
+        Do(R2, "23368", [](S_Robot& robot) { return robot.Receive(40012, 500); }),
+        Do(R2, "-1", [](S_Robot& robot) { return robot.Receive(1024, 500); }),
+        Meanwhile(Do(R2, HANGS, send)),
+        Do(R1, "-1", [](S_Robot& robot) { return robot.Receive(40012, 3000); }),
+    });
+}
+
+// ---- Servers --------------------------------------------------------------------------------------------------------
+
+S_Story Opens_Server(const std::string& who, int line = __builtin_LINE())
+{
+    return Do(
+        who, "true", "OpenServer: Start(16)|1|2|3|4", [](S_Robot& robot) { return robot.OpenServer_TAV(); }, line);
+}
+
+// A brick connects to the built-in server of Robot1, which then has these clients.
+S_Story Joins(const std::string& who, const std::string& clients, int line = __builtin_LINE())
+{
+    const auto look = [size = clients.size()](S_Robot& robot) { return robot.Clients(size); };
+    return Join({Reach(who, R1, 16, line), Do(R1, clients, look, line)});
+}
+
+// What the built-in server of Robot1 reads within 2 s.
+S_Story Server_Hears(const std::string& from, const std::string& result, int line = __builtin_LINE())
+{
+    const auto read = [from](S_Robot& robot) {
+        std::string text;
+        return Text(robot.Server_ReadMsg_TAV_String(from, "id", text, 100, 2000)) + " " + text;
+    };
+    return Do(R1, result, read, line);
+}
+
+// A client of the built-in server leaves while the server waits for its messages: the accepted socket is blocking and
+// stays readable, and the receive after the first failed one does not return.
+S_Story Leaves()
+{
+    return Join({
+        Opens_Server(R1),
+        Joins(R2, "Robot2"),
+        Takes(2, 3, Server_Hears("Robot2", "-1 ")),  // as long as the client stays, the time-out holds
+        Meanwhile(Server_Hears("Robot2", HANGS)),
+        Pause(0.5),
+        Hang_Up(R2),
+        Pause(5),
+    });
+}
+
+// The same with a thread that watches the client. A shutdown or close of the socket does not end the read that hangs; a
+// signal does, and if the socket has been made non-blocking before, reading goes on until the time is out.
+S_Story Watched()
+{
+    const auto serve = [](S_Robot& robot) {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};  // without SA_RESTART
+        sigaction(SIGUSR1, &action, nullptr);
+        std::thread watcher([client = robot.m_ServerClients[robot.m_ServerSocket][0].Socket, reader = pthread_self()] {
+            pollfd end = {client, 0, 0};
+            poll(&end, 1, -1);
+            fcntl(client, F_SETFL, fcntl(client, F_GETFL) | O_NONBLOCK);
+            usleep(500000);  // the read hangs by now
+            pthread_kill(reader, SIGUSR1);
+        });
+        bool value = false;
+        const bool result = robot.Server_ReadMsg_TAV_Bool("Robot2", "id", value, 3000);
+        watcher.join();
+        return result;
+    };
+    return Join({
+        Opens_Server(R1),
+        Joins(R2, "Robot2"),
+        Meanwhile(Takes(3, 4, Do(R1, "false", serve))),
+        Pause(0.5),
+        Hang_Up(R2),
+    });
+}
+
+// The example server of the safe kind survives clients that come, leave, are killed and fall silent.
+S_Story Safe()
+{
+    const auto ask = [](const char* who, const char* what) {
+        const auto send = [=](S_Robot& robot) {
+            robot.Add_BT_Device("Robot2", Get_Address("Robot2"), -1, 0);
+            return robot.SendMsg_TAV_String("Robot2", "say", what);
+        };
+        const auto read = [](S_Robot& robot) {
+            std::string text;
+            robot.ReadMsg_TAV_String("Robot2", "say", text, 100, 5000);
+            return text;
+        };
+        return Join({Do(who, "true", send), Do(who, what, read)});
+    };
+    const auto leave = [](const char* who) {
+        const auto disconnect = [](S_Robot& robot) { return robot.Disconnect(robot.m_ScanDevices[0].Socket); };
+        return Join({Do(who, "true", disconnect), Pause(0.5)});
+    };
+    return Join({
+        Meanwhile(Shell(R2, "timeout 42 brick_echo",
+                        "serving~Robot1 says hello~Robot1 is gone~Robot3 says good day~Robot1 says back~Robot1 is gone~"
+                        "Robot3 says still here~Robot1 says once more~Robot3 says and now~Robot1 is gone~"
+                        "Robot3 says bye~Robot3 is gone~")),
+        Pause(12),  // it looks around first
+        ask(R1, "hello"),
+        leave(R1),
+        ask(R3, "good day"),
+        ask(R1, "back"),
+        Kill(R1),
+        Pause(0.5),
+        ask(R3, "still here"),
+        ask(R1, "once more"),
+        Radio("out Robot1"),
+        ask(R3, "and now"),
+        Pause(21),  // until the silent link is given up
+        ask(R3, "bye"),
+        leave(R3),
+    });
+}
+
+// Three clients of the built-in server.
+S_Story Server()
+{
+    const auto stop = [](S_Robot& robot) { return robot.CloseServer_TAV(); };
+    const auto sendAll = [](S_Robot& robot) { return robot.Server_SendMsg_TAV_String("id", "to all"); };
+    const auto close = [](S_Robot& robot) {
+        return robot.CloseClient(robot.m_ServerClients[robot.m_ServerSocket][1].Socket);
+    };
+    return Join({
+        Opens_Server(R1),
+        Do(R1, "false", "", sendAll),  // no client yet
+        Joins(R2, "Robot2"),
+        Do(R1, Accepted(R2, 16), [](S_Robot&) { return Take_AcceptLog(); }),
+        Joins(R3, "Robot2 Robot3"),
+        Joins(R4, "Robot2 Robot3 Robot4"),
+        Do(R1, "true", sendAll),
+        Hears(R2, R1, "to all"),
+        Hears(R3, R1, "to all"),
+        Hears(R4, R1, "to all"),
+        // From the one that is meant; what others sent meanwhile is consumed.
+        Says(R4, "four"),
+        Says(R3, "three"),
+        Server_Hears(R4, "4 four"),
+        Takes(2, 3, Server_Hears(R3, "-1 ")),
+        // A client that leaves is closed before messages are looked for again.
+        Hang_Up(R3),
+        Do(R1, "true", "", close),
+        Says(R4, "still here"),
+        Server_Hears(R4, "10 still here"),
+        // Stopped, and started again.
+        Takes(0, 2, Do(R1, "true", "CloseAllClient: Start(Server Socket : #)|2(#)|2(#)|End", stop)),
+        Do(R2, "false", "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 104 : Connection reset by peer)|2(-1)",
+           [](S_Robot& robot) { return robot.Read_Bool(R1, 3000); }),
+        Hang_Up(R2),
+        Opens_Server(R1),
+        Joins(R2, "Robot2"),
+        Says(R2, "again"),
+        Server_Hears(R2, "5 again"),
+        Do(R1, "true", stop),
+    });
+}
+
+S_Story Seven()
+{
+    S_Story arrive, hear;
+    std::string clients;
+    for (const std::string who : {"Robot2", "Robot3", "Robot4", "Robot5", "Robot6", "Robot7", "Robot8"}) {
+        clients += (clients.empty() ? "" : " ") + who;
+        arrive = Join({arrive, Joins(who, clients)});
+        hear = Join({hear, Hears_True(who, R1)});
+    }
+    return Join({
+        Opens_Server(R1),
+        arrive,
+        Do(R1, "true", [](S_Robot& robot) { return robot.Server_SendMsg_TAV_Bool("id", true); }),
+        hear,
+        Says("Robot8", "last"),
+        Server_Hears("Robot8", "4 last"),
+        Do(R1, "true", [](S_Robot& robot) { return robot.CloseServer_TAV(); }),
+    });
+}
+
+// ---- Radio ----------------------------------------------------------------------------------------------------------
+
+// A brick is switched off: its peer notices after the link supervision time-out of 20 s, and sends in vain until then.
+S_Story Switched_Off()
+{
+    const auto receive = [](S_Robot& robot) { return robot.Receive_All(); };
+    return Join({
+        Connected(16),
+        // In mid-message: what was on its way arrives, the rest never does.
+        Only(LAB, Radio("slow Robot2 1500")),
+        Only(LAB, Says(R2, Letters(4000))),
+        Only(LAB, Pause(1)),
+        Radio("out Robot2"),
+        Says_True(R1),
+        Takes(18, 23, Do(R1, "...ETIMEDOUT", receive)),
+        Do(R1, "false",
+           "WriteData: Start(12)|1(1)|Error in fce send(Error Code 107 : Transport endpoint is not connected)|2(-1)",
+           [](S_Robot& robot) { return robot._SendMsg_TAV_Bool(robot.Link, "id", true); }),
+        Only(LAB, Radio("slow Robot2 0")),
+    });
+}
+
+// Out of range for five seconds: nothing is lost.
+S_Story Out_And_Back()
+{
+    return Join({
+        Connected(16),
+        Radio("out Robot2"),
+        Says(R1, "held"),
+        Takes(5, 6, Do(R2, "-1 ", [](S_Robot& robot) { return robot.Read_Text(R1, 100, 5000); })),
+        Radio("back Robot2"),
+        Hears(R2, R1, "held"),
+    });
+}
+
+S_Story Page_Refused()
+{
+    return Join({
+        Radio("refuse Robot2"),
+        Do(R1, "#", [](S_Robot& robot) { return robot.Reach(R2, 16, 20000); }),
+        Do(R1, "false", "*", [](S_Robot& robot) { return robot._SendMsg_TAV_Bool(robot.Link, "id", true); }),
+        Radio("accept Robot2"),
+        Hang_Up(R1),
+        Connected(16),
+    });
+}
+
+// ---- Peers that nobody here wrote -----------------------------------------------------------------------------------
+
+S_Story Services()
+{
+    const auto ask = [](const char* whom) {
+        return [=](S_Robot& robot) {
+            robot.Add_BT_Device(whom, Get_Address(whom), -1, 0);
+            return robot.Get_BT_Services_Count(whom);
+        };
+    };
+    const auto service = [](int channel) {
+        return "|Service Name : Serial Port|Service Description : COM Port|Service Provider : BlueZ|Port : " +
+               Text(channel);
+    };
+    return Join({
+        Only(AIR, Do(R1, "2", "Get_BT_Services: Start" + service(1) + service(16), ask(R2))),
+        // bluetoothd has records of its own, and one without a protocol list.
+        Only(LAB, Do(R1, "5",
+                     "Get_BT_Services: Start|Service Name : AVRCP CT|Port : 0|Service Name : AVRCP TG|Port : 0|"
+                     "Service ID : 1101" +
+                         service(1) + "|Service ID : 1101" + service(16),
+                     ask(R2))),
+        Do(R2, "-1", "Get_BT_Services: Start|Error in fce sdp_connect(Error Code 111 : Connection refused)", ask(R1)),
+        Takes(5.1, 7,
+              Do(R1, "-1", "Get_BT_Services: Start|Error in fce sdp_connect(Error Code 112 : Host is down)",
+                 ask("Nobody"))),
+        // Neither listed nor in a file: no inquiry.
+        Do(R1, "false", "...Get_BT_Services: Start; BT_ParseFileDevices: Start",
+           [](S_Robot& robot) { return robot.Close(), robot.Get_BT_Services("Robot2"); }),
+    });
+}
+
+S_Story Tools()
+{
+    const std::string second = Get_Address(R2);
+    return Join({
+        Shell(R1, "hcitool name " + second, "Robot2"),
+        Shell(R1, "hcitool scan", second + "~Robot2"),
+        Shell(R1, "l2ping -c 3 " + second, "3 sent, 3 received"),
+        Shell(R1, "sdptool browse " + second, "Channel: 16"),
+        Open(R2, 16),
+        Meanwhile(Shell(R1, "timeout 5 rctest -n -P 16 " + second, "Connected")),
+        Accept(R2, R1, 16),
+        Says_True(R2),
+    });
+}
+
+// Figures, beside those of rctest and l2ping over the same link.
+S_Story Speed()
+{
+    constexpr int ROUND_TRIPS = 200, MESSAGES = 4000, SIZE = 1000;
+    const auto echo = [=](S_Robot& robot) {
+        for (int i = 0; i < ROUND_TRIPS; ++i) {
+            robot.Read_Text(R1, 100, 5000);
+            robot._SendMsg_TAV_String(robot.Link, "id", "pong");
+        }
+        return ROUND_TRIPS;
+    };
+    const auto ping = [=](S_Robot& robot) {
+        int answers = 0;
+        const auto start = std::chrono::steady_clock::now();
+        for (int i = 0; i < ROUND_TRIPS; ++i) {
+            robot._SendMsg_TAV_String(robot.Link, "id", "ping");
+            answers += robot.Read_Text(R2, 100, 5000) == "4 pong";
+        }
+        const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
+        return Text(answers) + " answers; measured: a round trip of short texts takes " +
+               std::to_string(took.count() / ROUND_TRIPS) + " ms";
+    };
+    const auto send = [=](S_Robot& robot) {
+        const std::string data = Letters(SIZE);
+        int sent = 0;
+        for (int i = 0; i < MESSAGES; ++i)
+            sent +=
+                robot._SendMsg_TAV_Data(robot.Link, "id", reinterpret_cast<const unsigned char*>(data.data()), SIZE);
+        return sent;
+    };
+    const auto receive = [=](S_Robot& robot) {
+        std::string buffer(65536, ' ');
+        int sum = 0;
+        const auto start = std::chrono::steady_clock::now();
+        for (int came = 1; sum < MESSAGES * (SIZE + 15) && came > 0; sum += came)
+            came = robot.ReadData(robot.Link, buffer.data(), 65536, 5000);
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        return Text(sum) + " bytes; measured: data messages of 1000 bytes run at " +
+               std::to_string(sum / 1000.0 / took.count()) + " KB/s";
+    };
+    const std::string second = Get_Address(R2);
+    return Join({
+        Connected(16),
+        Meanwhile(Takes(0, 60, Do(R2, Text(ROUND_TRIPS), echo))),
+        Takes(0, 60, Do(R1, "...200 answers", ping)),
+        Meanwhile(Takes(0, 60, Do(R1, Text(MESSAGES), send))),
+        Takes(0, 60, Do(R2, "..." + Text(MESSAGES * (SIZE + 15)), receive)),
+        Shell(R1,
+              "l2ping -c 20 " + second +
+                  " | awk '/time/ { sum += $NF } END { print \"measured: l2ping takes\", sum / 20, \"ms\" }'",
+              "measured"),
+        Meanwhile(Shell(R2, "timeout 9 rctest -r -b 1000 -P 6 > rctest.log", "")),
+        Pause(0.5),
+        Shell(R1, "timeout 5 rctest -s -b 1000 -P 6 " + second, ""),
+        Shell(R2,
+              "awk '/bytes in/ { sum += $2 } END { print \"measured: rctest runs at\", sum / 5000, \"KB/s\" }' "
+              "rctest.log",
+              "measured"),
+    });
+}
+
+// PyBluez builds and takes apart both formats on its own.
+S_Story Python()
+{
+    return Join({
+        Open(R2, 16),
+        Meanwhile(Shell(R1, "python3 ./peer.py client " + Get_Address(R2), "all well")),
+        Accept(R2, R1, 16),
+        Do(R2, "2 Hi", [](S_Robot& robot) { return robot.Read_Text("Robot1", 100, 20000); }),
+        Do(R2, "true", [](S_Robot& robot) { return robot._SendMsg_TAV_String(robot.Link, "id", "Hello"); }),
+        Hang_Up(R2),
+        Open(R2, 1),
+        Accept(R2, R1, 1),
+        Do(R2, "2 Hi", [](S_Robot& robot) { return robot.Read_Mailbox(100, 20000); }),
+        Do(R2, "true", [](S_Robot& robot) { return robot._SendMsg_TAVOrg_String(robot.Link, "abc", "Hello"); }),
+        Meanwhile(Shell(R1, "python3 ./peer.py server", "all well")),
+        Pause(3),
+        Reach(R2, R1, 16),
+        Do(R2, "true", [](S_Robot& robot) { return robot._SendMsg_TAV_String(robot.Link, "id", "Hi"); }),
+        Do(R2, "2 Hi", [](S_Robot& robot) { return robot.Read_Text("Robot1", 100, 20000); }),
+        Hang_Up(R2),
+        Reach(R2, R1, 1),
+        Do(R2, "true", [](S_Robot& robot) { return robot._SendMsg_TAVOrg_String(robot.Link, "abc", "Hi"); }),
+        Do(R2, "2 Hi", [](S_Robot& robot) { return robot.Read_Mailbox(100, 20000); }),
+    });
+}
+
+}  // namespace
+
+// ---- The brick ------------------------------------------------------------------------------------------------------
+
+std::string S_Robot::Open(unsigned char channel)
+{
+    return Socket(Listening = OpenServer(channel));
+}
+
+std::string S_Robot::Accept()
+{
+    return Socket(Link = AcceptClient(Listening, 5000));
+}
+
+std::string S_Robot::Reach(const std::string& name, unsigned char channel, unsigned long timeout)
+{
+    Add_BT_Device(name, Get_Address(name), -1, 0);
+    return Socket(Link = Connect(name, channel, timeout));
+}
+
+std::string S_Robot::Hang_Up()
+{
+    return Text(Disconnect(Link) || CloseClient(Link));
+}
+
+std::string S_Robot::Read_Text(const std::string& from, unsigned int size, unsigned long timeout)
+{
+    std::string text;
+    const int result = _ReadMsg_TAV_String(Link, from, "id", text, size, timeout);
+    return Text(result) + " " + text;
+}
+
+std::string S_Robot::Read_Data(const std::string& from, unsigned int size, unsigned long timeout)
+{
+    std::string data;
+    const int result = _ReadMsg_TAV_Data(Link, from, "id", data, size, timeout);
+    return Text(result) + " " + data;
+}
+
+std::string S_Robot::Read_Mailbox(unsigned int size, unsigned long timeout)
+{
+    std::string text;
+    const int result = _ReadMsg_TAVOrg_String(Link, "", "abc", text, size, timeout);
+    return Text(result) + " " + text;
+}
+
+std::string S_Robot::Read_Bool(const std::string& from, unsigned long timeout)
+{
+    bool value = false;
+    const bool result = _ReadMsg_TAV_Bool(Link, from, "id", value, timeout);
+    return Text(result) + (result ? " " + Text(value) : "");
+}
+
+std::string S_Robot::Receive(unsigned int size, unsigned long timeout)
+{
+    std::string buffer(size, ' ');
+    return Text(ReadData(Link, buffer.data(), size, timeout));
+}
+
+std::string S_Robot::Receive_All()
+{
+    char buffer[1024];
+    int sum = 0;
+    for (int came; (came = ReadData(Link, buffer, sizeof(buffer), 30000)) > 0;)
+        sum += came;
+    return Text(sum) + " " + strerrorname_np(errno);
+}
+
+std::string S_Robot::Devices() const
+{
+    std::vector<std::string> texts;
+    for (const auto& device : m_ScanDevices)
+        texts.push_back(device.Name + " " + device.AddrText);
+    std::sort(texts.begin(), texts.end());
+    std::string all;
+    for (const std::string& text : texts)
+        all += (all.empty() ? "" : ", ") + text;
+    return all;
+}
+
+std::string S_Robot::Clients(std::size_t size)
+{
+    std::string all;
+    for (int i = 0; i < 500 && all.size() < size; ++i) {
+        usleep(10000);
+        all.clear();
+        for (const auto& client : m_ServerClients[m_ServerSocket])
+            all += (all.empty() ? "Robot" : " Robot") + client.AddrText.substr(client.AddrText.size() - 1);
+    }
+    return all;
+}
+
+std::vector<S_Scenario> All_Scenarios()
+{
+    const std::vector<std::string> pair = {"Robot1", "Robot2"};
+    const std::vector<std::string> served = {"Robot1 python", "Robot2 sdp python"};
+    return {
+        {"inquiry",
+         "two bricks look around at once; a device that tells no name",
+         {"Robot1 card", "Robot2", "Lamp device", "Ghost device nameless"},
+         Inquiry(),
+         BOTH,
+         true},
+        {"nobody", "nobody is there", {"Robot1"}, Nobody()},
+        {"adapter-down", "the adapter is down", {"Robot1 no-adapter"}, Adapter_Down()},
+        {"adapter-absent", "there is no adapter", {"Robot1 no-adapter"}, Adapter_Absent(), LAB},
+        {"connect", "by name through inquiry, list and file; by index; twice; a channel in use", pair, Connect(), BOTH,
+         true},
+        {"refused", "a channel that nobody listens on", pair, Refused(), BOTH, true},
+        {"absent", "a device that is not there, and oneself", pair, Absent(), BOTH, true},
+        {"named", "named messages of every kind and size, both ways", pair, Named(), BOTH, true},
+        {"classic", "classic messages, both ways", pair, Classic(), BOTH, true},
+        {"stream", "how receives cut and join messages", pair, Stream(), BOTH, true},
+        {"big", "messages of 40000 bytes", pair, Big()},
+        {"leaves", "a client leaves, and the waiting server hangs", pair, Leaves(), BOTH, true},
+        {"watched", "a thread that watches a client frees the server that hangs", pair, Watched(), BOTH, true},
+        {"switched-off", "a brick is switched off in mid-message", pair, Switched_Off()},
+        {"out-and-back", "a brick goes out of range and comes back", pair, Out_And_Back(), LAB},
+        {"page-refused", "a brick that takes no more links", pair, Page_Refused(), LAB},
+        {"safe", "a server that survives whatever its clients do", {"Robot1", "Robot2", "Robot3"}, Safe(), BOTH, true},
+        {"server",
+         "three clients of the built-in server",
+         {"Robot1", "Robot2", "Robot3", "Robot4"},
+         Server(),
+         BOTH,
+         true},
+        {"seven",
+         "seven clients of the built-in server",
+         {"Robot1", "Robot2", "Robot3", "Robot4", "Robot5", "Robot6", "Robot7", "Robot8"},
+         Seven()},
+        {"services", "SDP with and without a server", served, Services(), BOTH, true},
+        {"tools", "BlueZ's tools as peers", served, Tools(), LAB},
+        {"speed", "round trips and throughput beside those of BlueZ's tools", pair, Speed(), LAB},
+        {"python", "PyBluez as client and server of both formats", served, Python(), LAB},
+    };
+}
