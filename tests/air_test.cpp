@@ -4,7 +4,6 @@
 #include <bluetooth/hci.h>
 #include <bluetooth/hci_lib.h>
 #include <bluetooth/rfcomm.h>
-#include <csignal>
 #include <fcntl.h>
 #include <future>
 #include <poll.h>
@@ -81,14 +80,6 @@ protected:
     int m_Far = -1;
 };
 
-TEST_F(Air, ReceivesJoinWhatSeveralSendsBrought)
-{
-    Link();
-    EXPECT_EQ(Send(m_Near, "one"), "3");
-    EXPECT_EQ(Send(m_Near, "two"), "3");
-    EXPECT_EQ(Receive(m_Far), "onetwo");
-}
-
 TEST_F(Air, EndOfAConnection)
 {
     Link();
@@ -103,22 +94,6 @@ TEST_F(Air, EndOfAConnection)
     pollfd end{m_Near, POLLIN | POLLOUT, 0};
     EXPECT_EQ(poll(&end, 1, 0), 1);
     EXPECT_EQ(end.revents & (POLLIN | POLLOUT | POLLHUP), POLLIN | POLLOUT | POLLHUP);
-}
-
-TEST_F(Air, BlockingReceiveAfterTheEndNeverReturns)
-{
-    Link();
-    close(m_Near);
-    EXPECT_EQ(Receive(m_Far), "ECONNRESET");
-    struct sigaction wake
-    {
-    };
-    wake.sa_handler = [](int) {};
-    sigaction(SIGALRM, &wake, nullptr);
-    ualarm(100000, 0);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(Receive(m_Far), "EINTR");
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(90));
 }
 
 TEST_F(Air, ConnectsAsLinuxDoes)

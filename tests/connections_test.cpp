@@ -88,30 +88,6 @@ TEST_F(Connections, FailedConnectLeavesNothing)
     EXPECT_EQ(Steps("Connect_Index"), "Start");
 }
 
-TEST_F(Connections, RefusedOrAbsentPeerShowsAtTheFirstTransfer)
-{
-    m_One.Add_BT_Device("Nobody", "02:00:00:00:00:99", -1, 0);
-    const struct
-    {
-        const char* What;
-        unsigned int Index;
-        unsigned char Channel;
-        const char* Error;
-    } CASES[] = {
-        {"no listener", 0, 7, "Error in fce send(Error Code 111 : Connection refused)"},
-        {"absent", 1, 5, "Error in fce send(Error Code 112 : Host is down)"},
-    };
-    for (const auto& test : CASES) {
-        SCOPED_TRACE(test.What);
-        const int socket = m_One.Connect_Index(test.Index, test.Channel, 2000);
-        ASSERT_GE(socket, 0);
-        EXPECT_EQ(m_One.m_ScanDevices[test.Index].Port, test.Channel);
-        EXPECT_FALSE(m_One._SendMsg_TAV_Bool(socket, "abc", true));
-        EXPECT_EQ(Count(std::string("C_TAV_Bluetooth::WriteData - ") + test.Error), 1);
-        EXPECT_TRUE(m_One.Disconnect(socket));
-    }
-}
-
 TEST_F(Connections, ConnectLooksInListThenFileThenAir)
 {
     const std::string file = Bytes("47 68 6F 73 74 00 1C 30 00 1A");  // a device named Ghost without a valid address
@@ -433,21 +409,6 @@ TEST_F(BuiltInServer, ClockThatFails)
         EXPECT_EQ(m_Two.Server_ReadMsg_TAV_String("AB", "abc", text, 100, 60000), -1);
         EXPECT_FALSE(value);
     }
-}
-
-TEST_F(BuiltInServer, ClassicMessagesGoOverTheirOwnChannel)
-{
-    const int mailboxes = As_Robot2([&] { return m_Two.OpenServer(1); });
-    EXPECT_TRUE(m_One.SendMsg_TAVOrg_String("Robot2", "abc", "Hi"));
-    EXPECT_EQ(m_One.m_ScanDevices[0].Port, 1);
-    const int client = m_Two.AcceptClient(mailboxes, 1000);
-    std::string text;
-    EXPECT_EQ(m_Two._ReadMsg_TAVOrg_String(client, "", "abc", text, 100, 1000), 2);
-    EXPECT_TRUE(m_Two._SendMsg_TAVOrg_Bool(client, "abc", true));
-    bool value = false;
-    EXPECT_TRUE(m_One.ReadMsg_TAVOrg_Bool("Robot2", "abc", value, 2000));
-    EXPECT_TRUE(value);
-    EXPECT_EQ(text, "Hi");
 }
 
 // ---- The public message operations ----------------------------------------------------------------------------------

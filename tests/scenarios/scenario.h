@@ -6,6 +6,7 @@
 #include "bluetooth/C_TAV_Bluetooth.h"
 
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -25,17 +26,21 @@ struct S_Robot : tav_c_api_impl::C_TAV_Bluetooth
 
     std::string Open(unsigned char channel);
     std::string Accept();
+    std::string Dial(const std::string& name, unsigned char channel, unsigned long timeout);
     std::string Reach(const std::string& name, unsigned char channel, unsigned long timeout);  // lists it if need be
-    std::string Hang_Up();  // closes Link, however it came about
+    bool Hang_Up();  // however Link came about
 
     // On Link. The readers allow for `size` bytes and give "RESULT VALUE".
+    bool Say(const std::string& text);
+    bool Say_True();
     std::string Read_Text(const std::string& from, unsigned int size, unsigned long timeout);
     std::string Read_Data(const std::string& from, unsigned int size, unsigned long timeout);
     std::string Read_Bool(const std::string& from, unsigned long timeout);
-    std::string Read_Mailbox(unsigned int size, unsigned long timeout);  // classic
+    bool Say_Classic(const std::string& text);
+    std::string Read_Classic(unsigned int size, unsigned long timeout);
 
     // Bare receives on Link: one; all until one fails, and why.
-    std::string Receive(unsigned int size, unsigned long timeout);
+    int Receive(unsigned int size, unsigned long timeout);
     std::string Receive_All();
 
     std::string Devices() const;            // names and addresses, sorted
@@ -46,9 +51,9 @@ struct S_Step
 {
     std::string Who;                          // a brick, "radio" or "pause"
     std::function<std::string(S_Robot&)> Do;  // a brick's; gives the result
-    std::string Command;                      // the radio's, or the seconds of a pause
-    std::string Result;                       // what is expected; "...": contained; HANGS
-    std::string Log = "*";                    // of the playing thread; "*": not looked at
+    std::string Command;                      // the radio's, the seconds of a pause, or "kill" for a brick
+    std::string Result;                       // what is expected; "...TEXT": contains TEXT; HANGS
+    std::string Log = "*";                    // of the playing thread, in the same way; "*": not looked at
     double Least = 0;                         // seconds
     double Most = 10;
     bool Begins = false;  // the story goes on while this step lasts
@@ -74,5 +79,51 @@ struct S_Scenario
 std::string Get_Address(const std::string& name);
 std::vector<S_Scenario> All_Scenarios();
 
-// The accept thread's log since the last call, less its idle cycles.
+// ---- Steps (steps.cpp) ----------------------------------------------------------------------------------------------
+
+inline std::string Text(const std::string& text)
+{
+    return text;
+}
+inline std::string Text(bool value)
+{
+    return value ? "true" : "false";
+}
+inline std::string Text(int number)
+{
+    return std::to_string(number);
+}
+
+S_Story Make_Step(const std::string& who, const std::string& result, const std::string& log,
+                  std::function<std::string(S_Robot&)> action, int line);
+
+// A brick does something, and this comes of it.
+template <typename ACTION>
+S_Story Do(const std::string& who, const std::string& result, const std::string& log, ACTION action,
+           int line = __builtin_LINE())
+{
+    return Make_Step(
+        who, result, log, [action](S_Robot& robot) { return Text(action(robot)); }, line);
+}
+
+template <typename ACTION>
+S_Story Do(const std::string& who, const std::string& result, ACTION action, int line = __builtin_LINE())
+{
+    return Do(who, result, "*", action, line);
+}
+
+// A command of the system, in the brick's folder; what it says must contain `result`.
+S_Story Shell(const std::string& who, const std::string& command, const std::string& result,
+              int line = __builtin_LINE());
+
+S_Story Pause(double seconds);
+S_Story Radio(const std::string& command);
+S_Story Kill(const std::string& who);  // the brick's program; a new one goes on
+
+S_Story Meanwhile(S_Story story);  // the story goes on while the step lasts
+S_Story Takes(double least, double most, S_Story story);
+S_Story Only(E_Place place, S_Story story);
+S_Story Join(std::initializer_list<S_Story> parts);
+
+// The accept thread's log since the last call, less its idle cycles (scenario_brick.cpp).
 std::string Take_AcceptLog();

@@ -1,139 +1,12 @@
 #include "tests/scenarios/scenario.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <thread>
 #include <unistd.h>
 
-using namespace std::string_literals;
-
-std::string Get_Address(const std::string& name)
-{
-    if (name == "Lamp") return "02:00:00:00:00:21";
-    if (name == "Ghost") return "02:00:00:00:00:22";
-    if (name == "Nobody") return "02:00:00:00:00:99";
-    return "02:00:00:00:00:0" + name.substr(name.size() - 1);  // Robot1 to Robot8
-}
-
 namespace {
-
-std::string Text(const std::string& text)
-{
-    return text;
-}
-
-std::string Text(bool value)
-{
-    return value ? "true" : "false";
-}
-
-std::string Text(int number)
-{
-    return std::to_string(number);
-}
-
-// A socket's number is of no interest.
-std::string Socket(int socket)
-{
-    return socket >= 0 ? "#" : "-1";
-}
-
-// ---- Steps ----------------------------------------------------------------------------------------------------------
-
-// A brick does something, and this comes of it.
-template <typename ACTION>
-S_Story Do(const std::string& who, const std::string& result, const std::string& log, ACTION action,
-           int line = __builtin_LINE())
-{
-    S_Step step;
-    step.Who = who;
-    step.Do = [action](S_Robot& robot) { return Text(action(robot)); };
-    step.Result = result;
-    step.Log = log;
-    step.Line = line;
-    return {step};
-}
-
-template <typename ACTION>
-S_Story Do(const std::string& who, const std::string& result, ACTION action, int line = __builtin_LINE())
-{
-    return Do(who, result, "*", action, line);
-}
-
-// The story goes on while the step lasts.
-S_Story Meanwhile(S_Story story)
-{
-    story[0].Begins = true;
-    return story;
-}
-
-S_Story Takes(double least, double most, S_Story story)
-{
-    story[0].Least = least;
-    story[0].Most = most;
-    return story;
-}
-
-// A command of the system, in the brick's folder; what it says must contain `result`.
-std::string Run(const std::string& command)
-{
-    std::string said;
-    FILE* const pipe = popen((command + " 2>&1").c_str(), "r");
-    for (int byte; pipe && (byte = fgetc(pipe)) != EOF;)
-        said += static_cast<char>(byte);
-    if (pipe) pclose(pipe);
-    return said;
-}
-
-S_Story Shell(const char* who, const std::string& command, const std::string& result, int line = __builtin_LINE())
-{
-    return Takes(0, 60,
-                 Do(
-                     who, "..." + result, [command](S_Robot&) { return Run(command); }, line));
-}
-
-S_Story Special(const char* who, const std::string& command)
-{
-    S_Step step;
-    step.Who = who;
-    step.Command = command;
-    return {step};
-}
-
-S_Story Pause(double seconds)
-{
-    return Special("pause", std::to_string(seconds));
-}
-S_Story Radio(const std::string& command)
-{
-    return Special("radio", command);
-}
-S_Story Kill(const char* who)
-{
-    return Special(who, "kill");
-}
-
-// Steps for one of the places alone.
-S_Story Only(E_Place place, S_Story story)
-{
-    for (S_Step& step : story)
-        step.Places = place;
-    return story;
-}
-
-S_Story Join(std::initializer_list<S_Story> parts)
-{
-    S_Story story;
-    for (const S_Story& part : parts)
-        story.insert(story.end(), part.begin(), part.end());
-    return story;
-}
 
 constexpr const char* R1 = "Robot1";
 constexpr const char* R2 = "Robot2";
@@ -144,16 +17,14 @@ constexpr const char* R4 = "Robot4";
 
 S_Story Open(const std::string& who, unsigned char channel, int line = __builtin_LINE())
 {
-    return Do(
-        who, "#", "OpenServer: Start(" + Text(channel) + ")|1|2|3|4",
-        [=](S_Robot& robot) { return robot.Open(channel); }, line);
+    const auto open = [=](S_Robot& robot) { return robot.Open(channel); };
+    return Do(who, "#", "OpenServer: Start(" + Text(channel) + ")|1|2|3|4", open, line);
 }
 
 S_Story Reach(const std::string& who, const std::string& whom, unsigned char channel, int line = __builtin_LINE())
 {
-    return Do(
-        who, "#", "Connect_Index: Start|1|2|3a|3b|4a|4b(1)",
-        [=](S_Robot& robot) { return robot.Reach(whom, channel, 20000); }, line);
+    const auto reach = [=](S_Robot& robot) { return robot.Reach(whom, channel, 20000); };
+    return Do(who, "#", "Connect_Index: Start|1|2|3a|3b|4a|4b(1)", reach, line);
 }
 
 std::string Accepted(const std::string& whom, unsigned char channel)
@@ -164,8 +35,8 @@ std::string Accepted(const std::string& whom, unsigned char channel)
 
 S_Story Accept(const std::string& who, const std::string& whom, unsigned char channel, int line = __builtin_LINE())
 {
-    return Do(
-        who, "#", Accepted(whom, channel), [](S_Robot& robot) { return robot.Accept(); }, line);
+    const auto accept = [](S_Robot& robot) { return robot.Accept(); };
+    return Do(who, "#", Accepted(whom, channel), accept, line);
 }
 
 // Robot1 is connected to Robot2.
@@ -176,13 +47,11 @@ S_Story Connected(unsigned char channel, int line = __builtin_LINE())
 
 S_Story Hang_Up(const std::string& who, int line = __builtin_LINE())
 {
-    return Join({Do(
-                     who, "true", "", [](S_Robot& robot) { return robot.Hang_Up(); }, line),
-                 Pause(0.4)});
+    const auto hangUp = [](S_Robot& robot) { return robot.Hang_Up(); };
+    return Join({Do(who, "true", "", hangUp, line), Pause(0.4)});
 }
 
-// ---- Discovery and connections
-// --------------------------------------------------------------------------------------------------------
+// ---- Discovery and connections --------------------------------------------------------------------------------------
 
 const std::string LAMP_AND_2 = "Lamp 02:00:00:00:00:21, Robot2 02:00:00:00:00:02";
 
@@ -249,7 +118,7 @@ S_Story Adapter_Absent()
 S_Story Connect()
 {
     const std::string linked = "Connect_Index: Start|1|2|3a|3b|4a|4b(1)";
-    const auto connect = [](S_Robot& robot) { return Socket(robot.Link = robot.Connect("Robot2", 16, 20000)); };
+    const auto connect = [](S_Robot& robot) { return robot.Dial("Robot2", 16, 20000); };
     const auto forget = [](S_Robot& robot) { return robot.Close(), robot.Get_IndexScanDevice("Robot2"); };
     return Join({
         Open(R2, 16),
@@ -284,7 +153,7 @@ S_Story Connect()
         Do(R1, "false", [](S_Robot& robot) { return robot.Disconnect(500); }),
         // A channel in use.
         Do(R2, "-1", "OpenServer: Start(16)|1|Error in fce bind(Error Code 98 : Address already in use)",
-           [](S_Robot& robot) { return Socket(robot.OpenServer(16)); }),
+           [](S_Robot& robot) { return robot.OpenServer(16); }),
     });
 }
 
@@ -292,7 +161,7 @@ S_Story Refused()
 {
     const auto reach = [](S_Robot& robot) { return robot.Reach("Robot2", 5, 20000); };
     const std::string linked = "Connect_Index: Start|1|2|3a|3b|4a|4b(1)";
-    const auto send = [](S_Robot& robot) { return robot._SendMsg_TAV_Bool(robot.Link, "id", true); };
+    const auto send = [](S_Robot& robot) { return robot.Say_True(); };
     const auto read = [](S_Robot& robot) { return robot.Read_Bool("Robot2", 500); };
     return Join({
         Takes(0, 4, Do(R1, "#", linked, reach)),
@@ -354,13 +223,13 @@ std::string Sent(std::size_t size)
 // Named messages over the brick's link; what is said is given time to arrive.
 S_Story Says(const std::string& who, const std::string& text, int line = __builtin_LINE())
 {
-    const auto send = [=](S_Robot& robot) { return robot._SendMsg_TAV_String(robot.Link, "id", text); };
+    const auto send = [=](S_Robot& robot) { return robot.Say(text); };
     return Join({Do(who, "true", send, line), Pause(0.1)});
 }
 
 S_Story Says_True(const std::string& who, int line = __builtin_LINE())
 {
-    const auto send = [](S_Robot& robot) { return robot._SendMsg_TAV_Bool(robot.Link, "id", true); };
+    const auto send = [](S_Robot& robot) { return robot.Say_True(); };
     return Join({Do(who, "true", Sent(12), send, line), Pause(0.1)});
 }
 
@@ -418,12 +287,12 @@ S_Story Exchange_Classic(const std::string& who, unsigned int size)
     return Join({
         Do(who, "true",
            "_SendMsg_TAVOrg_String: Start; " + Sent(14 + size) + "; _SendMsg_TAVOrg_String: 5(" + count + ")|End",
-           [=](S_Robot& robot) { return robot._SendMsg_TAVOrg_String(robot.Link, "abc", value); }),
+           [=](S_Robot& robot) { return robot.Say_Classic(value); }),
         Pause(0.05),
         // A text of 244 bytes gives a length field whose low byte is 0, which is taken for a stray zero.
         Do(who == R1 ? R2 : R1, size == 244 ? "-1 " : std::to_string(size) + " " + value,
            "..._ReadMsg_TAVOrg_String: Start; " + Received(size <= 950 ? 1024 : size + 74, 14 + size),
-           [=](S_Robot& robot) { return robot.Read_Mailbox(size, 5000); }),
+           [=](S_Robot& robot) { return robot.Read_Classic(size, 5000); }),
     });
 }
 
@@ -451,7 +320,7 @@ S_Story Stream()
     const auto receive = [](unsigned int size) { return [size](S_Robot& robot) { return robot.Receive(size, 3000); }; };
     const auto readBool = [](S_Robot& robot) { return robot.Read_Bool("Robot1", 200); };
     const auto receiveFirst = [](S_Robot& robot) {
-        const int size = std::stoi(robot.Receive(5000, 3000));
+        const int size = robot.Receive(5000, 3000);
         return std::string(size > 0 && size < 4012 ? "cut" : "whole or nothing");
     };
     return Join({
@@ -480,7 +349,7 @@ S_Story Stream()
 // message fails in its middle; the blocking one of an accepted client sends nothing and does not return.
 S_Story Big()
 {
-    const auto send = [](S_Robot& robot) { return robot._SendMsg_TAV_String(robot.Link, "id", Letters(40000)); };
+    const auto send = [](S_Robot& robot) { return robot.Say(Letters(40000)); };
     return Join({
         Connected(16),
         Do(R1, "false", "...WriteData: Start(40012)|1(1)|2(23368); _SendMsg_TAV_String: 5(23368)", send),
@@ -496,8 +365,8 @@ S_Story Big()
 
 S_Story Opens_Server(const std::string& who, int line = __builtin_LINE())
 {
-    return Do(
-        who, "true", "OpenServer: Start(16)|1|2|3|4", [](S_Robot& robot) { return robot.OpenServer_TAV(); }, line);
+    const auto open = [](S_Robot& robot) { return robot.OpenServer_TAV(); };
+    return Do(who, "true", "OpenServer: Start(16)|1|2|3|4", open, line);
 }
 
 // A brick connects to the built-in server of Robot1, which then has these clients.
@@ -681,7 +550,7 @@ S_Story Switched_Off()
         Takes(18, 23, Do(R1, "...ETIMEDOUT", receive)),
         Do(R1, "false",
            "WriteData: Start(12)|1(1)|Error in fce send(Error Code 107 : Transport endpoint is not connected)|2(-1)",
-           [](S_Robot& robot) { return robot._SendMsg_TAV_Bool(robot.Link, "id", true); }),
+           [](S_Robot& robot) { return robot.Say_True(); }),
         Only(LAB, Radio("slow Robot2 0")),
     });
 }
@@ -704,7 +573,7 @@ S_Story Page_Refused()
     return Join({
         Radio("refuse Robot2"),
         Do(R1, "#", [](S_Robot& robot) { return robot.Reach(R2, 16, 20000); }),
-        Do(R1, "false", "*", [](S_Robot& robot) { return robot._SendMsg_TAV_Bool(robot.Link, "id", true); }),
+        Do(R1, "false", "*", [](S_Robot& robot) { return robot.Say_True(); }),
         Radio("accept Robot2"),
         Hang_Up(R1),
         Connected(16),
@@ -758,67 +627,6 @@ S_Story Tools()
     });
 }
 
-// Figures, beside those of rctest and l2ping over the same link.
-S_Story Speed()
-{
-    constexpr int ROUND_TRIPS = 200, MESSAGES = 4000, SIZE = 1000;
-    const auto echo = [=](S_Robot& robot) {
-        for (int i = 0; i < ROUND_TRIPS; ++i) {
-            robot.Read_Text(R1, 100, 5000);
-            robot._SendMsg_TAV_String(robot.Link, "id", "pong");
-        }
-        return ROUND_TRIPS;
-    };
-    const auto ping = [=](S_Robot& robot) {
-        int answers = 0;
-        const auto start = std::chrono::steady_clock::now();
-        for (int i = 0; i < ROUND_TRIPS; ++i) {
-            robot._SendMsg_TAV_String(robot.Link, "id", "ping");
-            answers += robot.Read_Text(R2, 100, 5000) == "4 pong";
-        }
-        const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
-        return Text(answers) + " answers; measured: a round trip of short texts takes " +
-               std::to_string(took.count() / ROUND_TRIPS) + " ms";
-    };
-    const auto send = [=](S_Robot& robot) {
-        const std::string data = Letters(SIZE);
-        int sent = 0;
-        for (int i = 0; i < MESSAGES; ++i)
-            sent +=
-                robot._SendMsg_TAV_Data(robot.Link, "id", reinterpret_cast<const unsigned char*>(data.data()), SIZE);
-        return sent;
-    };
-    const auto receive = [=](S_Robot& robot) {
-        std::string buffer(65536, ' ');
-        int sum = 0;
-        const auto start = std::chrono::steady_clock::now();
-        for (int came = 1; sum < MESSAGES * (SIZE + 15) && came > 0; sum += came)
-            came = robot.ReadData(robot.Link, buffer.data(), 65536, 5000);
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-        return Text(sum) + " bytes; measured: data messages of 1000 bytes run at " +
-               std::to_string(sum / 1000.0 / took.count()) + " KB/s";
-    };
-    const std::string second = Get_Address(R2);
-    return Join({
-        Connected(16),
-        Meanwhile(Takes(0, 60, Do(R2, Text(ROUND_TRIPS), echo))),
-        Takes(0, 60, Do(R1, "...200 answers", ping)),
-        Meanwhile(Takes(0, 60, Do(R1, Text(MESSAGES), send))),
-        Takes(0, 60, Do(R2, "..." + Text(MESSAGES * (SIZE + 15)), receive)),
-        Shell(R1,
-              "l2ping -c 20 " + second +
-                  " | awk '/time/ { sum += $NF } END { print \"measured: l2ping takes\", sum / 20, \"ms\" }'",
-              "measured"),
-        Meanwhile(Shell(R2, "timeout 9 rctest -r -b 1000 -P 6 > rctest.log", "")),
-        Pause(0.5),
-        Shell(R1, "timeout 5 rctest -s -b 1000 -P 6 " + second, ""),
-        Shell(R2,
-              "awk '/bytes in/ { sum += $2 } END { print \"measured: rctest runs at\", sum / 5000, \"KB/s\" }' "
-              "rctest.log",
-              "measured"),
-    });
-}
-
 // PyBluez builds and takes apart both formats on its own.
 S_Story Python()
 {
@@ -827,115 +635,25 @@ S_Story Python()
         Meanwhile(Shell(R1, "python3 ./peer.py client " + Get_Address(R2), "all well")),
         Accept(R2, R1, 16),
         Do(R2, "2 Hi", [](S_Robot& robot) { return robot.Read_Text("Robot1", 100, 20000); }),
-        Do(R2, "true", [](S_Robot& robot) { return robot._SendMsg_TAV_String(robot.Link, "id", "Hello"); }),
+        Do(R2, "true", [](S_Robot& robot) { return robot.Say("Hello"); }),
         Hang_Up(R2),
         Open(R2, 1),
         Accept(R2, R1, 1),
-        Do(R2, "2 Hi", [](S_Robot& robot) { return robot.Read_Mailbox(100, 20000); }),
-        Do(R2, "true", [](S_Robot& robot) { return robot._SendMsg_TAVOrg_String(robot.Link, "abc", "Hello"); }),
+        Do(R2, "2 Hi", [](S_Robot& robot) { return robot.Read_Classic(100, 20000); }),
+        Do(R2, "true", [](S_Robot& robot) { return robot.Say_Classic("Hello"); }),
         Meanwhile(Shell(R1, "python3 ./peer.py server", "all well")),
         Pause(3),
         Reach(R2, R1, 16),
-        Do(R2, "true", [](S_Robot& robot) { return robot._SendMsg_TAV_String(robot.Link, "id", "Hi"); }),
+        Do(R2, "true", [](S_Robot& robot) { return robot.Say("Hi"); }),
         Do(R2, "2 Hi", [](S_Robot& robot) { return robot.Read_Text("Robot1", 100, 20000); }),
         Hang_Up(R2),
         Reach(R2, R1, 1),
-        Do(R2, "true", [](S_Robot& robot) { return robot._SendMsg_TAVOrg_String(robot.Link, "abc", "Hi"); }),
-        Do(R2, "2 Hi", [](S_Robot& robot) { return robot.Read_Mailbox(100, 20000); }),
+        Do(R2, "true", [](S_Robot& robot) { return robot.Say_Classic("Hi"); }),
+        Do(R2, "2 Hi", [](S_Robot& robot) { return robot.Read_Classic(100, 20000); }),
     });
 }
 
 }  // namespace
-
-// ---- The brick ------------------------------------------------------------------------------------------------------
-
-std::string S_Robot::Open(unsigned char channel)
-{
-    return Socket(Listening = OpenServer(channel));
-}
-
-std::string S_Robot::Accept()
-{
-    return Socket(Link = AcceptClient(Listening, 5000));
-}
-
-std::string S_Robot::Reach(const std::string& name, unsigned char channel, unsigned long timeout)
-{
-    Add_BT_Device(name, Get_Address(name), -1, 0);
-    return Socket(Link = Connect(name, channel, timeout));
-}
-
-std::string S_Robot::Hang_Up()
-{
-    return Text(Disconnect(Link) || CloseClient(Link));
-}
-
-std::string S_Robot::Read_Text(const std::string& from, unsigned int size, unsigned long timeout)
-{
-    std::string text;
-    const int result = _ReadMsg_TAV_String(Link, from, "id", text, size, timeout);
-    return Text(result) + " " + text;
-}
-
-std::string S_Robot::Read_Data(const std::string& from, unsigned int size, unsigned long timeout)
-{
-    std::string data;
-    const int result = _ReadMsg_TAV_Data(Link, from, "id", data, size, timeout);
-    return Text(result) + " " + data;
-}
-
-std::string S_Robot::Read_Mailbox(unsigned int size, unsigned long timeout)
-{
-    std::string text;
-    const int result = _ReadMsg_TAVOrg_String(Link, "", "abc", text, size, timeout);
-    return Text(result) + " " + text;
-}
-
-std::string S_Robot::Read_Bool(const std::string& from, unsigned long timeout)
-{
-    bool value = false;
-    const bool result = _ReadMsg_TAV_Bool(Link, from, "id", value, timeout);
-    return Text(result) + (result ? " " + Text(value) : "");
-}
-
-std::string S_Robot::Receive(unsigned int size, unsigned long timeout)
-{
-    std::string buffer(size, ' ');
-    return Text(ReadData(Link, buffer.data(), size, timeout));
-}
-
-std::string S_Robot::Receive_All()
-{
-    char buffer[1024];
-    int sum = 0;
-    for (int came; (came = ReadData(Link, buffer, sizeof(buffer), 30000)) > 0;)
-        sum += came;
-    return Text(sum) + " " + strerrorname_np(errno);
-}
-
-std::string S_Robot::Devices() const
-{
-    std::vector<std::string> texts;
-    for (const auto& device : m_ScanDevices)
-        texts.push_back(device.Name + " " + device.AddrText);
-    std::sort(texts.begin(), texts.end());
-    std::string all;
-    for (const std::string& text : texts)
-        all += (all.empty() ? "" : ", ") + text;
-    return all;
-}
-
-std::string S_Robot::Clients(std::size_t size)
-{
-    std::string all;
-    for (int i = 0; i < 500 && all.size() < size; ++i) {
-        usleep(10000);
-        all.clear();
-        for (const auto& client : m_ServerClients[m_ServerSocket])
-            all += (all.empty() ? "Robot" : " Robot") + client.AddrText.substr(client.AddrText.size() - 1);
-    }
-    return all;
-}
 
 std::vector<S_Scenario> All_Scenarios()
 {
@@ -977,7 +695,6 @@ std::vector<S_Scenario> All_Scenarios()
          Seven()},
         {"services", "SDP with and without a server", served, Services(), BOTH, true},
         {"tools", "BlueZ's tools as peers", served, Tools(), LAB},
-        {"speed", "round trips and throughput beside those of BlueZ's tools", pair, Speed(), LAB},
         {"python", "PyBluez as client and server of both formats", served, Python(), LAB},
     };
 }
