@@ -120,7 +120,8 @@ public:
     // the record unchanged. A device that refuses, or that is not in range (seen after the page time-out of 5.12 s),
     // still yields a socket: the failure shows at the first transfer.
     // A device that is connected already is connected once more, and the earlier socket stays open; Linux refuses a
-    // second connection to the same channel (EBUSY).
+    // second connection to the same channel (EBUSY), also while the last one to a device that fell silent is not given
+    // up, for 20 s.
     // The caller closes the socket with Disconnect; Close() does not. Blocks up to `timeout`.
     int Connect_Index(unsigned int index, unsigned char channel, unsigned long timeout);
 

@@ -19,6 +19,13 @@ static std::string Get_Name(const C_TAV_Bluetooth& bluetooth, const S_BT_ScanDev
     return "";
 }
 
+// Whether a short message can be sent without waiting. A client that never reads must not hold up the others.
+static bool Takes_Data(int socket)
+{
+    pollfd writable = {socket, POLLOUT, 0};
+    return poll(&writable, 1, 0) == 1;
+}
+
 // One message, if there is one, and its echo. False when the client is to be closed.
 static bool Serve(C_TAV_Bluetooth& bluetooth, const S_BT_ScanDevice& client, short events)
 {
@@ -27,7 +34,7 @@ static bool Serve(C_TAV_Bluetooth& bluetooth, const S_BT_ScanDevice& client, sho
     // The time-out is 0, and the socket does not block: whatever the client did, this returns at once.
     if ((events & POLLIN) && bluetooth._ReadMsg_TAV_String(client.Socket, name, "say", text, 100, 0) >= 0) {
         std::cout << name << " says " << text << std::endl;
-        return bluetooth._SendMsg_TAV_String(client.Socket, "say", text);
+        return Takes_Data(client.Socket) && bluetooth._SendMsg_TAV_String(client.Socket, "say", text);
     }
     return !(events & (POLLHUP | POLLERR));
 }

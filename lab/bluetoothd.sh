@@ -2,9 +2,8 @@
 hciconfig hci0 piscan
 mkdir -p /run/dbus
 dbus-daemon --system --fork
-/usr/libexec/bluetooth/bluetoothd --compat --nodetach >/tmp/bluetoothd.log 2>&1 &
+/usr/libexec/bluetooth/bluetoothd --compat --nodetach >/dev/console 2>&1 &
 while ! [ -S /run/sdp ]; do usleep 20000; done
 # It soon renames the adapter and switches its scans off; what init sets after that stays.
-waited=0
-while hciconfig hci0 | grep -q PSCAN && [ $waited -lt 60 ]; do usleep 50000; waited=$((waited + 1)); done
-for channel in 1 16; do sdptool add --channel=$channel SP >/tmp/sdptool.log; done
+while hciconfig hci0 | grep -q PSCAN; do usleep 20000; done
+for channel in 1 16; do sdptool add --channel=$channel SP >/dev/console; done

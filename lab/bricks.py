@@ -1,25 +1,24 @@
 """Bricks of the lab: virtual machines on one emulated radio."""
 
 import asyncio
-import ctypes
+import os
+import queue
+import re
 import shutil
 import signal
 import sys
 import tempfile
+import threading
 from contextlib import suppress
 from dataclasses import dataclass, field
 from pathlib import Path
 
-from image import LAB, Archive, Problem
+from image import LAB, Archive, Problem, die_with_parent
 
 BOOT_TIMEOUT = 120  # s; 15 when eight bricks start on two cores
 OFF_TIMEOUT = 20
-
-
-def die_with_parent():
-    """For children: whatever ends the runner ends them too."""
-    pr_set_pdeathsig = 1
-    ctypes.CDLL(None).prctl(pr_set_pdeathsig, signal.SIGKILL)
+FOLLOW_PAUSE = 0.05
+LONGEST_LINE = 65536  # a program may say anything
 
 
 @dataclass
@@ -32,7 +31,51 @@ class Setup:
     card: bool = False  # project folders with SD_Card
     sdp: bool = False  # runs bluetoothd
     python: bool = False  # has Python
-    on_radio: list = field(default_factory=list)  # commands to the radio, {} for the name
+
+    @property
+    def id(self):
+        """The name as files and the radio's commands can bear it."""
+        return re.sub(r"[^A-Za-z0-9_.-]", "_", self.name)
+
+
+async def together(*coroutines):
+    """Their results. When one fails, the others are cancelled and its exception is raised."""
+    try:
+        async with asyncio.TaskGroup() as group:
+            tasks = [group.create_task(coroutine) for coroutine in coroutines]
+    except BaseExceptionGroup as failed:
+        raise failed.exceptions[0] from None
+    return [task.result() for task in tasks]
+
+
+class Printer:
+    """Prints what bricks say, each line with its brick's name before it.
+
+    A thread writes, so that a slow terminal holds up nothing else.
+    """
+
+    def __init__(self, form, end):
+        self.form = form  # "{name:6} | "
+        self.end = end  # of a line
+        self.lines = queue.SimpleQueue()
+        self.thread = threading.Thread(target=self.write, daemon=True)
+        self.thread.start()
+
+    def put(self, name, line):
+        self.lines.put(self.form.format(name=name).encode() + line.rstrip(b"\r") + self.end)
+
+    def write(self):
+        try:
+            for line in iter(self.lines.get, None):
+                sys.stdout.buffer.write(line)
+                if self.lines.empty():
+                    sys.stdout.buffer.flush()
+        except OSError:  # nobody listens any more
+            os.kill(os.getpid(), signal.SIGINT)
+
+    def close(self):
+        self.lines.put(None)
+        self.thread.join()
 
 
 class Radio:
@@ -48,7 +91,7 @@ class Radio:
         options = ["--speed", str(speed)] + (["--trace", str(trace)] if trace else [])
         self.process = await asyncio.create_subprocess_exec(
             *(sys.executable, str(LAB / "radio.py"), *options, str(self.folder)),
-            *(f"{setup.name}={setup.address}" for setup in controllers),
+            *(f"{setup.id}={setup.address}" for setup in controllers),
             stdin=asyncio.subprocess.PIPE,
             stdout=asyncio.subprocess.PIPE,
             start_new_session=True,
@@ -67,64 +110,80 @@ class Radio:
 class Brick:
     """One virtual machine."""
 
-    def __init__(self, setup, image, radio_socket, folder, print_line):
+    def __init__(self, setup, image, folder, print_line):
         self.setup = setup
         self.image = image
-        self.radio_socket = radio_socket
-        self.folder = folder  # of this brick alone; holds its sockets, program files and the log of its console
-        self.print_line = print_line
+        self.radio_socket = folder / setup.id
+        self.folder = folder / f"{setup.id}.brick"  # of this brick alone: sockets, program files, logs
+        self.output = self.folder / "output.log"  # what programs say
+        self.print_line = print_line  # None: the screen is for a shell
+        self.following = None
         self.process = None
         self.control = None  # reader and writer of the port for orders
-        self.screen = None  # of the port for what programs say
-        self.connected = asyncio.Event()
+        self.screen = None  # of the port for a shell
 
     async def start(self):
-        """Starts the machine; `ready` waits for it."""
+        """Starts the machine; ready() waits for it."""
         self.folder.mkdir()
-        await asyncio.start_unix_server(self.take_control, self.folder / "control")
+        await asyncio.start_unix_server(self.take_control, self.folder / "control", limit=2**20)
         await asyncio.start_unix_server(self.take_screen, self.folder / "screen")
+        self.output.touch()
         arch = self.image.arch
+        # What programs say goes to a file: to a socket, QEMU drops what does not fit.
+        screen = f"file,path={self.output}" if self.print_line else f"socket,path={self.folder / 'screen'}"
         ports = []
-        for path in self.radio_socket, self.folder / "screen", self.folder / "control":
+        for backend in f"socket,path={self.radio_socket}", screen, f"socket,path={self.folder / 'control'}":
             port = f"port{len(ports)}"
-            ports += ["-chardev", f"socket,path={path},id={port}", "-device", f"virtconsole,chardev={port}"]
-        settings = {"brick": self.setup.name, "card": "1" * self.setup.card, "sdp": "1" * self.setup.sdp}
+            ports += ["-chardev", f"{backend},id={port}", "-device", f"virtconsole,chardev={port}"]
+        settings = " card=1" * self.setup.card + " sdp=1" * self.setup.sdp
         self.process = await asyncio.create_subprocess_exec(
             *arch.qemu,
             *("-m", "320" if self.setup.python else "128", "-nodefaults", "-no-user-config", "-display", "none"),
             *("-no-reboot", "-kernel", self.image.kernel, "-initrd", self.pack_initrd()),
             *("-serial", f"file:{self.folder / 'console.log'}", "-device", arch.serial, *ports),
             "-append",
-            f"console={arch.console} quiet panic=-1 no_timer_check cryptomgr.notests "
-            + " ".join(f"{key}={value}" for key, value in settings.items() if value),
+            f"console={arch.console} quiet panic=-1 no_timer_check cryptomgr.notests{settings}",
             stdin=asyncio.subprocess.DEVNULL,
             stderr=(self.folder / "qemu.log").open("wb"),
             start_new_session=True,
             preexec_fn=die_with_parent,
         )
+        if self.print_line:
+            self.following = asyncio.create_task(self.follow_output())
 
     def pack_initrd(self):
-        """The image's archives and one with the program; the kernel unpacks them one after the other."""
+        """The image's archives and one with the brick's name and files; the kernel unpacks one after the other."""
         files = Archive(None, self.folder / "files")
-        files.path("brick/run/.").mkdir(parents=True, exist_ok=True)
+        files.write("brick/name", f"{self.setup.name}\n")
         for file in self.setup.files:
             shutil.copy2(file, files.path(f"brick/run/{Path(file).name}"))
-        initrd = self.folder / "initrd"
-        files.pack(initrd.with_suffix(".job"))
-        with initrd.open("wb") as output:
-            for archive in *self.image.archives(self.setup.sdp, self.setup.python), initrd.with_suffix(".job"):
-                output.write(archive.read_bytes())
-        return initrd
+        files.pack(self.folder / "files.cpio")
+        with (self.folder / "initrd").open("wb") as initrd:
+            for archive in *self.image.archives(self.setup.sdp, self.setup.python), self.folder / "files.cpio":
+                initrd.write(archive.read_bytes())
+        return self.folder / "initrd"
 
     async def take_control(self, reader, writer):
         self.control = reader, writer
-        self.connected.set()
 
     async def take_screen(self, reader, writer):
         self.screen = reader, writer
-        if self.print_line:
-            while line := await reader.readline():
-                self.print_line(line.decode(errors="replace").rstrip("\r\n"))
+
+    async def follow_output(self):
+        """Prints what the brick says as it comes, until the machine has ended."""
+        rest = b""
+        with self.output.open("rb") as output:
+            while True:
+                ended = self.process.returncode is not None
+                data = output.read(LONGEST_LINE)
+                *lines, rest = (rest + data).split(b"\n")
+                if len(rest) >= LONGEST_LINE or (ended and not data and rest):
+                    lines, rest = [*lines, rest], b""
+                for line in lines:
+                    self.print_line(self.setup.name, line)
+                if not data and ended:
+                    return
+                await asyncio.sleep(0 if data else FOLLOW_PAUSE)
 
     async def order(self, line):
         self.control[1].write(f"{line}\n".encode())
@@ -137,19 +196,16 @@ class Brick:
         return line.decode(errors="replace").strip()
 
     async def ready(self):
-        async def wait():
-            await self.connected.wait()
-            while not (await self.answer()).startswith("ready"):
-                pass
-
-        ended = asyncio.create_task(self.process.wait())
-        waiting = asyncio.create_task(wait())
-        await asyncio.wait([ended, waiting], timeout=BOOT_TIMEOUT, return_when=asyncio.FIRST_COMPLETED)
-        if not waiting.done():
-            waiting.cancel()
-            raise Problem(f"{self.setup.name} did not start\n{self.last_words()}")
-        waiting.result()
-        ended.cancel()
+        try:
+            async with asyncio.timeout(BOOT_TIMEOUT):
+                while not self.control:
+                    if self.process.returncode is not None:
+                        raise Problem(f"{self.setup.name} did not start\n{self.last_words()}")
+                    await asyncio.sleep(0.02)
+                while not (await self.answer()).startswith("ready"):
+                    pass
+        except TimeoutError:
+            raise Problem(f"{self.setup.name} did not start in {BOOT_TIMEOUT} s\n{self.last_words()}") from None
 
     async def run(self, command):
         """Runs a command in the brick; its status."""
@@ -158,8 +214,12 @@ class Brick:
 
     async def switch_off(self):
         await self.order("off")
-        with suppress(asyncio.TimeoutError):
+        try:
             await asyncio.wait_for(self.process.wait(), OFF_TIMEOUT)
+        except TimeoutError:
+            raise Problem(f"{self.setup.name} did not switch off\n{self.last_words()}") from None
+        if re.search("kernel BUG|Oops", (self.folder / "console.log").read_text(errors="replace")):
+            raise Problem(f"the kernel of {self.setup.name} failed\n{self.last_words()}")
 
     def last_words(self):
         """The end of what the machine and its kernel said."""
@@ -171,58 +231,72 @@ class Brick:
 
 
 class Lab:
-    """The radio and its bricks, from start to end; nothing of them is left afterwards, whatever happens between."""
+    """The radio and its bricks, from start to end; nothing of them is left afterwards, whatever happens between.
 
-    def __init__(self, image, setups, phantoms=(), speed=1, trace=None, print_line=None, shell=None):
+    phantoms  devices without a host: pairs of name and address
+    trace     folder for HCI captures, or None
+    keep      folder for logs of kernels, QEMU and programs, or None
+    form      how what a brick says is printed
+    shell     name of the brick whose screen is for a shell, or None
+    """
+
+    def __init__(self, image, setups, phantoms=(), speed=1, trace=None, keep=None, form="{name} | ", shell=None):
         self.folder = Path(tempfile.mkdtemp(prefix="tav-lab-"))
-        self.image = image
-        self.setups = setups
-        self.phantoms = phantoms  # devices without a host, as the radio knows them: name, address
+        self.phantoms = phantoms
         self.speed = speed
         self.trace = trace
+        self.keep = keep
+        self.printer = Printer(form, b"\r\n" if shell else b"\n")  # a shell has the terminal in raw mode
         self.radio = Radio(self.folder)
-        printer = lambda name: print_line and name != shell and (lambda line: print_line(name, line))
         self.bricks = {
-            setup.name: Brick(
-                setup, image, self.folder / setup.name, self.folder / f"{setup.name}.brick", printer(setup.name)
-            )
+            setup.name: Brick(setup, image, self.folder, None if setup.name == shell else self.printer.put)
             for setup in setups
         }
 
     async def __aenter__(self):
         try:
-            await self.radio.start(self.setups, self.speed, self.trace)
+            await self.radio.start([brick.setup for brick in self.bricks.values()], self.speed, self.trace)
             for name, address in self.phantoms:
                 await self.radio.command(f"device {name} {address}")
             for brick in self.bricks.values():
                 await brick.start()
-            await asyncio.gather(*(brick.ready() for brick in self.bricks.values()))
+            await together(*(brick.ready() for brick in self.bricks.values()))
         except BaseException:
             await self.__aexit__()
             raise
         return self
 
     async def __aexit__(self, *_):
-        for process in *(brick.process for brick in self.bricks.values()), self.radio.process:
-            if process and process.returncode is None:
-                with suppress(ProcessLookupError):
-                    process.kill()
-                await process.wait()
+        processes = [brick.process for brick in self.bricks.values()] + [self.radio.process]
+        running = [process for process in processes if process and process.returncode is None]
+        for process in running:
+            with suppress(ProcessLookupError):
+                process.kill()
+        self.keep_logs()
         shutil.rmtree(self.folder, ignore_errors=True)
+        for process in running:
+            await process.wait()
+        for brick in self.bricks.values():
+            if brick.following:
+                await brick.following
+        self.printer.close()
 
     async def switch_off(self):
-        await asyncio.gather(*(brick.switch_off() for brick in self.bricks.values()))
+        await together(*(brick.switch_off() for brick in self.bricks.values()))
 
-    def keep_logs(self, folder):
-        folder.mkdir(parents=True, exist_ok=True)
-        for name, brick in self.bricks.items():
-            with suppress(OSError):
-                shutil.copy(brick.folder / "console.log", folder / f"{name}.console.log")
+    def keep_logs(self):
+        if not self.keep:
+            return
+        self.keep.mkdir(parents=True, exist_ok=True)
+        for brick in self.bricks.values():
+            for name in "console.log", "qemu.log", "output.log":
+                with suppress(OSError):
+                    shutil.copy(brick.folder / name, self.keep / f"{brick.setup.id}.{name}")
 
 
 async def self_test(image):
     """Whether failed connects leave the kernel of an image alive."""
     async with Lab(image, [Setup("Probe", "02:00:00:00:00:01")]) as lab:
-        status = await lab.bricks["Probe"].run("/self-test")
+        status = await lab.bricks["Probe"].run("/self-test >/dev/null 2>&1")
         await lab.switch_off()
         return status == 0

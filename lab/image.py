@@ -9,12 +9,14 @@ a brick gets what it needs; the kernel unpacks archives that stand one after the
     python  Python and PyBluez
 """
 
-import getpass
+import ctypes
+import fcntl
 import hashlib
 import lzma
 import os
 import re
 import shutil
+import signal
 import subprocess
 from contextlib import suppress
 from dataclasses import dataclass
@@ -42,6 +44,7 @@ class Arch:
     qemu_package: str
     console: str
     serial: str  # virtio device that carries the ports
+    elf_machine: int  # of its programs
 
 
 ARCHS = {
@@ -55,6 +58,7 @@ ARCHS = {
         qemu_package="qemu-system-x86",
         console="ttyS0",
         serial="virtio-serial-pci",
+        elf_machine=62,
     ),
     # Debian's armel kernels run on no machine that QEMU has: armel programs on the kernel of armhf.
     "armel": Arch(
@@ -67,6 +71,7 @@ ARCHS = {
         qemu_package="qemu-system-arm",
         console="ttyAMA0",
         serial="virtio-serial-device",
+        elf_machine=40,
     ),
 }
 
@@ -107,6 +112,12 @@ def search_path():
     return os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
 
 
+def die_with_parent():
+    """For children: whatever ends this program ends them too."""
+    pr_set_pdeathsig = 1
+    ctypes.CDLL(None).prctl(pr_set_pdeathsig, signal.SIGKILL)
+
+
 def run(*command, **options):
     """Runs a command and returns what it says; a Problem with its last lines when it fails."""
     done = subprocess.run(
@@ -115,6 +126,7 @@ def run(*command, **options):
         stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT,
         env={**os.environ, "PATH": search_path(), "LC_ALL": "C"},
+        preexec_fn=die_with_parent,
         **options,
     )
     if done.returncode:
@@ -138,7 +150,7 @@ class Packages:
                 "-o",
                 f"Dir::Cache={state}/cache",
                 "-o",
-                f"APT::Sandbox::User={getpass.getuser()}",
+                "APT::Sandbox::User=",
                 "-q",
                 "-o",
                 "Acquire::Retries=3",
@@ -157,11 +169,16 @@ class Packages:
             self.updated = True
 
     def fetch(self, names):
-        """Downloads what is not there yet; returns the files."""
+        """Downloads what is not there yet; returns the files. What an interrupted download left is not taken."""
         missing = [name for name in names if name not in self.downloaded()]
         if missing:
             self.update()
-            run("apt-get", *self.apt_options, "download", *missing, cwd=self.files)
+            coming = self.files / "coming"
+            shutil.rmtree(coming, ignore_errors=True)
+            coming.mkdir()
+            run("apt-get", *self.apt_options, "download", *missing, cwd=coming)
+            for file in coming.glob("*.deb"):
+                file.rename(self.files / file.name)
         return [self.downloaded()[name] for name in names]
 
     def search(self, pattern):
@@ -243,6 +260,7 @@ def build_base(source, folder, loader):
     base.path("var/run").symlink_to("/run")
     base.copy("bin/busybox")
     base.path("bin/sh").symlink_to("busybox")
+    base.path("usr/bin/env").symlink_to("/bin/busybox")
     shutil.copy2((source / loader).resolve(), base.path(loader))
     for program in BASE_PROGRAMS:
         base.copy(program)
@@ -301,7 +319,9 @@ def unpacked_kernel(arch, file):
     content = file.read_bytes()
     if arch.name != "amd64":
         return content
-    start = content.index(b"\xfd7zXZ\0")
+    start = content.find(b"\xfd7zXZ\0")
+    if start < 0:
+        raise Problem("it is not compressed by xz")
     return lzma.LZMADecompressor(lzma.FORMAT_XZ).decompress(content[start:])
 
 
@@ -314,7 +334,7 @@ class Image:
         self.kernel = self.folder / "kernel"
         self.stamp = self.folder / "built"
 
-    def archives(self, sdp=False, python=False):
+    def archives(self, sdp, python):
         names = ["base"] + ["sdp"] * sdp + ["python"] * python
         return [self.folder / f"{name}.cpio" for name in names]
 
@@ -325,19 +345,27 @@ class Image:
         return inputs.hexdigest()
 
     def is_current(self):
-        return self.stamp.exists() and self.stamp.read_text().split("\n")[0] == self.inputs()
+        parts = self.stamp, self.kernel, *self.archives(sdp=True, python=True)
+        return all(part.exists() for part in parts) and self.stamp.read_text().split("\n")[0] == self.inputs()
 
-    def kernel_version(self):
+    def kernel_package(self):
         return self.stamp.read_text().split("\n")[1]
 
-    async def ensure(self, say, self_test):
+    def ensure(self, say, self_test):
         """Builds the image. self_test() boots it and tells whether failed connects leave the kernel's RFCOMM alive."""
         if self.is_current():
             return
-        missing = missing_packages(self.arch)
-        if missing:
-            raise Problem(f"the lab needs Debian packages; as root: apt-get install {' '.join(missing)}")
         self.folder.mkdir(parents=True, exist_ok=True)
+        with open(self.folder / "lock", "w") as lock:
+            try:
+                fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            except BlockingIOError:
+                say(f"Waiting for another run that builds the {self.arch.name} image ...")
+                fcntl.flock(lock, fcntl.LOCK_EX)
+            if not self.is_current():
+                self.build(say, self_test)
+
+    def build(self, say, self_test):
         free = shutil.disk_usage(self.folder).free // 1_000_000
         if free < DISK_SPACE_MB:
             raise Problem(f"{self.folder} has {free} MB free; to build the image takes {DISK_SPACE_MB} MB")
@@ -348,17 +376,23 @@ class Image:
         base = build_base(source, self.folder / "base", self.arch.loader)
         build_sdp(source, self.folder / "sdp", base).pack(self.folder / "sdp.cpio")
         build_python(source, self.folder / "python", base).pack(self.folder / "python.cpio")
-        for package in self.kernel_packages():
-            self.add_kernel(base, package)
-            say(f"Testing {package} ...")
-            if await self_test():
-                break
-            say(f"{package} does not survive failed connects; trying another kernel")
-        else:
-            raise Problem("no kernel package at hand passes the self-test")
+        package = self.choose_kernel(base, say, self_test)
         for folder in "unpacked", "base", "sdp", "python", "unpacked-kernel":
             shutil.rmtree(self.folder / folder, ignore_errors=True)
         self.stamp.write_text(f"{self.inputs()}\n{package}\n")
+
+    def choose_kernel(self, base, say, self_test):
+        """Takes the first kernel that passes the self-test; its package."""
+        for package in self.kernel_packages():
+            say(f"Testing {package} ...")
+            try:
+                self.add_kernel(base, package)
+                if self_test():
+                    return package
+                say(f"{package} does not survive failed connects; trying another kernel")
+            except Problem as problem:
+                say(f"{package}: {problem}; trying another kernel")
+        raise Problem("no kernel package at hand passes the self-test")
 
     def kernel_packages(self):
         """The pinned kernels, then whatever else the package source offers, newest first."""

@@ -359,9 +359,11 @@ class Controller(Device):
             if opcode in FIXED_ANSWERS:
                 self.complete(FIXED_ANSWERS[opcode])
             elif opcode in LINK_ANSWERS:
-                self.complete(parameters[:2] + LINK_ANSWERS[opcode], self.check_handle(parameters))
+                self.check_handle(parameters)
+                self.complete(parameters[:2] + LINK_ANSWERS[opcode])
             elif opcode in REMOTE_ANSWERS:
-                self.status(self.check_handle(parameters))
+                self.check_handle(parameters)
+                self.status()
                 code, more = REMOTE_ANSWERS[opcode]
                 self.event(code, bytes([SUCCESS]) + parameters[:4] + more)
             elif opcode in HANDLERS:
@@ -376,7 +378,6 @@ class Controller(Device):
 
     def check_handle(self, parameters):
         self.find_end(*struct.unpack_from("<H", parameters))
-        return SUCCESS
 
     def find_end(self, handle):
         if handle not in self.ends:

@@ -14,8 +14,8 @@ from contextlib import suppress
 from dataclasses import dataclass, field
 from pathlib import Path
 
-from bricks import Lab, Setup
-from image import LAB, Problem
+from bricks import Lab, Setup, together
+from image import LAB, Problem, die_with_parent
 
 ROOT = LAB.parent
 PEERS = ROOT / "tests" / "scenarios"  # programs of other authorship that bricks meet
@@ -109,6 +109,15 @@ class Player:
         self.ready.set()
         self.ended.set()
 
+    async def outcome(self, number, patience):
+        """How a step went; an early end of the program is a failure, too."""
+        answer, ended = self.answer(number), asyncio.create_task(self.ended.wait())
+        await asyncio.wait([answer, ended], timeout=patience, return_when=asyncio.FIRST_COMPLETED)
+        ended.cancel()
+        if answer.done():
+            return answer.result()
+        return "failed", "\t  the program ended" if self.ended.is_set() else f"\t  it did not end in {patience:.0f} s"
+
     def order(self, order):
         self.writer.write(f"{order}\n".encode())
 
@@ -126,15 +135,15 @@ class LabStage:
 
     place = LAB_PLACE
 
-    def __init__(self, lab, bricks, devices):
+    def __init__(self, lab, devices):
         self.lab = lab
-        self.bricks = bricks
-        self.devices = devices
+        self.devices = devices  # names
 
     async def enter(self, scenario):
         inside = {actor.name: actor for actor in scenario.actors}
-        for name in [*self.lab.bricks, *self.devices]:
-            await self.lab.radio.command(f"{'back' if name in inside else 'out'} {name}")
+        for name in [*self.lab.bricks, *self.devices]:  # as if no scenario had been before
+            for command in f"{'back' if name in inside else 'out'} {name}", f"accept {name}", f"slow {name} 0":
+                await self.lab.radio.command(command)
         for actor in scenario.bricks():
             folder = "/brick/prjs/SD_Card" if "card" in actor.traits else "/brick/prjs"
             await self.lab.bricks[actor.name].run(f"rm -rf /brick/prjs; mkdir -p {folder}")
@@ -186,7 +195,9 @@ class AirStage:
             cwd=folder,
             stdin=asyncio.subprocess.PIPE,
             stdout=asyncio.subprocess.PIPE,
+            limit=2**20,
             start_new_session=True,
+            preexec_fn=die_with_parent,
         )
         self.processes.append(process)
         return process
@@ -210,17 +221,13 @@ class AirStage:
         for process in self.processes:
             with suppress(ProcessLookupError):
                 os.killpg(process.pid, signal.SIGKILL)
-            await process.wait()
         shutil.rmtree(self.world, ignore_errors=True)
+        for process in self.processes:
+            await process.wait()
 
 
 async def wait_for(player, number, step):
-    try:
-        word, text = await asyncio.wait_for(asyncio.shield(player.answer(number)), step.most + PATIENCE)
-    except asyncio.TimeoutError:
-        word, text = "failed", "\t  it did not end"
-    if "measured" in text:
-        print(f"    {step.who}: {text.partition('measured: ')[2]}", flush=True)
+    word, text = await player.outcome(number, step.most + PATIENCE)
     if word == "failed":
         raise Failure(f"  {step.who}, scenarios.cpp:{step.line}, after {text}".replace("\t", "\n"))
 
@@ -258,8 +265,8 @@ async def play(scenario, stage, logs):
         for number, step in begun:
             if not step.hangs:
                 await wait_for(players[step.who], number, step)
-            elif players[step.who].answer(number).done():
-                raise Failure(f"  {step.who}, scenarios.cpp:{step.line}: it was to hang, and returned")
+            elif players[step.who].answer(number).done() or players[step.who].ended.is_set():
+                raise Failure(f"  {step.who}, scenarios.cpp:{step.line}: it was to hang, and returned or ended")
     finally:
         for player in players.values():
             await player.end()
@@ -298,68 +305,69 @@ async def play_on_air(scenarios, build, report):
         async with room:
             await report.run(scenario, AirStage(build, scenario.name))
 
-    await asyncio.gather(*map(one, scenarios))
+    await together(*map(one, scenarios))
 
 
 def crew(scenario):
     """What a scenario needs to be booted; scenarios with the same needs are played in one boot."""
-    traits = [
-        (actor.name, *(trait for trait in ("sdp", "python") if trait in actor.traits)) for actor in scenario.bricks()
-    ]
-    return tuple(sorted(traits))
+    return tuple((actor.name, "sdp" in actor.traits, "python" in actor.traits) for actor in scenario.bricks())
 
 
 async def play_in_lab(scenarios, build, image, arguments, report):
-    files = [build / "tests" / "scenario_brick", *(build / "examples").glob("brick_*[a-z]"), *PEERS.glob("*.py")]
-    files = [file for file in files if file.is_file()]
+    files = [build / "tests" / "scenario_brick", build / "examples" / "brick_echo", *PEERS.glob("*.py")]
     for needs in dict.fromkeys(map(crew, scenarios)):
         playing = [scenario for scenario in scenarios if crew(scenario) == needs]
-        setups = {
-            actor.name: Setup(actor.name, actor.address, files, "card" in actor.traits, *traits_of(actor))
-            for actor in playing[0].bricks()
-        }
+        addresses = {actor.name: actor.address for actor in playing[0].bricks()}
+        setups = [Setup(name, addresses[name], files, sdp=sdp, python=python) for name, sdp, python in needs]
         devices = {actor.name: actor for scenario in playing for actor in scenario.devices()}
-        print_line = lambda name, line: print(f"    {name} | {line}", flush=True)
         phantoms = [(device.name, device.address) for device in devices.values()]
-        trace = arguments.trace and arguments.trace / playing[0].name
-        async with Lab(image, list(setups.values()), phantoms, trace=trace, print_line=print_line) as lab:
+        trace, keep = (folder and folder / playing[0].name for folder in (arguments.trace, arguments.keep))
+        async with Lab(image, setups, phantoms, trace=trace, keep=keep, form="    {name} | ") as lab:
             for device in devices.values():
                 if "nameless" in device.traits:
                     await lab.radio.command(f"nameless {device.name}")
             for scenario in playing:
-                await report.run(scenario, LabStage(lab, setups, devices))
+                await report.run(scenario, LabStage(lab, devices))
             await lab.switch_off()
-            if arguments.keep:
-                lab.keep_logs(arguments.keep)
-
-
-def traits_of(actor):
-    return "sdp" in actor.traits, "python" in actor.traits
 
 
 def build_programs(preset):
     """Builds what plays the scenarios, unless TAV_BUILD names a build folder."""
     if preset == "dev" and "TAV_BUILD" in os.environ:
         return Path(os.environ["TAV_BUILD"])
-    script = f"source scripts/common.sh && need g++ cmake ninja-build libbluetooth-dev libgtest-dev && build {preset}"
-    if subprocess.run(["bash", "-c", script], cwd=ROOT).returncode:
+    packages = (
+        "scripts/armel-sysroot" if preset == "armel" else "need g++ cmake ninja-build libbluetooth-dev libgtest-dev"
+    )
+    script = f"source scripts/common.sh && {packages} && build {preset}"
+    if subprocess.run(["bash", "-c", script], cwd=ROOT, preexec_fn=die_with_parent).returncode:
         raise Problem("the scenarios' program could not be built")
     return ROOT / "build" / preset
 
 
 def choose(arguments, known):
+    """The scenarios that are named and played at this place."""
     names = {scenario.name for scenario in known}
     unknown = [name for name in arguments.scenarios if name not in names | {"all"}]
     if unknown:
-        raise Problem(f"there is no scenario {unknown[0]}; lab/run --list names them")
+        hint = "bricks and their programs go after --" if "=" in unknown[0] else "lab/run --list names them"
+        raise Problem(f"there is no scenario {unknown[0]}; {hint}")
     place = AIR if arguments.air else LAB_PLACE
-    chosen = [scenario for scenario in known if "all" in arguments.scenarios or scenario.name in arguments.scenarios]
-    return [scenario for scenario in chosen if scenario.places & place and (scenario.is_core or not arguments.core)]
+    chosen = []
+    for scenario in known:
+        fits = scenario.places & place and (scenario.is_core or not arguments.core)
+        if scenario.name in arguments.scenarios and not fits:
+            raise Problem(f"{scenario.name} is not played {'with --core' if scenario.places & place else 'here'}")
+        if fits and ("all" in arguments.scenarios or scenario.name in arguments.scenarios):
+            chosen.append(scenario)
+    return chosen
 
 
-async def main(arguments, current_image, say):
+def main(arguments, current_image):
     build = build_programs("dev")
-    known = read_scenarios(build / "tests" / "scenario_brick")
+    program = build / "tests" / "scenario_brick"
+    if not program.is_file():
+        raise Problem(f"there is no {program}; does TAV_BUILD name a build folder?")
+    known = read_scenarios(program)
     if arguments.list:
         for scenario in known:
             print(f"{scenario.name:<16} {scenario.title}")
@@ -367,10 +375,11 @@ async def main(arguments, current_image, say):
     chosen = choose(arguments, known)
     if arguments.air:
         report = Report("air  ", arguments.keep)
-        await play_on_air(chosen, build, report)
+        asyncio.run(play_on_air(chosen, build, report))
     else:
         build = build_programs("armel") if arguments.arch == "armel" else build
+        image = current_image(arguments.arch)
         report = Report(arguments.arch, arguments.keep)
-        await play_in_lab(chosen, build, await current_image(arguments.arch), arguments, report)
+        asyncio.run(play_in_lab(chosen, build, image, arguments, report))
     print(f"{len(chosen) - len(report.failed)} of {len(chosen)} scenarios passed", flush=True)
     return 1 if report.failed else 0

@@ -342,9 +342,8 @@ ssize_t send(int fd, const void* buffer, std::size_t size, int flags)
     if (socket.State == E_State::FAILED) return Report_End(fd, flags, ENOTCONN);
     if (socket.State != E_State::CONNECTED && socket.State != E_State::LOST) return Fail(ENOTCONN);
     if (size > SEND_ROOM && Is_Blocking(fd, flags)) {
-        pollfd end = {fd, 0, 0};  // Linux waits for room for the whole before it sends any of it
-        poll(&end, 1, -1);
-        return Fail(ENOTCONN);
+        pollfd end = {fd, 0, 0};  // Linux waits for room for the whole; a signal makes it send what has found room
+        if (poll(&end, 1, -1) > 0) return Fail(ENOTCONN);
     }
     const ssize_t count = Real().Send(fd, buffer, std::min({size, SEND_ROOM, fault.Limit}), flags | MSG_NOSIGNAL);
     if (count >= 0 || socket.Shut || (errno != EPIPE && errno != ECONNRESET)) return count;

@@ -33,6 +33,7 @@ struct S_Robot : tav_c_api_impl::C_TAV_Bluetooth
     // On Link. The readers allow for `size` bytes and give "RESULT VALUE".
     bool Say(const std::string& text);
     bool Say_True();
+    bool Say_Data(const std::string& data);
     std::string Read_Text(const std::string& from, unsigned int size, unsigned long timeout);
     std::string Read_Data(const std::string& from, unsigned int size, unsigned long timeout);
     std::string Read_Bool(const std::string& from, unsigned long timeout);

@@ -119,6 +119,7 @@ S_Story Connect()
 {
     const std::string linked = "Connect_Index: Start|1|2|3a|3b|4a|4b(1)";
     const auto connect = [](S_Robot& robot) { return robot.Dial("Robot2", 16, 20000); };
+    const auto read = [](S_Robot& robot) { return robot.Read_Bool(R2, 500); };
     const auto forget = [](S_Robot& robot) { return robot.Close(), robot.Get_IndexScanDevice("Robot2"); };
     return Join({
         Open(R2, 16),
@@ -129,17 +130,30 @@ S_Story Connect()
         // The same device and channel twice.
         Do(R1, "-1", "Connect_Index: Start|1|2|3a|Error in fce connect(Error Code 16 : Device or resource busy)",
            [](S_Robot& robot) { return robot.Connect("Robot2", 16, 20000); }),
+        // Another channel of it.
+        Do(R2, "true", [](S_Robot& robot) { return robot.OpenServer(5) >= 0; }),
+        Takes(0, 4,
+              Do(R1, "true", linked, [](S_Robot& robot) { return robot.Connect_Index(0, 5, 20000) != robot.Link; })),
+        Do(R1, "true", [](S_Robot& robot) { return robot.Disconnect(robot.m_ScanDevices[0].Socket); }),
         Hang_Up(R1),
         Do(R1, "-1", [](S_Robot& robot) { return robot.isConnected("Robot2"); }),
         // A reader at the other end sees the end once, as an error.
         Do(R2, "false", "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 104 : Connection reset by peer)|2(-1)",
            [](S_Robot& robot) { return robot.Read_Bool("Robot1", 5000); }),
         Hang_Up(R2),
-        // Through the list.
+        // Through the list. The other side hangs up: the end shows once.
         Takes(0, 4, Do(R1, "#", linked, connect)),
         Accept(R2, R1, 16),
-        Hang_Up(R1),
         Hang_Up(R2),
+        Do(R1, "false", "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 104 : Connection reset by peer)|2(-1)",
+           read),
+        Do(R1, "false",
+           "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 11 : Resource temporarily unavailable)|2(-1)",
+           read),
+        Do(R1, "false",
+           "WriteData: Start(12)|1(1)|Error in fce send(Error Code 107 : Transport endpoint is not connected)|2(-1)",
+           [](S_Robot& robot) { return robot.Say_True(); }),
+        Hang_Up(R1),
         // Through the file that the inquiry left.
         Do(R1, "-1", forget),
         Takes(0, 4, Do(R1, "#", "..." + linked, connect)),
@@ -254,10 +268,7 @@ S_Story Exchange_Named(const std::string& who, unsigned int size)
     const std::string dataSteps = "; _ReadMsg_TAV_Data: Read Data(" + std::to_string(dataSize) + ")|Brick Name(" + who;
     const std::string textLog = "_ReadMsg_TAV_String: Start; " + Received(size <= 839 ? 1024 : size + 185, textSize);
     const std::string textSteps = "; _ReadMsg_TAV_String: 1(" + std::to_string(textSize) + ")|3(" + who + ")|4(id)|5(";
-    const auto sendData = [value](S_Robot& robot) {
-        const auto* const bytes = reinterpret_cast<const unsigned char*>(value.data());
-        return robot._SendMsg_TAV_Data(robot.Link, "id", bytes, static_cast<unsigned int>(value.size()));
-    };
+    const auto sendData = [value](S_Robot& robot) { return robot.Say_Data(value); };
     return Join({
         Do(who, "true", sendData),
         Pause(0.05),
@@ -349,12 +360,16 @@ S_Story Stream()
 S_Story Big()
 {
     const auto send = [](S_Robot& robot) { return robot.Say(Letters(40000)); };
+    const auto sendData = [](S_Robot& robot) { return robot.Say_Data(Letters(40000)); };
     return Join({
         Connected(16),
         Do(R1, "false", "...WriteData: Start(40012)|1(1)|2(23368); _SendMsg_TAV_String: 5(23368)", send),
         Pause(0.5),
         Do(R2, "23368", [](S_Robot& robot) { return robot.Receive(40012, 500); }),
         Do(R2, "-1", [](S_Robot& robot) { return robot.Receive(1024, 500); }),
+        Do(R1, "false", sendData),
+        Pause(0.5),
+        Do(R2, "23368", [](S_Robot& robot) { return robot.Receive(40012, 500); }),
         Meanwhile(Do(R2, HANGS, send)),
         Do(R1, "-1", [](S_Robot& robot) { return robot.Receive(40012, 3000); }),
     });
@@ -449,11 +464,11 @@ S_Story Safe()
         return Join({Do(who, "true", disconnect), Pause(0.5)});
     };
     return Join({
-        Meanwhile(Shell(R2, "timeout 42 brick_echo",
+        Meanwhile(Shell(R2, "timeout 46 brick_echo; true",
                         "serving~Robot1 says hello~Robot1 is gone~Robot3 says good day~Robot1 says back~Robot1 is gone~"
                         "Robot3 says still here~Robot1 says once more~Robot3 says and now~Robot1 is gone~"
                         "Robot3 says bye~Robot3 is gone~")),
-        Pause(12),  // it looks around first
+        Pause(14),  // it looks around first
         ask(R1, "hello"),
         leave(R1),
         ask(R3, "good day"),
@@ -546,7 +561,8 @@ S_Story Switched_Off()
         Only(LAB, Pause(1)),
         Radio("out Robot2"),
         Says_True(R1),
-        Takes(18, 23, Do(R1, "...ETIMEDOUT", receive)),
+        Only(LAB, Takes(18, 23, Do(R1, "1016 ETIMEDOUT", receive))),
+        Only(AIR, Takes(18, 23, Do(R1, "0 ETIMEDOUT", receive))),
         Do(R1, "false",
            "WriteData: Start(12)|1(1)|Error in fce send(Error Code 107 : Transport endpoint is not connected)|2(-1)",
            [](S_Robot& robot) { return robot.Say_True(); }),
@@ -554,7 +570,8 @@ S_Story Switched_Off()
     });
 }
 
-// Out of range for five seconds: nothing is lost.
+// Out of range for five seconds: nothing is lost. Who hangs up meanwhile cannot connect anew before the silent link has
+// been given up, or the other is back.
 S_Story Out_And_Back()
 {
     return Join({
@@ -564,6 +581,14 @@ S_Story Out_And_Back()
         Takes(5, 6, Do(R2, "-1 ", [](S_Robot& robot) { return robot.Read_Text(R1, 100, 5000); })),
         Radio("back Robot2"),
         Hears(R2, R1, "held"),
+        Radio("out Robot2"),
+        Hang_Up(R1),
+        Do(R1, "-1", "Connect_Index: Start|1|2|3a|Error in fce connect(Error Code 16 : Device or resource busy)",
+           [](S_Robot& robot) { return robot.Dial(R2, 16, 20000); }),
+        Radio("back Robot2"),
+        Pause(1),
+        Reach(R1, R2, 16),
+        Accept(R2, R1, 16),
     });
 }
 
@@ -572,7 +597,8 @@ S_Story Page_Refused()
     return Join({
         Radio("refuse Robot2"),
         Do(R1, "#", [](S_Robot& robot) { return robot.Reach(R2, 16, 20000); }),
-        Do(R1, "false", "*", [](S_Robot& robot) { return robot.Say_True(); }),
+        Do(R1, "false", "WriteData: Start(12)|1(1)|Error in fce send(Error Code 111 : Connection refused)|2(-1)",
+           [](S_Robot& robot) { return robot.Say_True(); }),
         Radio("accept Robot2"),
         Hang_Up(R1),
         Connected(16),
@@ -621,7 +647,7 @@ S_Story Tools()
         Shell(R1, "l2ping -c 3 " + second, "3 sent, 3 received"),
         Shell(R1, "sdptool browse " + second, "Channel: 16"),
         Open(R2, 16),
-        Meanwhile(Shell(R1, "timeout 5 rctest -n -P 16 " + second, "Connected")),
+        Meanwhile(Shell(R1, "timeout 5 rctest -n -P 16 " + second + "; true", "Received 12 bytes")),
         Accept(R2, R1, 16),
         Says_True(R2),
     });

@@ -32,11 +32,11 @@ S_Story Shell(const std::string& who, const std::string& command, const std::str
 {
     const auto run = [command](S_Robot&) {
         std::string said;
-        FILE* const pipe = popen((command + " 2>&1").c_str(), "r");
+        FILE* const pipe = popen(("{ " + command + "; } 2>&1").c_str(), "r");
         for (int byte; pipe && (byte = fgetc(pipe)) != EOF;)
             said += static_cast<char>(byte);
-        if (pipe) pclose(pipe);
-        return said;
+        const int status = pipe ? pclose(pipe) : -1;
+        return status == 0 ? said : "status " + std::to_string(status) + ", said: " + std::to_string(said.size());
     };
     return Takes(0, 60, Do(who, "..." + result, run, line));
 }
@@ -138,6 +138,12 @@ bool S_Robot::Say(const std::string& text)
 bool S_Robot::Say_True()
 {
     return _SendMsg_TAV_Bool(Link, "id", true);
+}
+
+bool S_Robot::Say_Data(const std::string& data)
+{
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(data.data());
+    return _SendMsg_TAV_Data(Link, "id", bytes, static_cast<unsigned int>(data.size()));
 }
 
 bool S_Robot::Say_Classic(const std::string& text)
