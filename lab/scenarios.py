@@ -150,7 +150,7 @@ class LabStage:
 
     async def start(self, scenario, actor, log):
         brick = self.lab.bricks[actor.name]
-        await brick.order(f"talk scenario_brick lab {scenario.name} {actor.name}")
+        await brick.order(f"talk scenario_brick {scenario.name} {actor.name}")
         return Player(*brick.control, log)
 
     async def command_radio(self, command, players):
@@ -208,7 +208,7 @@ class AirStage:
 
     async def start(self, scenario, actor, log):
         program = self.build / "tests" / "scenario_brick"
-        process = await self.launch(actor, program, "air", scenario.name, actor.name)
+        process = await self.launch(actor, program, scenario.name, actor.name)
         return Player(process.stdout, process.stdin, log)
 
     async def command_radio(self, command, players):

@@ -126,5 +126,5 @@ S_Story Takes(double least, double most, S_Story story);
 S_Story Only(E_Place place, S_Story story);
 S_Story Join(std::initializer_list<S_Story> parts);
 
-// The accept thread's log since the last call, less its idle cycles (scenario_brick.cpp).
+// What the accept thread logged of clients that came since the last call (scenario_brick.cpp).
 std::string Take_AcceptLog();

@@ -1,6 +1,6 @@
 // Plays one brick of a scenario: takes the numbers of its steps on stdin and answers each on stdout.
 //   scenario_brick --list                        all scenarios, a line for each thing
-//   scenario_brick air|lab SCENARIO BRICK        orders: a step's number, or "kill"; the end of the input ends it
+//   scenario_brick SCENARIO BRICK                orders: a step's number, "vanish", or "kill", as does the input's end
 #include "api/tav_c_api.h"
 #include "tests/scenarios/scenario.h"
 
@@ -24,8 +24,9 @@ constexpr std::size_t MAX_LINE = 160;   // of a log line that quotes a long text
 constexpr std::size_t MAX_LINES = 300;  // of a step that polls
 
 std::string g_Name;
-std::mutex g_Mutex;  // guards the accept thread's log
-std::vector<std::string> g_AcceptLog;
+std::mutex g_Mutex;                                      // guards what the accept thread logs
+std::vector<std::string> g_Cycle;                        // the current one
+std::vector<std::string> g_AcceptLog;                    // those that brought a client
 thread_local std::vector<std::string>* t_Log = nullptr;  // of the thread that plays steps
 
 // Numbers of sockets differ from place to place.
@@ -130,8 +131,10 @@ void WriteLog_Dbg(const char* format, ...)
     if (length >= static_cast<int>(MAX_LINE)) line += "[" + std::to_string(length) + "]";
     if (t_Log) return t_Log->push_back(line);
     const std::lock_guard<std::mutex> lock(g_Mutex);
-    g_AcceptLog.push_back(line);
-    if (line.find("Timeout") != std::string::npos) g_AcceptLog.resize(g_AcceptLog.size() - 3);
+    if (line.find("AcceptClient - Start(") != std::string::npos) g_Cycle.clear();
+    g_Cycle.push_back(line);
+    if (line.find("AcceptClient - End(") != std::string::npos)
+        g_AcceptLog.insert(g_AcceptLog.end(), g_Cycle.begin(), g_Cycle.end());
 }
 
 }  // namespace tav_c_api
@@ -155,12 +158,6 @@ std::string Take_AcceptLog()
 {
     const std::lock_guard<std::mutex> lock(g_Mutex);
     std::vector<std::string> lines;
-    // A cycle that has only begun is not told.
-    while (!g_AcceptLog.empty()) {
-        const bool idle = g_AcceptLog.back().find("Start(") != std::string::npos;
-        if (g_AcceptLog.back().find(" - 1") == std::string::npos && !idle) break;
-        g_AcceptLog.pop_back();
-    }
     lines.swap(g_AcceptLog);
     return Compact(lines);
 }
@@ -169,12 +166,12 @@ int main(int argc, char** argv)
 {
     signal(SIGPIPE, SIG_IGN);
     if (argc == 2 && strcmp(argv[1], "--list") == 0) return List(), 0;
-    if (argc != 4) return std::cerr << "usage: scenario_brick --list | air|lab SCENARIO BRICK\n", 2;
-    g_Name = argv[3];
+    if (argc != 3) return std::cerr << "usage: scenario_brick --list | SCENARIO BRICK\n", 2;
+    g_Name = argv[2];
     const auto scenarios = All_Scenarios();
     const auto scenario =
-        std::find_if(scenarios.begin(), scenarios.end(), [&](const auto& s) { return s.Name == argv[2]; });
-    if (scenario == scenarios.end()) return std::cerr << "there is no scenario " << argv[2] << '\n', 2;
+        std::find_if(scenarios.begin(), scenarios.end(), [&](const auto& s) { return s.Name == argv[1]; });
+    if (scenario == scenarios.end()) return std::cerr << "there is no scenario " << argv[1] << '\n', 2;
 
     // Steps are played on a thread of their own, so that a brick whose step hangs can still be killed.
     std::mutex mutex;

@@ -13,6 +13,19 @@ constexpr const char* R2 = "Robot2";
 constexpr const char* R3 = "Robot3";
 constexpr const char* R4 = "Robot4";
 
+const std::string LINKED = "Connect_Index: Start|1|2|3a|3b|4a|4b(1)";
+const auto SAY_TRUE = [](S_Robot& robot) { return robot.Say_True(); };
+
+std::string Receive_Fails(const std::string& error)
+{
+    return "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code " + error + ")|2(-1)";
+}
+
+std::string Send_Fails(const std::string& error)
+{
+    return "WriteData: Start(12)|1(1)|Error in fce send(Error Code " + error + ")|2(-1)";
+}
+
 // ---- What many stories have in common -------------------------------------------------------------------------------
 
 S_Story Open(const std::string& who, unsigned char channel, int line = __builtin_LINE())
@@ -24,7 +37,7 @@ S_Story Open(const std::string& who, unsigned char channel, int line = __builtin
 S_Story Reach(const std::string& who, const std::string& whom, unsigned char channel, int line = __builtin_LINE())
 {
     const auto reach = [=](S_Robot& robot) { return robot.Reach(whom, channel, 20000); };
-    return Do(who, "#", "Connect_Index: Start|1|2|3a|3b|4a|4b(1)", reach, line);
+    return Do(who, "#", LINKED, reach, line);
 }
 
 std::string Accepted(const std::string& whom, unsigned char channel)
@@ -117,14 +130,13 @@ S_Story Adapter_Absent()
 
 S_Story Connect()
 {
-    const std::string linked = "Connect_Index: Start|1|2|3a|3b|4a|4b(1)";
     const auto connect = [](S_Robot& robot) { return robot.Dial("Robot2", 16, 20000); };
     const auto read = [](S_Robot& robot) { return robot.Read_Bool(R2, 500); };
     const auto forget = [](S_Robot& robot) { return robot.Close(), robot.Get_IndexScanDevice("Robot2"); };
     return Join({
         Open(R2, 16),
         // By name through an inquiry: neither listed nor in a file.
-        Takes(10.2, 15, Do(R1, "#", "...BT_Scan: Start; " + linked, connect)),
+        Takes(10.2, 15, Do(R1, "#", "...BT_Scan: Start; " + LINKED, connect)),
         Accept(R2, R1, 16),
         Do(R1, "0", [](S_Robot& robot) { return robot.isConnected("Robot2"); }),
         // The same device and channel twice.
@@ -133,30 +145,25 @@ S_Story Connect()
         // Another channel of it.
         Do(R2, "true", [](S_Robot& robot) { return robot.OpenServer(5) >= 0; }),
         Takes(0, 4,
-              Do(R1, "true", linked, [](S_Robot& robot) { return robot.Connect_Index(0, 5, 20000) != robot.Link; })),
+              Do(R1, "true", LINKED, [](S_Robot& robot) { return robot.Connect_Index(0, 5, 20000) != robot.Link; })),
         Do(R1, "true", [](S_Robot& robot) { return robot.Disconnect(robot.m_ScanDevices[0].Socket); }),
         Hang_Up(R1),
         Do(R1, "-1", [](S_Robot& robot) { return robot.isConnected("Robot2"); }),
         // A reader at the other end sees the end once, as an error.
-        Do(R2, "false", "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 104 : Connection reset by peer)|2(-1)",
+        Do(R2, "false", Receive_Fails("104 : Connection reset by peer"),
            [](S_Robot& robot) { return robot.Read_Bool("Robot1", 5000); }),
         Hang_Up(R2),
         // Through the list. The other side hangs up: the end shows once.
-        Takes(0, 4, Do(R1, "#", linked, connect)),
+        Takes(0, 4, Do(R1, "#", LINKED, connect)),
         Accept(R2, R1, 16),
         Hang_Up(R2),
-        Do(R1, "false", "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 104 : Connection reset by peer)|2(-1)",
-           read),
-        Do(R1, "false",
-           "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 11 : Resource temporarily unavailable)|2(-1)",
-           read),
-        Do(R1, "false",
-           "WriteData: Start(12)|1(1)|Error in fce send(Error Code 107 : Transport endpoint is not connected)|2(-1)",
-           [](S_Robot& robot) { return robot.Say_True(); }),
+        Do(R1, "false", Receive_Fails("104 : Connection reset by peer"), read),
+        Do(R1, "false", Receive_Fails("11 : Resource temporarily unavailable"), read),
+        Do(R1, "false", Send_Fails("107 : Transport endpoint is not connected"), SAY_TRUE),
         Hang_Up(R1),
         // Through the file that the inquiry left.
         Do(R1, "-1", forget),
-        Takes(0, 4, Do(R1, "#", "..." + linked, connect)),
+        Takes(0, 4, Do(R1, "#", "..." + LINKED, connect)),
         Accept(R2, R1, 16),
         Hang_Up(R1),
         Hang_Up(R2),
@@ -174,22 +181,15 @@ S_Story Connect()
 S_Story Refused()
 {
     const auto reach = [](S_Robot& robot) { return robot.Reach("Robot2", 5, 20000); };
-    const std::string linked = "Connect_Index: Start|1|2|3a|3b|4a|4b(1)";
-    const auto send = [](S_Robot& robot) { return robot.Say_True(); };
     const auto read = [](S_Robot& robot) { return robot.Read_Bool("Robot2", 500); };
     return Join({
-        Takes(0, 4, Do(R1, "#", linked, reach)),
-        Do(R1, "false", "WriteData: Start(12)|1(1)|Error in fce send(Error Code 111 : Connection refused)|2(-1)", send),
-        Do(R1, "false",
-           "WriteData: Start(12)|1(1)|Error in fce send(Error Code 107 : Transport endpoint is not connected)|2(-1)",
-           send),
+        Takes(0, 4, Do(R1, "#", LINKED, reach)),
+        Do(R1, "false", Send_Fails("111 : Connection refused"), SAY_TRUE),
+        Do(R1, "false", Send_Fails("107 : Transport endpoint is not connected"), SAY_TRUE),
         Hang_Up(R1),
-        Takes(0, 4, Do(R1, "#", linked, reach)),
-        Do(R1, "false", "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 111 : Connection refused)|2(-1)",
-           read),
-        Do(R1, "false",
-           "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 11 : Resource temporarily unavailable)|2(-1)",
-           read),
+        Takes(0, 4, Do(R1, "#", LINKED, reach)),
+        Do(R1, "false", Receive_Fails("111 : Connection refused"), read),
+        Do(R1, "false", Receive_Fails("11 : Resource temporarily unavailable"), read),
         Hang_Up(R1),
     });
 }
@@ -202,10 +202,8 @@ S_Story Absent()
               Do(R1, "-1", "Connect_Index: Start|1|2|3a|3b|4a|Timeout",
                  [](S_Robot& robot) { return robot.Reach("Nobody", 16, 2000); })),
         Pause(4),  // until the stack has stopped paging: who connects meanwhile fails together with the first
-        Takes(5.1, 7,
-              Do(R1, "#", "Connect_Index: Start|1|2|3a|3b|4a|4b(1)",
-                 [](S_Robot& robot) { return robot.Reach("Nobody", 16, 20000); })),
-        Do(R1, "false", "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 112 : Host is down)|2(-1)", read),
+        Takes(5.1, 7, Do(R1, "#", LINKED, [](S_Robot& robot) { return robot.Reach("Nobody", 16, 20000); })),
+        Do(R1, "false", Receive_Fails("112 : Host is down"), read),
         Hang_Up(R1),
         Do(R1, "-1", "Connect_Index: Start|1|2|3a|Error in fce connect(Error Code 113 : No route to host)",
            [](S_Robot& robot) { return robot.Reach("Robot1", 16, 2000); }),
@@ -243,8 +241,7 @@ S_Story Says(const std::string& who, const std::string& text, int line = __built
 
 S_Story Says_True(const std::string& who, int line = __builtin_LINE())
 {
-    const auto send = [](S_Robot& robot) { return robot.Say_True(); };
-    return Join({Do(who, "true", Sent(12), send, line), Pause(0.1)});
+    return Join({Do(who, "true", Sent(12), SAY_TRUE, line), Pause(0.1)});
 }
 
 S_Story Hears(const std::string& who, const std::string& from, const std::string& text, int line = __builtin_LINE())
@@ -259,6 +256,12 @@ S_Story Hears_True(const std::string& who, const std::string& from, int line = _
     return Do(who, "true true", "...ReadData: Start(1024)|1(1)|2(", read, line);
 }
 
+// Seconds until a message has arrived to its last byte, also on a busy machine.
+double Settle(unsigned int size)
+{
+    return size < 1000 ? 0.05 : 0.4;
+}
+
 // A raw data and a text message of `size` bytes. A reader logs its steps up to its limit, beyond it only the transfer.
 S_Story Exchange_Named(const std::string& who, unsigned int size)
 {
@@ -271,11 +274,12 @@ S_Story Exchange_Named(const std::string& who, unsigned int size)
     const auto sendData = [value](S_Robot& robot) { return robot.Say_Data(value); };
     return Join({
         Do(who, "true", sendData),
-        Pause(0.05),
+        Pause(Settle(size)),
         Do(reader, size == 0 ? "-1 " : count + " " + value,
            size <= 835 ? dataLog + dataSteps + ")|Msg Id(id)" : dataLog,
            [=](S_Robot& robot) { return robot.Read_Data(who, size, 5000); }),
         Says(who, value),
+        Pause(Settle(size)),
         Do(reader, count + " " + value, size <= 839 ? "..." + textLog + textSteps : textLog,
            [=](S_Robot& robot) { return robot.Read_Text(who, size, 5000); }),
     });
@@ -299,7 +303,7 @@ S_Story Exchange_Classic(const std::string& who, unsigned int size)
         Do(who, "true",
            "_SendMsg_TAVOrg_String: Start; " + Sent(14 + size) + "; _SendMsg_TAVOrg_String: 5(" + count + ")|End",
            [=](S_Robot& robot) { return robot.Say_Classic(value); }),
-        Pause(0.05),
+        Pause(Settle(size)),
         // A text of 244 bytes gives a length field whose low byte is 0, which is taken for a stray zero.
         Do(who == R1 ? R2 : R1, size == 244 ? "-1 " : std::to_string(size) + " " + value,
            "..._ReadMsg_TAVOrg_String: Start; " + Received(size <= 950 ? 1024 : size + 74, 14 + size),
@@ -516,7 +520,7 @@ S_Story Server()
         Server_Hears(R4, "10 still here"),
         // Stopped, and started again.
         Takes(0, 2, Do(R1, "true", "CloseAllClient: Start(Server Socket : #)|2(#)|2(#)|End", stop)),
-        Do(R2, "false", "ReadData: Start(1024)|1(1)|Error in fce recv(Error Code 104 : Connection reset by peer)|2(-1)",
+        Do(R2, "false", Receive_Fails("104 : Connection reset by peer"),
            [](S_Robot& robot) { return robot.Read_Bool(R1, 3000); }),
         Hang_Up(R2),
         Opens_Server(R1),
@@ -563,9 +567,7 @@ S_Story Switched_Off()
         Says_True(R1),
         Only(LAB, Takes(18, 23, Do(R1, "1016 ETIMEDOUT", receive))),
         Only(AIR, Takes(18, 23, Do(R1, "0 ETIMEDOUT", receive))),
-        Do(R1, "false",
-           "WriteData: Start(12)|1(1)|Error in fce send(Error Code 107 : Transport endpoint is not connected)|2(-1)",
-           [](S_Robot& robot) { return robot.Say_True(); }),
+        Do(R1, "false", Send_Fails("107 : Transport endpoint is not connected"), SAY_TRUE),
         Only(LAB, Radio("slow Robot2 0")),
     });
 }
@@ -597,8 +599,7 @@ S_Story Page_Refused()
     return Join({
         Radio("refuse Robot2"),
         Do(R1, "#", [](S_Robot& robot) { return robot.Reach(R2, 16, 20000); }),
-        Do(R1, "false", "WriteData: Start(12)|1(1)|Error in fce send(Error Code 111 : Connection refused)|2(-1)",
-           [](S_Robot& robot) { return robot.Say_True(); }),
+        Do(R1, "false", Send_Fails("111 : Connection refused"), SAY_TRUE),
         Radio("accept Robot2"),
         Hang_Up(R1),
         Connected(16),
