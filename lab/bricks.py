@@ -34,18 +34,25 @@ class Setup:
 
     @property
     def id(self):
-        """The name as files and the radio's commands can bear it."""
-        return re.sub(r"[^A-Za-z0-9_.-]", "_", self.name)
+        """The name as files, paths of sockets and the radio's commands can bear it."""
+        return re.sub(r"[^A-Za-z0-9_]", "_", self.name)[:40]
 
 
-async def together(*coroutines):
-    """Their results. When one fails, the others are cancelled and its exception is raised."""
+async def together(*coroutines, first=None):
+    """Their results. When one fails, the others are cancelled and its exception is raised.
+
+    With `first`, the results of so many: the others are cancelled when those have ended.
+    """
     try:
         async with asyncio.TaskGroup() as group:
             tasks = [group.create_task(coroutine) for coroutine in coroutines]
+            if first is not None:
+                await asyncio.wait(tasks[:first])
+                for task in tasks[first:]:
+                    task.cancel()
     except BaseExceptionGroup as failed:
         raise failed.exceptions[0] from None
-    return [task.result() for task in tasks]
+    return [task.result() for task in tasks[:first]]
 
 
 class Printer:
@@ -84,6 +91,7 @@ class Radio:
     def __init__(self, folder):
         self.folder = folder
         self.process = None
+        self.lock = asyncio.Lock()  # one command at a time: the next line is its answer
 
     async def start(self, controllers, speed, trace):
         if trace:
@@ -101,8 +109,9 @@ class Radio:
             raise Problem("the radio did not start; what it said is above")
 
     async def command(self, line):
-        self.process.stdin.write(f"{line}\n".encode())
-        answer = (await self.process.stdout.readline()).decode().strip()
+        async with self.lock:
+            self.process.stdin.write(f"{line}\n".encode())
+            answer = (await self.process.stdout.readline()).decode().strip()
         if answer != "ok":
             raise Problem(f"radio: {line}: {answer or 'it has ended'}")
 
@@ -255,6 +264,8 @@ class Lab:
 
     async def __aenter__(self):
         try:
+            if self.keep:
+                self.keep.mkdir(parents=True, exist_ok=True)
             await self.radio.start([brick.setup for brick in self.bricks.values()], self.speed, self.trace)
             for name, address in self.phantoms:
                 await self.radio.command(f"device {name} {address}")
@@ -285,10 +296,7 @@ class Lab:
         await together(*(brick.switch_off() for brick in self.bricks.values()))
 
     def keep_logs(self):
-        if not self.keep:
-            return
-        self.keep.mkdir(parents=True, exist_ok=True)
-        for brick in self.bricks.values():
+        for brick in self.bricks.values() if self.keep else ():
             for name in "console.log", "qemu.log", "output.log":
                 with suppress(OSError):
                     shutil.copy(brick.folder / name, self.keep / f"{brick.setup.id}.{name}")

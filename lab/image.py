@@ -1,7 +1,7 @@
 """The guest image of the lab's bricks: kernel and programs from Debian packages.
 
 Nothing is installed: packages are downloaded and unpacked below build/lab, with an apt state of the lab's own, so that
-neither root nor a foreign architecture in the system is needed. The image is a kernel and four cpio archives, of which
+neither root nor a foreign architecture in the system is needed. The image is a kernel and three cpio archives, of which
 a brick gets what it needs; the kernel unpacks archives that stand one after the other:
 
     base    busybox, the tools of bluez, libbluetooth, libstdc++, the kernel's Bluetooth modules, lab/init
@@ -112,10 +112,13 @@ def search_path():
     return os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
 
 
+LIBC = ctypes.CDLL(None)
+PR_SET_PDEATHSIG = 1
+
+
 def die_with_parent():
     """For children: whatever ends this program ends them too."""
-    pr_set_pdeathsig = 1
-    ctypes.CDLL(None).prctl(pr_set_pdeathsig, signal.SIGKILL)
+    LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
 
 
 def run(*command, **options):
@@ -143,19 +146,17 @@ class Packages:
         for needed in self.files, state / "lists" / "partial", state / "cache" / "archives" / "partial":
             needed.mkdir(parents=True, exist_ok=True)
         (state / "status").touch()
-        self.apt_options = [
-            *("-o", f"APT::Architecture={architecture}", "-o", f"APT::Architectures={architecture}"),
-            *("-o", f"Dir::State={state}", "-o", f"Dir::State::status={state}/status"),
-            *(
-                "-o",
-                f"Dir::Cache={state}/cache",
-                "-o",
-                "APT::Sandbox::User=",
-                "-q",
-                "-o",
-                "Acquire::Retries=3",
-            ),
-        ]
+        options = {
+            "APT::Architecture": architecture,
+            "APT::Architectures": architecture,
+            "APT::Sandbox::User": "",
+            "Acquire::Languages": "none",
+            "Acquire::Retries": 3,
+            "Dir::State": state,
+            "Dir::State::status": state / "status",
+            "Dir::Cache": state / "cache",
+        }
+        self.apt_options = ["-q", *(word for name, value in options.items() for word in ("-o", f"{name}={value}"))]
         self.updated = False
 
     def downloaded(self):
@@ -243,14 +244,8 @@ class Archive:
 
     def pack(self, file):
         names = [str(path.relative_to(self.folder)) for path in sorted(self.folder.rglob("*"))]
-        with open(file, "wb") as output:
-            subprocess.run(
-                ["cpio", "-o", "-H", "newc", "--quiet", "-R", "0:0"],
-                input="\n".join(names).encode(),
-                stdout=output,
-                cwd=self.folder,
-                check=True,
-            )
+        options = ["-H", "newc", "--quiet", "-R", "0:0", "-F", file]
+        run("cpio", "-o", *options, input="\n".join(names), cwd=self.folder)
 
 
 def build_base(source, folder, loader):
@@ -383,10 +378,11 @@ class Image:
 
     def choose_kernel(self, base, say, self_test):
         """Takes the first kernel that passes the self-test; its package."""
-        for package in self.kernel_packages():
+        kernels = Packages(self.arch.kernel_arch, self.folder)
+        for package in self.kernel_packages(kernels):
             say(f"Testing {package} ...")
             try:
-                self.add_kernel(base, package)
+                self.add_kernel(base, kernels.fetch([package]))
                 if self_test():
                     return package
                 say(f"{package} does not survive failed connects; trying another kernel")
@@ -394,18 +390,19 @@ class Image:
                 say(f"{package}: {problem}; trying another kernel")
         raise Problem("no kernel package at hand passes the self-test")
 
-    def kernel_packages(self):
+    def kernel_packages(self, kernels):
         """The pinned kernels, then whatever else the package source offers, newest first."""
         flavour = self.arch.kernel_flavour
         pinned = [f"linux-image-{version}-{flavour}" for version in PINNED_KERNELS]
-        kernels = Packages(self.arch.kernel_arch, self.folder)
-        offered = set(pinned) & set(kernels.downloaded()) or kernels.search(rf"^linux-image-[0-9.]+-[0-9]+-{flavour}$")
+        at_hand = [name for name in pinned if name in kernels.downloaded()]
+        yield from at_hand
+        offered = set(kernels.search(rf"^linux-image-[0-9.]+-[0-9]+-{flavour}$")).difference(at_hand)
         yield from (name for name in pinned if name in offered)
         numbers = lambda name: [int(number) for number in re.findall(r"\d+", name)]
-        yield from sorted((name for name in offered if name not in pinned), key=numbers, reverse=True)
+        yield from sorted(offered.difference(pinned), key=numbers, reverse=True)
 
-    def add_kernel(self, base, package):
-        kernel = unpack(Packages(self.arch.kernel_arch, self.folder).fetch([package]), self.folder / "unpacked-kernel")
+    def add_kernel(self, base, files):
+        kernel = unpack(files, self.folder / "unpacked-kernel")
         shutil.rmtree(base.folder / "modules", ignore_errors=True)
         add_modules(base, kernel, self.arch.bus)
         base.pack(self.folder / "base.cpio")

@@ -22,6 +22,13 @@ def say(text):
     print(text, file=sys.stderr, flush=True)
 
 
+def split(text):
+    try:
+        return shlex.split(text)
+    except ValueError as error:
+        raise Problem(f"{text}: {error}") from None
+
+
 def parse_brick(text, position):
     """Name, address and program of BRICK[@ADDRESS][=PROGRAM]; Robot2 gets an address that ends in 02."""
     match = BRICK.fullmatch(text)
@@ -34,10 +41,9 @@ def parse_brick(text, position):
 
 def parse_program(text, setup, arch):
     """The command for the brick; files of this machine that it names become the brick's."""
-    try:
-        words = shlex.split(text)
-    except ValueError as error:
-        raise Problem(f"{setup.name}: {text}: {error}") from None
+    if "\n" in text:
+        raise Problem(f"{setup.name}: a program is one line; put more into a script")
+    words = split(text)
     for position, word in enumerate(words):
         if "/" in word and Path(word).is_file():
             check_program(word, setup, arch)
@@ -61,7 +67,7 @@ def check_program(file, setup, arch):
 
 def parse_fault(text, ids):
     """Seconds and command of '[SECONDS] COMMAND NAME [NUMBER]'."""
-    words = shlex.split(text)
+    words = split(text)
     seconds = float(words.pop(0)) if words and re.fullmatch(r"\d+(\.\d+)?", words[0]) else 0
     word, name, *numbers = words if len(words) >= 2 else ["", ""]
     if len(numbers) != FAULTS.get(word) or not all(re.fullmatch(r"\d{1,9}", number) for number in numbers):
@@ -86,7 +92,11 @@ def parse(arguments, specifications):
                 raise Problem(f"there is no file {file}")
         if len({Path(file).name for file in setup.files}) < len(set(setup.files)):
             raise Problem(f"two files for {name} have the same name")
-    phantoms = [parse_brick(text, 0x40 + position)[:2] for position, text in enumerate(arguments.device)]
+    devices = [parse_brick(text, 0x40 + position) for position, text in enumerate(arguments.device)]
+    for name, _, program in devices:
+        if program or re.search(r"\s", name):
+            raise Problem(f"--device {name}: a device has a name without blanks, and no program")
+    phantoms = [(name, address) for name, address, _ in devices]
     ids = {setup.name: setup.id for setup in setups} | {name: name for name, _ in phantoms}
     addresses = [setup.address for setup in setups] + [address for _, address in phantoms]
     if min(len(set(ids.values())), len(set(addresses))) < len(addresses):
@@ -107,7 +117,7 @@ async def run(image, arguments, setups, programs, phantoms, faults):
     """Boots the bricks and runs their programs; the highest of their statuses."""
     form = f"{{name:{max(len(setup.name) for setup in setups)}}} | "
     started = time.monotonic()
-    options = arguments.speed, arguments.trace, arguments.keep, form, arguments.shell
+    options = arguments.speed or 1, arguments.trace, arguments.keep, form, arguments.shell
     async with Lab(image, setups, phantoms, *options) as lab:
         say(f"Ready after {time.monotonic() - started:.0f} s")
         jobs = {name: run_program(lab.bricks[name], program) for name, program in programs.items()}
@@ -116,12 +126,9 @@ async def run(image, arguments, setups, programs, phantoms, faults):
         ended = asyncio.Event()
 
         async def work():
-            waited = [arguments.until] if arguments.until else list(jobs)
-            others = [asyncio.create_task(job) for name, job in jobs.items() if name not in waited]
-            statuses = await together(*(jobs[name] for name in waited))
+            ordered = sorted(jobs, key=lambda name: name != arguments.until)
+            statuses = await together(*(jobs[name] for name in ordered), first=1 if arguments.until else None)
             ended.set()
-            for other in others:
-                other.cancel()
             return max(statuses, default=0)
 
         status, *_ = await together(work(), *(steer(lab.radio, *fault, ended) for fault in faults))
@@ -135,7 +142,10 @@ async def run_program(brick, command):
     if status > 128:
         say(f"{brick.setup.name}'s program was ended by signal {status - 128} ({signal.strsignal(status - 128)})")
     elif status == 127:
-        say(f"{brick.setup.name}: not found in the brick; a program of this machine is named with a / (./my_program)")
+        say(
+            f"{brick.setup.name}: the program, or a library that it needs, is not in the brick; "
+            "one of this machine is named with a / (./my_program)"
+        )
     elif status:
         say(f"{brick.setup.name}'s program ended with status {status}")
     return status

@@ -15,7 +15,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from bricks import Lab, Setup, together
-from image import LAB, Problem, die_with_parent
+from image import LAB, Problem, die_with_parent, run
 
 ROOT = LAB.parent
 PEERS = ROOT / "tests" / "scenarios"  # programs of other authorship that bricks meet
@@ -67,7 +67,7 @@ class Failure(Exception):
 
 def read_scenarios(program):
     scenarios = []
-    for line in subprocess.run([program, "--list"], stdout=subprocess.PIPE, text=True, check=True).stdout.splitlines():
+    for line in run(program, "--list").splitlines():
         kind, *words = line.split("\t")
         if kind == "scenario":
             scenarios.append(Scenario(words[0], words[3], int(words[1]), words[2] == "1"))
@@ -95,19 +95,21 @@ class Player:
         return self.answers.setdefault(number, asyncio.get_running_loop().create_future())
 
     async def listen(self, reader):
-        while line := (await reader.readline()).decode(errors="replace").rstrip("\n"):
-            word, _, rest = line.partition(" ")
-            if word in ("passed", "failed"):
-                number, _, text = rest.partition(" ")
-                self.answer(int(number)).set_result((word, text))
-            elif word == "log":
-                self.log.append(rest)
-            elif word == "ready":
-                self.ready.set()
-            elif word == "ended":
-                break
-        self.ready.set()
-        self.ended.set()
+        try:
+            while line := (await reader.readline()).decode(errors="replace").rstrip("\n"):
+                word, _, rest = line.partition(" ")
+                if word in ("passed", "failed"):
+                    number, _, text = rest.partition(" ")
+                    self.answer(int(number)).set_result((word, text))
+                elif word == "log":
+                    self.log.append(rest)
+                elif word == "ready":
+                    self.ready.set()
+                elif word == "ended":
+                    break
+        finally:
+            self.ready.set()
+            self.ended.set()
 
     async def outcome(self, number, patience):
         """How a step went; an early end of the program is a failure, too."""
@@ -116,16 +118,17 @@ class Player:
         ended.cancel()
         if answer.done():
             return answer.result()
-        return "failed", "\t  the program ended" if self.ended.is_set() else f"\t  it did not end in {patience:.0f} s"
+        return "failed", "its program ended" if self.ended.is_set() else f"it did not end in {patience:.0f} s"
 
     def order(self, order):
-        self.writer.write(f"{order}\n".encode())
+        if not self.ended.is_set():  # else the brick's init would take it
+            self.writer.write(f"{order}\n".encode())
 
     async def end(self):
         """Kills the program; the next one may be started then."""
         if not self.ended.is_set():
             self.order("kill")
-            with suppress(asyncio.TimeoutError):
+            with suppress(TimeoutError):
                 await asyncio.wait_for(self.ended.wait(), PATIENCE)
         self.listening.cancel()
 
@@ -226,10 +229,10 @@ class AirStage:
             await process.wait()
 
 
-async def wait_for(player, number, step):
+async def check(player, number, step):
     word, text = await player.outcome(number, step.most + PATIENCE)
     if word == "failed":
-        raise Failure(f"  {step.who}, scenarios.cpp:{step.line}, after {text}".replace("\t", "\n"))
+        raise Failure(f"  {step.who}, scenarios.cpp:{step.line}: {text}".replace("\t", "\n"))
 
 
 async def play(scenario, stage, logs):
@@ -261,10 +264,10 @@ async def play(scenario, stage, logs):
                 if step.begins:
                     begun.append((number, step))
                 else:
-                    await wait_for(players[step.who], number, step)
+                    await check(players[step.who], number, step)
         for number, step in begun:
             if not step.hangs:
-                await wait_for(players[step.who], number, step)
+                await check(players[step.who], number, step)
             elif players[step.who].answer(number).done() or players[step.who].ended.is_set():
                 raise Failure(f"  {step.who}, scenarios.cpp:{step.line}: it was to hang, and returned or ended")
     finally:
@@ -339,7 +342,7 @@ def build_programs(preset):
         "scripts/armel-sysroot" if preset == "armel" else "need g++ cmake ninja-build libbluetooth-dev libgtest-dev"
     )
     script = f"source scripts/common.sh && {packages} && build {preset}"
-    if subprocess.run(["bash", "-c", script], cwd=ROOT, preexec_fn=die_with_parent).returncode:
+    if subprocess.run(["bash", "-c", script, "lab"], cwd=ROOT, preexec_fn=die_with_parent).returncode:
         raise Problem("the scenarios' program could not be built")
     return ROOT / "build" / preset
 

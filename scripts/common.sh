@@ -1,6 +1,8 @@
 # Shared by the scripts beside it; sourced, not run.
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
+lab_packages=(python3 qemu-system-x86 cpio kmod binutils) # and qemu-system-arm for ARM
+
 fail() {
   echo "$(basename "$0"): $*" >&2
   exit 1

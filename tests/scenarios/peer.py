@@ -13,8 +13,8 @@ import bluetooth
 NAMED_TEXT = 1
 
 
-def named(text):
-    return bytes([NAMED_TEXT]) + b"Robot1\0" + b"id\0" + text + b"\0"
+def named(text, sender=b"Robot1"):
+    return bytes([NAMED_TEXT]) + sender + b"\0" + b"id\0" + text + b"\0"
 
 
 def classic(text):
@@ -54,7 +54,7 @@ def listen(channel):
 if sys.argv[1] == "client":
     link = connect(sys.argv[2], 16)
     link.send(named(b"Hi"))
-    expect(link, named(b"Hello").replace(b"Robot1", b"Robot2"))
+    expect(link, named(b"Hello", b"Robot2"))
     link.close()
     link = connect(sys.argv[2], 1)
     link.send(classic(b"Hi"))
@@ -62,7 +62,7 @@ if sys.argv[1] == "client":
 else:
     servers = [listen(16), listen(1)]
     link = accept(servers[0])
-    expect(link, named(b"Hi").replace(b"Robot1", b"Robot2"))
+    expect(link, named(b"Hi", b"Robot2"))
     link.send(named(b"Hi"))
     link = accept(servers[1])
     expect(link, classic(b"Hi"))

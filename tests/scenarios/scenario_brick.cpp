@@ -86,7 +86,7 @@ void Play(std::size_t number, const S_Step& step, S_Robot& robot)
     if (took.count() < step.Least || took.count() > step.Most)
         wrong += "\t  wanted from " + std::to_string(step.Least) + " to " + std::to_string(step.Most) + " s";
     char seconds[32];
-    snprintf(seconds, sizeof(seconds), "%.3f", took.count());
+    snprintf(seconds, sizeof(seconds), "%.3f s", took.count());
     std::cout << ("log " + std::to_string(number) + " " + result + " <- " + log + "\n" +
                   (wrong.empty() ? "passed " : "failed ") + std::to_string(number) + " " + seconds + " " +
                   (wrong.empty() ? result : wrong) + "\n")

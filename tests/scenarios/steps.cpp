@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iostream>
 #include <unistd.h>
 
 std::string Get_Address(const std::string& name)
@@ -36,7 +37,9 @@ S_Story Shell(const std::string& who, const std::string& command, const std::str
         for (int byte; pipe && (byte = fgetc(pipe)) != EOF;)
             said += static_cast<char>(byte);
         const int status = pipe ? pclose(pipe) : -1;
-        return status == 0 ? said : "status " + std::to_string(status) + ", said: " + std::to_string(said.size());
+        if (status == 0) return said;
+        std::cerr << said;
+        return "status " + std::to_string(status);
     };
     return Takes(0, 60, Do(who, "..." + result, run, line));
 }
