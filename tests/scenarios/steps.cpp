@@ -114,7 +114,7 @@ std::string S_Robot::Open(unsigned char channel)
 
 std::string S_Robot::Accept()
 {
-    return Get_Result(Link = AcceptClient(Listening, 5000));
+    return Get_Result(Link = AcceptClient(Listening, 9000));
 }
 
 std::string S_Robot::Reach(const std::string& name, unsigned char channel, unsigned long timeout)
