@@ -186,7 +186,8 @@ class AirStage:
         }
         if "no-adapter" not in actor.traits:
             settings["TAV_AIR_BRICK"] = actor.name
-        return {**os.environ, **settings}
+        inherited = {name: value for name, value in os.environ.items() if not name.startswith("TAV_")}
+        return {**inherited, **settings}
 
     async def launch(self, actor, *command):
         folder = self.world / actor.name / "run"
@@ -337,7 +338,7 @@ async def play_in_lab(scenarios, build, image, arguments, report):
 def build_programs(preset):
     """Builds what plays the scenarios, unless TAV_BUILD names a build folder."""
     if preset == "dev" and "TAV_BUILD" in os.environ:
-        return Path(os.environ["TAV_BUILD"])
+        return Path(os.environ["TAV_BUILD"]).resolve()
     packages = (
         "scripts/armel-sysroot" if preset == "armel" else "need g++ cmake ninja-build libbluetooth-dev libgtest-dev"
     )
