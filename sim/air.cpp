@@ -243,6 +243,10 @@ bool Enter(const std::string& air, double speed)
 void Put(const S_Brick& brick)
 {
     std::unique_lock lock(State().Mutex);
+    if (!brick.Powered) {
+        State().Off = brick.Address;
+        return;
+    }
     if (State().Bricks.empty()) State().First = brick.Address;
     S_Local& local = State().Bricks[brick.Address];
     const bool silent = local.Brick.Present && !brick.Present;

@@ -26,7 +26,8 @@ struct S_Brick
 {
     std::string Address;       // "02:00:00:00:00:01", also what the brick is known by here
     std::string Name;          // up to 248 bytes
-    bool Present = true;       // powered and in range
+    bool Powered = true;       // else its adapter is switched off: there to be seen, of no use
+    bool Present = true;       // in range
     bool Discoverable = true;  // answers inquiries
     bool TellsName = true;     // answers name requests
     bool HasSdpServer = true;  // else SDP connections are refused

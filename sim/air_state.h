@@ -65,6 +65,7 @@ enum class E_State
     CONNECTING,  // stands in for a connection that is on its way
     FAILED,      // a connection that did not come about
     CONNECTED,
+    SDP,  // an L2CAP socket, good for asking whether there is an SDP server
     LOST  // stands in for a connection of a brick that fell silent
 };
 
@@ -100,6 +101,7 @@ struct S_State
     std::atomic<float> Speed = 1;           // 4 bytes: ARM needs a library for atomics of 8
     std::map<std::string, S_Local> Bricks;  // by address
     std::string First;                      // the default of Act_As
+    std::string Off;                        // the adapter that is switched off, if there is one
     std::map<int, S_Socket> Sockets;
     std::map<std::pair<std::string, std::string>, Clock::time_point> Released;  // by own and peer address
     std::multimap<Clock::time_point, int> Silent;  // links of bricks that fell silent, and when the peer notices

@@ -6,6 +6,7 @@
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/hci.h>
 #include <bluetooth/hci_lib.h>
+#include <bluetooth/l2cap.h>
 #include <bluetooth/rfcomm.h>
 #include <bluetooth/sdp.h>
 #include <bluetooth/sdp_lib.h>
@@ -108,6 +109,15 @@ int Close_Ours(const char* call, int fd)
     return error ? Fail(error) : result;
 }
 
+// Tells whether the brick has an SDP server: the channel of SDP is taken then.
+int Bind_SdpServer(const S_Socket& socket, const sockaddr_l2& address)
+{
+    if (address.l2_psm != htobs(SDP_PSM)) return Fail(EOPNOTSUPP);
+    const std::lock_guard lock(State().Mutex);
+    const auto own = State().Bricks.find(socket.Own);
+    return own != State().Bricks.end() && own->second.Brick.HasSdpServer ? Fail(EADDRINUSE) : 0;
+}
+
 // ---- Transfer -------------------------------------------------------------------------------------------------------
 
 // Bytes that a send buffer takes at once.
@@ -179,19 +189,24 @@ int socket(int domain, int type, int protocol) __THROW
 {
     if (domain != AF_BLUETOOTH) return Real().Socket(domain, type, protocol);
     if (Fails("socket")) return -1;
-    if ((type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != SOCK_STREAM || protocol != BTPROTO_RFCOMM)
-        return Fail(EPROTONOSUPPORT);
     S_Socket socket;
     socket.Own = Get_Acting();
+    if (type == SOCK_SEQPACKET && protocol == BTPROTO_L2CAP) {
+        socket.State = E_State::SDP;
+        return Add_Socket(Real().Socket(AF_UNIX, type, 0), socket);
+    }
+    if ((type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != SOCK_STREAM || protocol != BTPROTO_RFCOMM)
+        return Fail(EPROTONOSUPPORT);
     return Add_Socket(Real().Socket(AF_UNIX, type, 0), socket);
 }
 
 int bind(int fd, const sockaddr* address, socklen_t length) __THROW
 {
     if (!Is_Ours(fd)) return Real().Bind(fd, address, length);
+    const S_Socket socket = Get_Socket(fd);
+    if (socket.State == E_State::SDP) return Bind_SdpServer(socket, *reinterpret_cast<const sockaddr_l2*>(address));
     const auto* const rfcomm = reinterpret_cast<const sockaddr_rc*>(address);
     if (length < sizeof(*rfcomm) || rfcomm->rc_family != AF_BLUETOOTH) return Fail(EINVAL);
-    const S_Socket socket = Get_Socket(fd);
     if (Fails("bind", std::to_string(rfcomm->rc_channel), fd)) return -1;
     const bdaddr_t any{};
     if (bacmp(&rfcomm->rc_bdaddr, &any) != 0 && Get_Text(rfcomm->rc_bdaddr) != socket.Own) return Fail(EADDRNOTAVAIL);
@@ -383,6 +398,22 @@ int close(int fd)
 }
 
 // ---- Adapter --------------------------------------------------------------------------------------------------------
+
+int hci_devinfo(int adapter, hci_dev_info* info)
+{
+    if (Fails("hci_devinfo", std::to_string(adapter))) return -1;
+    const std::lock_guard lock(State().Mutex);
+    const auto own = State().Bricks.find(Get_Acting());
+    const bool isOn = own != State().Bricks.end();
+    if (adapter != 0 || (!isOn && State().Off.empty())) return Fail(ENODEV);
+    *info = {};
+    strcpy(info->name, "hci0");
+    str2ba(isOn ? own->first.c_str() : State().Off.c_str(), &info->bdaddr);
+    if (!isOn) return 0;
+    info->flags = 1U << HCI_UP | 1U << HCI_RUNNING | 1U << HCI_PSCAN;
+    if (own->second.Brick.Discoverable) info->flags |= 1U << HCI_ISCAN;
+    return 0;
+}
 
 int hci_get_route(bdaddr_t* /*address*/)
 {

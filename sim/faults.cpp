@@ -13,7 +13,7 @@ namespace tav_air {
 namespace {
 
 constexpr const char* CALLS = " socket bind listen accept connect select setsockopt getsockopt recv send fcntl "
-                              "shutdown close hci_get_route hci_open_dev "
+                              "shutdown close hci_devinfo hci_get_route hci_open_dev "
                               "hci_inquiry hci_read_remote_name hci_read_local_name hci_close_dev sdp_connect "
                               "sdp_service_search_attr_req sdp_close ";
 constexpr int LAST_ERRNO = 133;

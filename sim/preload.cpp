@@ -60,7 +60,9 @@ void Set_State(tav_air::S_Brick& brick, const std::string& text)
 {
     std::istringstream words(text);
     for (std::string word; words >> word;) {
-        if (word == "absent")
+        if (word == "down")
+            brick.Powered = false;
+        else if (word == "absent")
             brick.Present = false;
         else if (word == "hidden")
             brick.Discoverable = false;
@@ -69,7 +71,7 @@ void Set_State(tav_air::S_Brick& brick, const std::string& text)
         else if (word == "no-sdp")
             brick.HasSdpServer = false;
         else
-            Refuse("TAV_AIR_STATE", "'" + word + "' is none of absent, hidden, nameless, no-sdp");
+            Refuse("TAV_AIR_STATE", "'" + word + "' is none of down, absent, hidden, nameless, no-sdp");
     }
 }
 
