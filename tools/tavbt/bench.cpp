@@ -1,0 +1,132 @@
+// bench
+#include "tools/tavbt/message.h"
+#include "tools/tavbt/reasons.h"
+#include "tools/tavbt/terminal.h"
+#include "tools/tavbt/verbs.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+
+namespace tavbt {
+
+namespace {
+
+constexpr const char* BENCH_NAME = "tavbt";  // both sides send under it, so that each knows the other
+constexpr std::size_t TEXT_SIZES[] = {1, 16, 64, 256, 800};
+constexpr int ANSWER_TIMEOUT_MS = 5000;
+
+struct S_Options
+{
+    std::string Name;
+    std::string Address;
+    bool Serve = false;
+    double Seconds = 1;
+};
+
+S_Wanted Get_Wanted()
+{
+    S_Wanted wanted;
+    wanted.Sender = BENCH_NAME;
+    wanted.Id = "bench";
+    wanted.Kind = E_Kind::TEXT;
+    return wanted;
+}
+
+// Sends a text and waits for it to come back.
+void Make_RoundTrip(C_TAV_Bluetooth& bluetooth, int socket, const std::string& peer, const S_Value& text)
+{
+    const S_Wanted wanted = Get_Wanted();
+    Send(bluetooth, socket, peer, wanted.Format, wanted.Id, text);
+    const std::vector<S_Message> answers = Read(bluetooth, socket, peer, wanted, ANSWER_TIMEOUT_MS);
+    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    if (answers.empty())
+        throw S_Failure{TIMED_OUT, Printable(peer) + " does not answer",
+                        "on " + Printable(peer) + ": tavbt bench --serve"};
+    if (answers[0].Value.Bytes != text.Bytes) throw S_Failure{DAMAGED, "what came back is not what was sent"};
+}
+
+void Measure(C_TAV_Bluetooth& bluetooth, int socket, const S_Options& options)
+{
+    using Clock = std::chrono::steady_clock;
+    std::vector<std::vector<std::string>> rows;
+    for (const std::size_t size : TEXT_SIZES) {
+        const S_Value text{E_Kind::TEXT, false, std::string(size, 'x')};
+        Make_RoundTrip(bluetooth, socket, options.Name, text);  // the first of a size is not counted
+        std::vector<double> times;                              // ms
+        const auto start = Clock::now();
+        auto last = start;
+        while (last - start < std::chrono::duration<double>(options.Seconds)) {
+            Make_RoundTrip(bluetooth, socket, options.Name, text);
+            const auto now = Clock::now();
+            times.push_back(std::chrono::duration<double, std::milli>(now - last).count());
+            last = now;
+        }
+        const double rate = static_cast<double>(times.size()) / std::chrono::duration<double>(last - start).count();
+        const double throughput = rate * static_cast<double>(size) / 1000;
+        std::sort(times.begin(), times.end());
+        const auto get_percentile = [&](std::size_t percent) { return times[(times.size() - 1) * percent / 100]; };
+        if (Style().Json) {
+            Print({{"bytes", size},
+                   {"round_trips", times.size()},
+                   {"per_second", rate},
+                   {"median_ms", get_percentile(50)},
+                   {"p90_ms", get_percentile(90)},
+                   {"p99_ms", get_percentile(99)},
+                   {"max_ms", times.back()},
+                   {"kilobytes_per_second", throughput}});
+            continue;
+        }
+        const auto number = [](double value, int digits) {
+            char shown[32] = {};
+            snprintf(shown, sizeof(shown), "%.*f", digits, value);
+            return std::string(shown);
+        };
+        rows.push_back({std::to_string(size), number(rate, 0), number(get_percentile(50), 3),
+                        number(get_percentile(90), 3), number(get_percentile(99), 3), number(times.back(), 3),
+                        number(throughput, 1)});
+    }
+    if (rows.empty()) return;
+    Print_Table({"BYTES", "ROUND TRIPS/S", "MEDIAN ms", "90 % ms", "99 % ms", "MAX ms", "KB/S EACH WAY"}, rows);
+}
+
+void Run_Bench(const S_Options& options)
+{
+    setenv("TAV_BRICK_NAME", BENCH_NAME, 1);
+    C_TAV_Bluetooth bluetooth;
+    if (!options.Serve) {
+        if (options.Name.empty()) throw S_Failure{USAGE, "with whom? bench NAME, and there: bench --serve"};
+        const C_Connection link(bluetooth, options.Name, options.Address, NAMED_CHANNEL);
+        return Measure(bluetooth, link.Get_Socket(), options);
+    }
+    C_Server server(bluetooth, NAMED_CHANNEL);
+    Note("answering on channel " + std::to_string(NAMED_CHANNEL) + "; Ctrl-C ends it");
+    const auto send_back = [&](const S_BT_ScanDevice& client, const S_Message& message) {
+        Send_Back(bluetooth, client, E_Format::NAMED, message);
+    };
+    Run_Server(
+        bluetooth, server, Get_Wanted(), C_Deadline(0), [] { return false; }, send_back);
+}
+
+}  // namespace
+
+void Add_Bench(CLI::App& app)
+{
+    const auto options = std::make_shared<S_Options>();
+    auto* const verb = Add_Verb(app, "bench",
+                                "Sends texts of several sizes there and back, one at a time, and prints round trips "
+                                "per second, how long they took, and the bytes of text that went each way.",
+                                "tavbt bench --serve     on Robot2\n"
+                                "tavbt bench Robot2      on Robot1\n"
+                                "tavbt bench Robot2 -t 5 --json");
+    auto* const name = verb->add_option("NAME", options->Name, "the brick that answers");
+    verb->add_flag("--serve", options->Serve, "answer")->excludes(name);
+    verb->add_option("-t,--time", options->Seconds, "seconds for each size")
+        ->type_name("SECONDS")
+        ->capture_default_str()
+        ->check(CLI::Range(0.01, 3600.0).description(""));
+    Add_Address(*verb, options->Address);
+    verb->callback([options] { Run_Bench(*options); });
+}
+
+}  // namespace tavbt

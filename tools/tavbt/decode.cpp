@@ -1,0 +1,127 @@
+// decode
+#include "tools/tavbt/failures.h"
+#include "tools/tavbt/format.h"
+#include "tools/tavbt/terminal.h"
+#include "tools/tavbt/verbs.h"
+
+#include <algorithm>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <unistd.h>
+
+namespace tavbt {
+
+namespace {
+
+constexpr std::size_t SHOWN_BYTES = 16;
+
+struct S_Options
+{
+    std::vector<std::string> Hex;
+    bool Binary = false;
+    bool Named = false;
+    bool Classic = false;
+};
+
+std::string Get_Bytes(const S_Options& options)
+{
+    std::string text;
+    for (const std::string& part : options.Hex)
+        text += part + " ";
+    if (options.Hex.empty()) text = {std::istreambuf_iterator<char>(std::cin), {}};
+    const auto bytes = options.Binary ? text : Parse_Hex(text);
+    if (!bytes)
+        throw S_Failure{DAMAGED, "that is not pairs of hexadecimal digits",
+                        "like 03 41 42 00 61 62 63 00 01; or --binary"};
+    if (bytes->empty()) throw S_Failure{DAMAGED, "there are no bytes to decode"};
+    return *bytes;
+}
+
+std::string Shorten(std::string_view bytes)
+{
+    const std::string shown = To_Hex(bytes.substr(0, SHOWN_BYTES), " ");
+    return bytes.size() > SHOWN_BYTES ? shown + " ..." : shown;
+}
+
+void Print_Text(const S_Decoded& message, std::string_view bytes, std::size_t start)
+{
+    Print(Paint(E_Paint::BOLD,
+                std::string(Get_Word(message.Format)) + " " + Get_Word(message.Kind) + " message, " +
+                    Count_Of(message.Size, "byte"),
+                STDOUT_FILENO));
+    std::vector<std::vector<std::string>> rows;
+    for (const S_Field& field : message.Fields)
+        rows.push_back({std::to_string(start + field.Offset), Shorten(bytes.substr(field.Offset, field.Size)),
+                        field.Name, field.Value});
+    Print_Table({"OFFSET", "BYTES", "FIELD", "VALUE"}, rows);
+    for (const std::string& what : message.Damage)
+        Print(Paint(E_Paint::RED, "damaged:", STDOUT_FILENO) + " " + what);
+    for (const std::string& what : message.Odd)
+        Print(Paint(E_Paint::YELLOW, "odd:", STDOUT_FILENO) + " " + what);
+}
+
+void Print_Json(const S_Decoded& message, std::string_view bytes, std::size_t start)
+{
+    nlohmann::ordered_json object = {{"format", Get_Word(message.Format)}, {"kind", Get_Word(message.Kind)}};
+    if (message.Format == E_Format::NAMED) object["sender"] = message.Sender;
+    object["id"] = message.Id;
+    if (message.Kind == E_Kind::BOOL)
+        object["value"] = message.Value == std::string(1, '\1');
+    else
+        object["value"] = message.Kind == E_Kind::TEXT ? message.Value : To_Hex(message.Value);
+    object["fields"] = nlohmann::ordered_json::array();
+    for (const S_Field& field : message.Fields)
+        object["fields"].push_back({{"offset", start + field.Offset},
+                                    {"bytes", To_Hex(bytes.substr(field.Offset, field.Size))},
+                                    {"field", field.Name},
+                                    {"value", field.Value}});
+    object["damaged"] = message.Damage;
+    object["odd"] = message.Odd;
+    Print(object);
+}
+
+void Run_Decode(const S_Options& options)
+{
+    const std::string bytes = Get_Bytes(options);
+    bool damaged = false;
+    std::size_t start = 0;
+    while (start < bytes.size()) {
+        const std::string_view rest = std::string_view(bytes).substr(start);
+        const E_Format format = options.Named     ? E_Format::NAMED
+                                : options.Classic ? E_Format::CLASSIC
+                                                  : Guess_Format(rest).value_or(E_Format::NAMED);
+        const S_Decoded message = Decode(format, rest);
+        if (start > 0 && !Style().Json)
+            Print("\n" + Paint(E_Paint::YELLOW, "joined:", STDOUT_FILENO) + " " + Count_Of(rest.size(), "byte") +
+                  " behind it, which a text reader of the named format takes into the text, and others drop");
+        if (Style().Json)
+            Print_Json(message, rest, start);
+        else
+            Print_Text(message, rest, start);
+        damaged = damaged || !message.Damage.empty();
+        start += message.Size;
+    }
+    if (damaged) throw S_Failure{DAMAGED, ""};
+}
+
+}  // namespace
+
+void Add_Decode(CLI::App& app)
+{
+    const auto options = std::make_shared<S_Options>();
+    auto* const verb =
+        Add_Verb(app, "decode", "Takes messages apart, field by field, and says what is wrong with damaged ones.",
+                 "tavbt decode 03 41 42 00 61 62 63 00 01\n"
+                 "tavbt decode 0c000100819e04616263000100 01\n"
+                 "xxd -p message.bin | tavbt decode\n"
+                 "tavbt decode --binary <message.bin");
+    verb->add_option("HEX", options->Hex,
+                     "bytes in hexadecimal, with blanks or without; if there are none, from stdin");
+    verb->add_flag("--binary", options->Binary, "stdin holds the bytes themselves");
+    auto* const named = verb->add_flag("--named", options->Named, "takes them for the named format");
+    verb->add_flag("--classic", options->Classic, "takes them for the classic format")->excludes(named);
+    verb->callback([options] { Run_Decode(*options); });
+}
+
+}  // namespace tavbt

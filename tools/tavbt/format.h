@@ -1,0 +1,60 @@
+// Takes messages apart, byte by byte, and says what is wrong with them and what the module's readers make of it.
+// docs/formats.md has both formats.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tavbt {
+
+enum class E_Format
+{
+    NAMED,
+    CLASSIC
+};
+
+enum class E_Kind
+{
+    BOOL,
+    TEXT,
+    DATA,
+    UNKNOWN
+};
+
+struct S_Field
+{
+    std::size_t Offset;
+    std::size_t Size;
+    std::string Name;
+    std::string Value;  // in words
+};
+
+struct S_Decoded
+{
+    E_Format Format = E_Format::NAMED;
+    E_Kind Kind = E_Kind::UNKNOWN;
+    std::string Sender;  // named format only
+    std::string Id;
+    std::string Value;     // text or data; "\0" or "\1" of a bool
+    std::size_t Size = 0;  // bytes that belong to it
+    std::vector<S_Field> Fields;
+    std::vector<std::string> Damage;  // bytes are missing, or no reader takes it
+    std::vector<std::string> Odd;     // readers take it, but the module sends no such message
+};
+
+const char* Get_Word(E_Kind kind);
+const char* Get_Word(E_Format format);
+
+// The format that the bytes look like; none if neither.
+std::optional<E_Format> Guess_Format(std::string_view bytes);
+
+// The first message in `bytes`, which are not empty. What stands behind it, from Size on, is not looked at.
+S_Decoded Decode(E_Format format, std::string_view bytes);
+
+// Bytes from hexadecimal digits, between which may stand blanks, line breaks, "|", ":", "," and "0x" before a byte.
+// None, if something else stands there, or half a byte.
+std::optional<std::string> Parse_Hex(std::string_view text);
+
+}  // namespace tavbt

@@ -1,0 +1,104 @@
+// tavbt: TAV Bluetooth at the command line.
+#include "tools/tavbt/failures.h"
+#include "tools/tavbt/help.h"
+#include "tools/tavbt/reasons.h"
+#include "tools/tavbt/terminal.h"
+#include "tools/tavbt/verbs.h"
+
+#include <bluetooth/bluetooth.h>
+#include <iostream>
+#include <unistd.h>
+
+namespace tavbt {
+
+namespace {
+
+constexpr const char* ABOUT = "tavbt doctor\n"
+                              "tavbt scan\n"
+                              "tavbt serve --any\n"
+                              "tavbt send Robot2 greeting --text 'Hello!'\n"
+                              "\n"
+                              "Finds bricks, sends them messages and shows what they send, over Bluetooth. "
+                              "tavbt VERB --help explains a verb, the manual page tavbt(1) all.";
+
+constexpr const char* FOOTER = "Results go to stdout, all else to stderr. Exit codes: 0 done, 1 failed, 2 usage,\n"
+                               "3 not found, 4 not connected, 5 timed out, 6 no adapter, 7 damaged input,\n"
+                               "130 interrupted.";
+
+void Report(const S_Failure& failure)
+{
+    if (failure.What.empty()) return;
+    std::cerr << Paint(E_Paint::RED, "tavbt:", STDERR_FILENO) << " " << failure.What << std::endl;
+    if (!failure.Try.empty()) std::cerr << "  -> " << failure.Try << std::endl;
+}
+
+int Run(int count, const char* const* arguments)
+{
+    CLI::App app(ABOUT, "tavbt");
+    app.require_subcommand(1);
+    app.formatter(std::make_shared<C_HelpFormatter>());
+    app.set_help_flag("-h,--help", "this help");
+    app.add_flag("--json", Style().Json, "results as JSON, one object a line");
+    app.add_flag("-q,--quiet", Style().Quiet, "nothing on stderr but errors");
+    app.add_flag_callback("--log", Show_Log,
+                          "shows the module's debug log on stderr, or in the file that TAV_LOG names");
+    app.set_version_flag("--version", "tavbt " TAV_VERSION, "the version");
+    app.footer(FOOTER);
+    Add_DeviceVerbs(app);
+    Add_MessageVerbs(app);
+    Add_Chat(app);
+    Add_Decode(app);
+    Add_Bench(app);
+    Add_Doctor(app);
+    Add_Complete(app);
+    try {
+        app.parse(count, arguments);
+        return DONE;
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) return app.exit(error);
+        Report({USAGE, error.what(), "tavbt --help, tavbt VERB --help"});
+        return USAGE;
+    } catch (const S_Failure& failure) {
+        Report(failure);
+        return failure.Exit;
+    }
+}
+
+std::string Check_Address(const std::string& text)
+{
+    return bachk(text.c_str()) == 0 ? "" : Quoted(text) + " is not an address like 12:34:56:78:9A:BC";
+}
+
+}  // namespace
+
+CLI::App* Add_Verb(CLI::App& app, const std::string& name, const std::string& what, const std::string& examples)
+{
+    CLI::App* const verb = app.add_subcommand(name, examples + "\n\n" + what)->group("Verbs");
+    verb->fallthrough();
+    verb->set_help_flag("-h,--help", "this help");
+    verb->footer("Also for every verb: --json, --log, -q (tavbt --help).");
+    return verb;
+}
+
+void Add_Address(CLI::App& verb, std::string& address)
+{
+    verb.add_option("--address", address, "where the brick is, so that it need not be looked for")
+        ->type_name("ADDRESS")
+        ->check(CLI::Validator(Check_Address, ""));
+}
+
+void Add_Timeout(CLI::App& verb, double& seconds, const std::string& what)
+{
+    verb.add_option("-t,--timeout", seconds, what)
+        ->type_name("SECONDS")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 1e6).description(""));
+}
+
+}  // namespace tavbt
+
+int main(int count, char** arguments)
+{
+    tavbt::Watch_Signals();
+    return tavbt::Run(count, arguments);
+}

@@ -1,0 +1,192 @@
+#include "tools/tavbt/reasons.h"
+
+#include "api/tav_c_api.h"
+#include "host/log.h"
+#include "tools/tavbt/terminal.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+namespace tavbt {
+
+namespace {
+
+S_Reason g_Reason;
+
+bool Starts_With(std::string_view text, std::string_view start)
+{
+    return text.substr(0, start.size()) == start;
+}
+
+// What stands in the brackets of "Msg Id(abc)".
+std::string Get_Bracketed(std::string_view step)
+{
+    const std::size_t open = step.find('(');
+    return std::string(step.substr(open + 1, step.size() - open - 2));
+}
+
+// ---- Lines of the log -----------------------------------------------------------------------------------------------
+
+void Note_Call(std::string_view step)
+{
+    constexpr std::string_view CALL = "Error in fce ";
+    constexpr std::string_view ERROR = "(Error Code ";
+    const std::size_t error = step.find(ERROR);
+    if (error == std::string_view::npos) return;
+    g_Reason.Call = step.substr(CALL.size(), error - CALL.size());
+    g_Reason.Error = atoi(std::string(step.substr(error + ERROR.size())).c_str());
+}
+
+// One step of an operation, as in "C_TAV_Bluetooth::_ReadMsg_TAV_String - 4(abc)".
+void Note_Step(std::string_view operation, std::string_view step)
+{
+    const bool isReader = Starts_With(operation, "_ReadMsg_");
+    if (Starts_With(step, "Error in fce ")) {
+        Note_Call(step);
+    } else if (step == "Timeout") {
+        g_Reason.TimedOut = true;
+    } else if (step == "Error(Not Brick Name)") {
+        g_Reason.NoName = true;
+    } else if (operation == "ReadData" && Starts_With(step, "2(")) {
+        g_Reason.Received = atoi(Get_Bracketed(step).c_str());
+    } else if (isReader && (Starts_With(step, "3(") || Starts_With(step, "Brick Name("))) {
+        g_Reason.Sender = Get_Bracketed(step);
+    } else if (isReader && (Starts_With(step, "4(") || Starts_With(step, "Msg Id("))) {
+        g_Reason.Id = Get_Bracketed(step);
+    } else if (Starts_With(step, "MsgId : ")) {
+        g_Reason.Id = step.substr(strlen("MsgId : "));
+    } else if (step == "Error (Device Name)" || step == "Error(Device Name)") {
+        g_Reason.Mismatch = "its sender is " + Quoted(g_Reason.Sender);
+    } else if (step == "Error (Msg Id)" || step == "Error(Msg Id)") {
+        g_Reason.Mismatch = "its id is " + Quoted(g_Reason.Id);
+    } else if (Starts_With(step, "Error (Not type")) {
+        const bool isBool = step.find(": 3)") != std::string_view::npos;
+        const bool isData = step.find(": 4)") != std::string_view::npos;
+        const bool isText = step.find(": 1)") != std::string_view::npos;
+        g_Reason.Mismatch = isBool ? "it is a bool" : isData ? "it is data" : isText ? "it is a text" : "";
+    }
+}
+
+void Note_Line(std::string_view line)
+{
+    constexpr std::string_view CLASS = "C_TAV_Bluetooth::";
+    constexpr std::string_view DASH = " - ";
+    const std::size_t dash = line.find(DASH);
+    if (!Starts_With(line, CLASS) || dash == std::string_view::npos) return;
+    Note_Step(line.substr(CLASS.size(), dash - CLASS.size()), line.substr(dash + DASH.size()));
+}
+
+// ---- Words ----------------------------------------------------------------------------------------------------------
+
+struct S_Explanation
+{
+    const char* Calls;  // separated by blanks; null: any
+    int Error;
+    E_Exit Exit;
+    const char* What;  // NAME and CHANNEL are filled in
+    const char* Try;
+};
+
+constexpr const char* SEE_DOCTOR = "tavbt doctor says what is missing";
+constexpr const char* ADAPTER_CALLS = "hci_get_route hci_open_dev hci_inquiry";
+
+constexpr S_Explanation EXPLANATIONS[] = {
+    {ADAPTER_CALLS, ENODEV, NO_ADAPTER, "there is no Bluetooth adapter that is switched on", SEE_DOCTOR},
+    {ADAPTER_CALLS, ENETDOWN, NO_ADAPTER, "the Bluetooth adapter is switched off", SEE_DOCTOR},
+    {nullptr, EAFNOSUPPORT, NO_ADAPTER, "this system's kernel has no Bluetooth", SEE_DOCTOR},
+    {nullptr, EPROTONOSUPPORT, NO_ADAPTER, "this system's kernel does not know RFCOMM", SEE_DOCTOR},
+    {nullptr, EPERM, FAILED, "this user is not permitted to do that", "run it as root, with sudo"},
+    {nullptr, EACCES, FAILED, "this user is not permitted to do that", "run it as root, with sudo"},
+    {"bind listen", EADDRINUSE, FAILED, "channel CHANNEL is taken by another program on this brick",
+     "end that program; tavbt doctor shows whether the channel is free"},
+    {nullptr, EHOSTUNREACH, NO_ADAPTER, "no adapter of this brick reaches NAME, or NAME is this brick itself",
+     SEE_DOCTOR},
+    {nullptr, EBUSY, NOT_CONNECTED, "this brick has a connection to channel CHANNEL of NAME already",
+     "end the program that has it; if NAME went out of range just now, wait 20 s"},
+    {"sdp_connect", ECONNREFUSED, NOT_CONNECTED, "NAME is there, but lists no services: it has no SDP server",
+     "messages do not need one; tavbt doctor, run on NAME, says how to start it"},
+    {nullptr, ECONNREFUSED, NOT_CONNECTED,
+     "NAME is there, but refused the connection: no program on it listens on channel CHANNEL",
+     "start one there, for example: tavbt serve --any (with --classic on channel 1)"},
+    {nullptr, EHOSTDOWN, NOT_CONNECTED,
+     "NAME does not answer: it is switched off, out of range, or has another address now (\"Host is down\")",
+     "tavbt scan looks who is there, and learns new addresses"},
+    {nullptr, ETIMEDOUT, NOT_CONNECTED, "NAME fell silent: it was switched off, or is out of range",
+     "tavbt scan looks who is there"},
+    {nullptr, ECONNRESET, NOT_CONNECTED, "NAME hung up", ""},
+    {nullptr, ENOTCONN, NOT_CONNECTED, "NAME hung up", ""},
+};
+
+bool Applies(const S_Explanation& explanation, const S_Reason& reason)
+{
+    if (explanation.Error != reason.Error) return false;
+    return !explanation.Calls || strstr(explanation.Calls, reason.Call.c_str());
+}
+
+void Replace(std::string& text, std::string_view what, const std::string& by)
+{
+    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + by.size()))
+        text.replace(at, what.size(), by);
+}
+
+}  // namespace
+
+void Show_Log()
+{
+    tav_c_api::g_isLog_Quorvant_TAV = true;
+}
+
+S_Reason Take_Reason()
+{
+    S_Reason reason;
+    std::swap(reason, g_Reason);
+    return reason;
+}
+
+S_Failure Explain(const S_Reason& reason, const std::string& peer, unsigned int channel)
+{
+    const std::string name = peer.empty() ? "the other brick" : Printable(peer);
+    const auto fill_in = [&](std::string text) {
+        Replace(text, "CHANNEL", std::to_string(channel));
+        Replace(text, "NAME", name);
+        return text;
+    };
+    if (reason.NoName) return {FAILED, "this brick has no name to send under", "TAV_BRICK_NAME=NAME tavbt ..."};
+    if (reason.Call.empty()) {
+        if (reason.TimedOut) return {NOT_CONNECTED, name + " did not answer in time", "tavbt scan looks who is there"};
+        if (reason.Received == 0) return {NOT_CONNECTED, name + " hung up"};
+        return {FAILED, "it failed, and the log does not say why", "--log shows every step"};
+    }
+    for (const S_Explanation& explanation : EXPLANATIONS)
+        if (Applies(explanation, reason))
+            return {explanation.Exit, fill_in(explanation.What), fill_in(explanation.Try)};
+    return {FAILED, reason.Call + " failed: " + strerror(reason.Error), "--log shows every step"};
+}
+
+}  // namespace tavbt
+
+// ---- The module's logger --------------------------------------------------------------------------------------------
+
+namespace tav_c_api {
+
+bool g_isLog_Quorvant_TAV = getenv("TAV_LOG") != nullptr;
+
+void WriteLog_Dbg(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    char line[512];  // no line that matters here is longer
+    va_list again;
+    va_copy(again, arguments);
+    vsnprintf(line, sizeof(line), format, again);
+    va_end(again);
+    tavbt::Note_Line(line);
+    if (g_isLog_Quorvant_TAV) tav_host::Write_LogLine(format, arguments);
+    va_end(arguments);
+}
+
+}  // namespace tav_c_api
