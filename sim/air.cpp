@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <poll.h>
 #include <set>
@@ -199,6 +200,13 @@ std::optional<S_Brick> Ask_Brick(const std::string& address)
 void Sleep_Scaled(Clock::duration real)
 {
     std::this_thread::sleep_for(Scaled(real));
+}
+
+bool Sleep_UntilSignal(Clock::duration real)
+{
+    const auto time = std::chrono::duration_cast<std::chrono::nanoseconds>(Scaled(real)).count();
+    const timespec wait = {static_cast<time_t>(time / 1000000000), static_cast<long>(time % 1000000000)};
+    return nanosleep(&wait, nullptr) == 0;
 }
 
 // ---- For users ------------------------------------------------------------------------------------------------------

@@ -442,7 +442,7 @@ int hci_inquiry(int adapter, int length, int maxResponses, const std::uint8_t* /
     const std::string own = Get_Acting();
     if (own.empty() || adapter > 0) return Fail(ENODEV);
     if (maxResponses <= 0) maxResponses = 255;
-    Sleep_Scaled(INQUIRY_UNIT * length / 2);
+    if (!Sleep_UntilSignal(INQUIRY_UNIT * length / 2)) return -1;
     std::vector<inquiry_info> found;
     for (const std::string& brick : List_Bricks()) {
         if (brick == own || static_cast<int>(found.size()) == maxResponses) continue;
@@ -450,7 +450,7 @@ int hci_inquiry(int adapter, int length, int maxResponses, const std::uint8_t* /
         if (!description || !description->Discoverable) continue;
         str2ba(brick.c_str(), &found.emplace_back().bdaddr);
     }
-    Sleep_Scaled(INQUIRY_UNIT * length / 2);
+    if (!Sleep_UntilSignal(INQUIRY_UNIT * length / 2)) return -1;
     if (!*responses)
         *responses = static_cast<inquiry_info*>(calloc(static_cast<std::size_t>(maxResponses), sizeof(**responses)));
     std::copy(found.begin(), found.end(), *responses);
