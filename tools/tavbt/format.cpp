@@ -32,7 +32,7 @@ public:
 
     std::string_view Take(const char* name, std::size_t size, const std::string& value)
     {
-        Message.Fields.push_back({m_Pos, size, name, value});
+        if (size > 0) Message.Fields.push_back({m_Pos, size, name, value});
         m_Pos += size;
         return m_Bytes.substr(m_Pos - size, size);
     }

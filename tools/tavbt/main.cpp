@@ -51,12 +51,17 @@ int Run(int count, const char* const* arguments)
     Add_Bench(app);
     Add_Doctor(app);
     Add_Complete(app);
+    if (count == 1) {
+        std::cerr << app.help();
+        return USAGE;
+    }
     try {
         app.parse(count, arguments);
         return DONE;
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);
-        Report({USAGE, error.what(), "tavbt --help, tavbt VERB --help"});
+        const auto verbs = app.get_subcommands();
+        Report({USAGE, error.what(), "tavbt " + (verbs.empty() ? "" : verbs[0]->get_name() + " ") + "--help"});
         return USAGE;
     } catch (const S_Failure& failure) {
         Report(failure);

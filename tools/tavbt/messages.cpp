@@ -125,11 +125,16 @@ S_Wanted Get_Wanted(const S_Options& options)
     return wanted;
 }
 
-[[noreturn]] void Fail_TimedOut(std::size_t count, unsigned int wanted, double seconds)
+// Throws if it is no good end: Ctrl-C is one where no number of messages was asked for, the end of the time where as
+// many came as were asked for, or any.
+void Check_End(const S_Options& options, std::size_t count)
 {
+    if (options.Count == 0 ? count > 0 || Is_Stopped() : count >= options.Count) return;
+    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
     char time[32] = {};
-    snprintf(time, sizeof(time), "%g s", seconds);
-    const std::string what = count == 0 ? "nothing" : std::to_string(count) + " of " + Count_Of(wanted, "message");
+    snprintf(time, sizeof(time), "%g s", options.Seconds);
+    const std::string what =
+        count == 0 ? "nothing" : std::to_string(count) + " of " + Count_Of(options.Count, "message");
     throw S_Failure{TIMED_OUT, what + " came in " + time,
                     "sender, kind and id must be exactly those that are expected; --any shows whatever comes"};
 }
@@ -153,15 +158,13 @@ void Run_Recv(const S_Options& options)
     const C_Connection link(bluetooth, options.Name, options.Address, Get_Channel(wanted.Format));
     const C_Deadline deadline(options.Seconds);
     std::size_t count = 0;
-    while (count < options.Count || options.Count == 0) {
+    const auto is_done = [&] { return options.Count > 0 && count >= options.Count; };
+    while (!is_done() && !Is_Stopped() && !deadline.Is_Over())
         for (const S_Message& message : Read(bluetooth, link.Get_Socket(), options.Name, wanted, deadline.Get_Left())) {
             Print_Message(message, options.IsAny, options.Raw);
             ++count;
         }
-        if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
-        if (count < options.Count && deadline.Is_Over()) Fail_TimedOut(count, options.Count, options.Seconds);
-        if (deadline.Is_Over()) return;
-    }
+    Check_End(options, count);
 }
 
 void Run_Serve(const S_Options& options)
@@ -181,9 +184,7 @@ void Run_Serve(const S_Options& options)
                    ++count;
                    if (options.Echo) Send_Back(bluetooth, client, wanted.Format, message);
                });
-    if (is_done() || (options.Count == 0 && (Is_Stopped() || count > 0))) return;
-    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
-    Fail_TimedOut(count, options.Count, options.Seconds);
+    Check_End(options, count);
 }
 
 void Run_Broadcast(const S_Options& options)
