@@ -24,11 +24,22 @@ const CLI::App* Find_Verb(const CLI::App& app, const std::string& name)
     return nullptr;
 }
 
+// The options of a verb, those in its groups included.
+std::vector<const CLI::Option*> Get_Options(const CLI::App& verb)
+{
+    std::vector<const CLI::Option*> options = verb.get_options();
+    for (const CLI::App* const group : verb.get_subcommands({}))
+        if (group->get_name().empty())
+            for (const CLI::Option* const option : group->get_options())
+                options.push_back(option);
+    return options;
+}
+
 // The option of this name; null if there is none, or if it takes no value.
 const CLI::Option* Find_Valued(const CLI::App& app, const CLI::App& verb, const std::string& name)
 {
     for (const CLI::App* const owner : {&verb, &app})
-        for (const CLI::Option* const option : owner->get_options())
+        for (const CLI::Option* const option : Get_Options(*owner))
             if (option->get_items_expected_max() > 0 && option->check_name(name)) return option;
     return nullptr;
 }
@@ -52,9 +63,9 @@ void Offer(const std::string& word, const std::string& begun)
 
 void Offer_Options(const CLI::App& app, const std::string& begun)
 {
-    for (const CLI::Option* const option : app.get_options())
+    for (const CLI::Option* const option : Get_Options(app))
         for (const std::string& name : option->get_lnames())
-            Offer("--" + name, begun);
+            if (option != app.get_help_ptr()) Offer("--" + name, begun);
 }
 
 void Offer_Devices(const std::string& begun)
