@@ -61,7 +61,10 @@ int Run(int count, const char* const* arguments)
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);
         const auto verbs = app.get_subcommands();
-        Report({USAGE, error.what(), "tavbt " + (verbs.empty() ? "" : verbs[0]->get_name() + " ") + "--help"});
+        const std::vector<std::string> unknown = app.remaining();
+        const bool noVerb = verbs.empty() && !unknown.empty();
+        Report({USAGE, noVerb ? "there is no verb " + Printable(unknown[0]) : error.what(),
+                "tavbt " + (verbs.empty() ? "" : verbs[0]->get_name() + " ") + "--help"});
         return USAGE;
     } catch (const S_Failure& failure) {
         Report(failure);
