@@ -94,15 +94,14 @@ void Run_Complete(const CLI::App& app, Words words)
         return;
     }
     const CLI::Option* const valued = words.empty() ? nullptr : Find_Valued(app, *verb, words.back());
+    const bool isFirst = verb->get_option_no_throw("NAME") && Count_Positionals(app, *verb, words) == 0;
     if (valued && valued->get_type_name() == "true|false") {
         Offer("true", begun);
         Offer("false", begun);
-    } else if (valued && valued->get_type_name() == "NAME") {
-        Offer_Devices(begun);
     } else if (!valued && !begun.empty() && begun[0] == '-') {
         Offer_Options(*verb, begun);
         Offer_Options(app, begun);
-    } else if (!valued && verb->get_option_no_throw("NAME") && Count_Positionals(app, *verb, words) == 0) {
+    } else if (valued ? valued->get_type_name() == "NAME" : isFirst) {
         Offer_Devices(begun);
     }
 }

@@ -108,5 +108,10 @@ void Add_Timeout(CLI::App& verb, double& seconds, const std::string& what)
 int main(int count, char** arguments)
 {
     tavbt::Watch_Signals();
-    return tavbt::Run(count, arguments);
+    try {
+        return tavbt::Run(count, arguments);
+    } catch (const std::exception& error) {  // no memory, or a system without threads
+        fprintf(stderr, "tavbt: %s\n", error.what());
+        return tavbt::FAILED;
+    }
 }
