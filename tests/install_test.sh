@@ -17,6 +17,11 @@ usr=$work/installed/usr
 libraries=$(dirname "$usr"/lib/*/libtav-bluetooth.a)
 export PKG_CONFIG_PATH=$libraries/pkgconfig TAV_AIR=install-$$ TAV_AIR_SPEED=50
 
+for file in share/man/man1/tavbt.1 share/bash-completion/completions/tavbt share/zsh/vendor-completions/_tavbt \
+  'lib/*/wireshark/plugins/tav.lua'; do
+  ls "$usr"/$file >/dev/null
+done
+
 # block LANGUAGE N: the N-th block of this language in README.
 block() {
   awk -v start="\`\`\`$1" -v n="$2" '/^```/ { inside = $0 == start && ++count == n; next } inside' "$root/README.md"
@@ -39,6 +44,13 @@ talk() {
 cmake -G Ninja -S . -B build -DCMAKE_PREFIX_PATH="$usr" >log 2>&1
 cmake --build build >log 2>&1
 talk build/my_client build/my_server
+
+# The tool, with the server that was just built.
+"$usr/bin/tav-air" Robot2 -- build/my_server >log.server &
+sleep 2
+"$usr/bin/tav-air" Robot1 -- "$usr/bin/tavbt" send Robot2 greeting --text 'Hello!' 2>log
+wait $!
+grep -qx 'Robot1 says Hello!' log.server
 
 # The shared library with the default definitions, and the static one with a firmware's own.
 read -ra host <<<"$(pkg-config --cflags --libs tav-bluetooth-host)"
