@@ -34,6 +34,7 @@ CASES = [
     ("services Robot2", 4, "Robot2 is there, but lists no services", "serve --any", "", "Robot2: --state no-sdp"),
     # Every kind of message, in both formats, from one brick to the other.
     ("send Robot2 abc --text 'Hi you'", 0, "sent to Robot2", "serve --any", 'text from "Robot1", id "abc": "Hi you"'),
+    ("send Robot2 abc --text Hi", 0, "sent", "serve --dump -n 1", "^01526F626F7431006162630048690"),
     ("send Robot2 abc --bool true", 0, "sent", "serve --from Robot1 --id abc --bool -n 1", "^true\n"),
     ("send Robot2 abc --data 'DE AD'", 0, "sent", "serve --from Robot1 --id abc --data -n 1", "^DEAD\n"),
     ("send Robot2 abc --file /dev/null", 0, "sent", "serve --any -n 1 -t 2", "damaged, has no data"),

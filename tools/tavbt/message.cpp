@@ -26,7 +26,7 @@ bool Send_Value(C_TAV_Bluetooth& bluetooth, int socket, E_Format format, const s
 
 bool Read_Value(C_TAV_Bluetooth& bluetooth, int socket, const S_Wanted& wanted, int timeout, S_Value& value)
 {
-    const auto& [sender, id, kind, format, size] = wanted;
+    const auto& [sender, id, kind, asBytes, format, size] = wanted;
     const auto wait = static_cast<unsigned long>(timeout);
     if (format == E_Format::CLASSIC)
         return kind == E_Kind::BOOL
@@ -53,12 +53,13 @@ std::vector<S_Message> Split_Joined(const S_Wanted& wanted, const S_Value& value
 }
 
 // All messages in one receive, whatever they are.
-std::vector<S_Message> Read_Any(C_TAV_Bluetooth& bluetooth, int socket, int timeout)
+std::vector<S_Message> Read_Any(C_TAV_Bluetooth& bluetooth, int socket, bool asBytes, int timeout)
 {
     std::vector<S_Message> messages;
     std::string buffer(ANY_SIZE, '\0');
     const int count = bluetooth.ReadData(socket, buffer.data(), ANY_SIZE, static_cast<unsigned long>(timeout));
     std::string_view rest(buffer.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
+    if (asBytes && !rest.empty()) return {{"", "", {E_Kind::UNKNOWN, false, std::string(rest)}}};
     while (!rest.empty()) {
         const S_Decoded message = Decode(Guess_Format(rest).value_or(E_Format::NAMED), rest);
         if (!message.Damage.empty())
@@ -110,7 +111,7 @@ std::vector<S_Message> Read(C_TAV_Bluetooth& bluetooth, int socket, const std::s
     value.Kind = wanted.Kind;
     std::vector<S_Message> messages;
     if (wanted.Kind == E_Kind::UNKNOWN)
-        messages = Read_Any(bluetooth, socket, timeout);
+        messages = Read_Any(bluetooth, socket, wanted.AsBytes, timeout);
     else if (Read_Value(bluetooth, socket, wanted, timeout, value))
         messages = Split_Joined(wanted, value);
     const S_Reason reason = Take_Reason();
@@ -155,14 +156,16 @@ void Print_Message(const S_Message& message, bool whole, bool raw)
     const bool isBool = value.Kind == E_Kind::BOOL;
     const bool isText = value.Kind == E_Kind::TEXT;
     const std::string word = isBool ? (value.Bool ? "true" : "false") : isText ? value.Bytes : To_Hex(value.Bytes);
-    if (Style().Json) {
+    if (Style().Json && value.Kind == E_Kind::UNKNOWN) {
+        Print({{"bytes", word}});
+    } else if (Style().Json) {
         nlohmann::ordered_json object = {{"kind", Get_Word(value.Kind)}, {"id", message.Id}};
         if (!message.Sender.empty()) object["sender"] = message.Sender;
         object["value"] = isBool ? nlohmann::ordered_json(value.Bool) : nlohmann::ordered_json(word);
         Print(object);
     } else if (raw) {
         std::cout << (isBool ? word : value.Bytes) << std::flush;
-    } else if (whole) {
+    } else if (whole && value.Kind != E_Kind::UNKNOWN) {
         const std::string sender = message.Sender.empty() ? "" : " from " + Quoted(message.Sender);
         Print(std::string(Get_Word(value.Kind)) + sender + ", id " + Quoted(message.Id) + ": " +
               (isText ? Quoted(word) : word));

@@ -31,6 +31,7 @@ struct S_Wanted
     std::string Sender;
     std::string Id;
     E_Kind Kind = E_Kind::UNKNOWN;  // UNKNOWN: whatever comes, Sender and Id are not looked at
+    bool AsBytes = false;           // with UNKNOWN: what one receive brought, not taken apart
     E_Format Format = E_Format::NAMED;
     unsigned int MaxSize = 800;
 };

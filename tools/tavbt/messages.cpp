@@ -38,6 +38,7 @@ struct S_Options
     bool IsText = false;
     bool IsData = false;
     bool IsAny = false;
+    bool IsDump = false;
     bool Classic = false;
     bool Echo = false;
     bool Raw = false;
@@ -74,6 +75,7 @@ void Add_Kinds(CLI::App& verb, S_Options& options)
     group->add_flag("--text", options.IsText, "texts");
     group->add_flag("--data", options.IsData, "raw data, printed in hexadecimal");
     group->add_flag("--any", options.IsAny, "whatever comes, whoever sent it, with sender, kind and id");
+    group->add_flag("--dump", options.IsDump, "all bytes that come, in hexadecimal, as for tavbt decode");
     group->require_option(1);
     group->set_help_flag();
     verb.add_flag("--raw", options.Raw, "prints texts and data as they are, without line breaks");
@@ -120,7 +122,8 @@ S_Wanted Get_Wanted(const S_Options& options)
                                    : E_Kind::UNKNOWN;
     if (options.Classic && options.IsData)
         throw S_Failure{USAGE, "the classic format has no raw data", "take --bool, --text or --any"};
-    if (options.Id.empty() && !options.IsAny)
+    wanted.AsBytes = options.IsDump;
+    if (options.Id.empty() && wanted.Kind != E_Kind::UNKNOWN)
         throw S_Failure{USAGE, "the id of the messages is missing", "give it, or take --any"};
     return wanted;
 }
@@ -170,7 +173,8 @@ void Run_Recv(const S_Options& options)
 void Run_Serve(const S_Options& options)
 {
     const S_Wanted wanted = Get_Wanted(options);
-    if (options.Name.empty() && !options.IsAny && !options.Classic)
+    if (options.IsDump && options.Echo) throw S_Failure{USAGE, "--dump has no messages to echo", "take --any"};
+    if (options.Name.empty() && wanted.Kind != E_Kind::UNKNOWN && !options.Classic)
         throw S_Failure{USAGE, "the sender's name is missing: --from NAME", "or take --any"};
     C_TAV_Bluetooth bluetooth;
     C_Server server(bluetooth, Get_Channel(wanted.Format));
