@@ -144,11 +144,14 @@ class Brick:
         for backend in f"socket,path={self.radio_socket}", screen, f"socket,path={self.folder / 'control'}":
             port = f"port{len(ports)}"
             ports += ["-chardev", f"{backend},id={port}", "-device", f"virtconsole,chardev={port}"]
+        # What the brick brings along is in memory twice while the kernel unpacks it.
+        initrd = self.pack_initrd()
+        memory = (320 if self.setup.python else 128) + 2 * (self.folder / "files.cpio").stat().st_size // 2**20
         settings = " card=1" * self.setup.card + " sdp=1" * self.setup.sdp
         self.process = await asyncio.create_subprocess_exec(
             *arch.qemu,
-            *("-m", "320" if self.setup.python else "128", "-nodefaults", "-no-user-config", "-display", "none"),
-            *("-no-reboot", "-kernel", self.image.kernel, "-initrd", self.pack_initrd()),
+            *("-m", str(memory), "-nodefaults", "-no-user-config", "-display", "none"),
+            *("-no-reboot", "-kernel", self.image.kernel, "-initrd", initrd),
             *("-serial", f"file:{self.folder / 'console.log'}", "-device", arch.serial, *ports),
             "-append",
             f"console={arch.console} quiet panic=-1 no_timer_check cryptomgr.notests{settings}",

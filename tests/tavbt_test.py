@@ -76,7 +76,8 @@ CASES = [
     ("recv Robot2 abc --bool -t 0.3", 5, "nothing came in 0.3 s", "serve --any"),
     ("recv Robot2 --text", 2, "the id of the messages is missing"),
     ("serve --any", 1, "channel 16 is taken by another program", None, "", "--faults bind:1=EADDRINUSE"),
-    ("serve --any -t 0.1", 5, "nothing came in 0.1 s"),
+    ("serve --any -t 0.1", 5, "nothing came in 0.1 s\n$"),
+    ("serve --any -t 0.1", 5, "^no Bluetooth adapter is switched on", None, "", "--state down"),
     ("serve --id abc --text", 2, "the sender's name is missing"),
     ("broadcast abc --text Hi --clients 2 -t 0.1", 5, "0 of 2 clients came in time; nothing was sent"),
     (

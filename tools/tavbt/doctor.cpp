@@ -1,5 +1,5 @@
-// doctor: looks at this brick's own adapter and surroundings. The module has no operations for that, so this one verb
-// asks BlueZ and the kernel itself.
+// doctor: looks at this brick's own adapter and surroundings. The module has no operations for that, so this source,
+// alone of all, asks BlueZ and the kernel itself.
 #include "tools/tavbt/link.h"
 #include "tools/tavbt/reasons.h"
 #include "tools/tavbt/terminal.h"
@@ -259,6 +259,12 @@ void Run_Doctor()
 }
 
 }  // namespace
+
+bool Has_Adapter()
+{
+    const auto adapter = Find_Adapter();
+    return adapter && Has(*adapter, HCI_UP);
+}
 
 void Add_Doctor(CLI::App& app)
 {

@@ -2,6 +2,7 @@
 
 #include "tools/tavbt/reasons.h"
 #include "tools/tavbt/terminal.h"
+#include "tools/tavbt/verbs.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -116,6 +117,7 @@ C_Server::C_Server(C_TAV_Bluetooth& bluetooth, unsigned char channel) : m_Blueto
     Take_Reason();
     m_Socket = bluetooth.OpenServer(channel);
     if (m_Socket < 0) throw Explain(Take_Reason(), "", channel);
+    if (!Has_Adapter()) Note("no Bluetooth adapter is switched on, so nobody can connect: tavbt doctor");
 }
 
 C_Server::~C_Server()

@@ -139,7 +139,9 @@ void Check_End(const S_Options& options, std::size_t count)
     const std::string what =
         count == 0 ? "nothing" : std::to_string(count) + " of " + Count_Of(options.Count, "message");
     throw S_Failure{TIMED_OUT, what + " came in " + time,
-                    "sender, kind and id must be exactly those that are expected; --any shows whatever comes"};
+                    options.IsAny || options.IsDump
+                        ? ""
+                        : "sender, kind and id must be exactly those that are expected; --any shows whatever comes"};
 }
 
 // ---- Verbs ----------------------------------------------------------------------------------------------------------

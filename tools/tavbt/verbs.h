@@ -14,6 +14,9 @@ void Add_Bench(CLI::App& app);
 void Add_Doctor(CLI::App& app);
 void Add_Complete(CLI::App& app);  // for the shells' completion, not shown
 
+// Whether an adapter of this brick is switched on.
+bool Has_Adapter();
+
 // A verb whose help starts with lines to paste.
 CLI::App* Add_Verb(CLI::App& app, const std::string& name, const std::string& what, const std::string& examples);
 
