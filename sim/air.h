@@ -26,12 +26,12 @@ struct S_Brick
 {
     std::string Address;       // "02:00:00:00:00:01", also what the brick is known by here
     std::string Name;          // up to 248 bytes
-    bool Powered = true;       // else its adapter is switched off: there to be seen, of no use
     bool Present = true;       // in range
     bool Discoverable = true;  // answers inquiries
     bool TellsName = true;     // answers name requests
     bool HasSdpServer = true;  // else SDP connections are refused
     std::vector<S_Service> Services = {};
+    bool Powered = true;  // else its adapter is switched off: there to be seen, of no use
 };
 
 // The address that a brick gets from its name when it is given none.

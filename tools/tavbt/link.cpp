@@ -45,7 +45,7 @@ int C_Deadline::Get_Left() const
     constexpr int ENDLESS_STEP_MS = 3600000;
     if (m_Endless) return ENDLESS_STEP_MS;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_End - std::chrono::steady_clock::now()).count();
-    return static_cast<int>(std::clamp<long>(left, 0, ENDLESS_STEP_MS));
+    return static_cast<int>(std::clamp<long long>(left, 0, ENDLESS_STEP_MS));
 }
 
 std::string Get_ListFolder()
