@@ -36,6 +36,12 @@ expect 2 'air: unknown option --bogus' "$air" --bogus Robot2 -- true
 expect 1 'does TAV_BUILD name a build folder?' env TAV_BUILD=/nowhere "$air" Robot2 -- true
 expect 0 'untouched' "$air" A -- bash -c 'for i in {3..99}; do eval "exec $i>&-"; done; sleep 0.1; echo untouched'
 
+# The examples of the manual pages.
+"$air" --service Echo=5 Robot2 -- "$TAV_BUILD/examples/manual" Robot2 >/dev/null &
+sleep 1
+expect 0 'Robot2 says Fine' "$air" Robot1 -- "$TAV_BUILD/examples/manual" Robot1 Robot2
+wait $! || failed=1
+
 # A brick is there as long as its program, however that ends.
 "$air" Robot2 -- sleep 60 &
 sleep 0.5
