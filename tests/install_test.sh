@@ -61,6 +61,14 @@ LD_LIBRARY_PATH=$libraries talk ./client ./server
 g++ -std=c++17 my_client.cpp -o open "${module[@]}" 2>log || true
 grep -q 'undefined reference to .tav_c_api_impl::Get_TAVBrickName' log
 
+# The manual pages, and that an operation's name leads to its page.
+cd "$usr/share/man"
+gunzip -r man3
+mandoc -T lint -W warning $(grep -L '^\.so' man3/*) >"$work/log"
+mandoc man3/C_TAV_Bluetooth::Connect_Index.3 >"$work/log"
+grep -q 'the channel is not one of 1 to 30' "$work/log"
+cd "$work"
+
 # Nothing but the class, its records and the four of api/ is to be seen.
 nm -DC --defined-only "$libraries/libtav-bluetooth-host.so.1" | cut -d ' ' -f 3- >log
 grep -q '^tav_c_api_impl::C_TAV_Bluetooth::BT_Scan()' log
