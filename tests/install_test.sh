@@ -17,7 +17,7 @@ usr=$work/installed/usr
 libraries=$(dirname "$usr"/lib/*/libtav-bluetooth.a)
 export PKG_CONFIG_PATH=$libraries/pkgconfig TAV_AIR=install-$$ TAV_AIR_SPEED=50
 
-for file in share/man/man1/tavbt.1 share/bash-completion/completions/tavbt share/zsh/vendor-completions/_tavbt \
+for file in share/man/man1/tavbt.1.gz share/bash-completion/completions/tavbt share/zsh/vendor-completions/_tavbt \
   'lib/*/wireshark/plugins/tav.lua'; do
   ls "$usr"/$file >/dev/null
 done
