@@ -116,9 +116,12 @@ void Run_Chat(const S_Options& options)
 void Add_Chat(CLI::App& app)
 {
     const auto options = std::make_shared<S_Options>();
-    auto* const verb = Add_Verb(app, "chat", "Two people on two bricks type texts to each other, one a line.",
-                                "tavbt chat --listen --from Robot1    on Robot2\n"
-                                "tavbt chat Robot2                    on Robot1");
+    auto* const verb =
+        Add_Verb(app, "chat",
+                 "Two people on two bricks type texts to each other, one a line. Ctrl-R shows what was being typed "
+                 "when a text came.",
+                 "tavbt chat --listen --from Robot1    on Robot2\n"
+                 "tavbt chat Robot2                    on Robot1");
     auto* const name = verb->add_option("NAME", options->Name, "the brick to call");
     auto* const listen = verb->add_flag("--listen", options->Listen, "wait to be called")->excludes(name);
     verb->add_option("--from", options->From, "the name that the caller goes by")->type_name("NAME")->needs(listen);
