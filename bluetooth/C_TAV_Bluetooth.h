@@ -108,13 +108,14 @@ public:
     /// @man{tav_devices}
     /// @{
 
-    /// Inquires on the first adapter (`hci_get_route`, `hci_inquiry`), asks every device that answered for its name
-    /// (`hci_read_remote_name`), replaces the device list by those that told it, in inquiry order and unconnected, and
-    /// writes them to the device list file.
+    /// Inquires on the adapter that Linux takes of those that are on, the one plugged in last (`hci_get_route`,
+    /// `hci_inquiry`), asks every device that answered for its name (`hci_read_remote_name`), replaces the device list
+    /// by those that told it, in inquiry order and unconnected, and writes them to the device list file.
     ///
     /// Blocks for the whole inquiry of 8 x 1.28 s = 10.24 s and for each name request, which has no time-out of its own
-    /// (BlueZ waits for the controller, about 5 s for a device that left). Sockets of devices that were connected stay
-    /// open although the new list does not show them.
+    /// (BlueZ waits for the controller, about 5 s for a device that left). A connection that any program of this brick
+    /// starts meanwhile ends the inquiry, with those that had answered so far. Sockets of devices that were connected
+    /// stay open although the new list does not show them.
     ///
     /// The file, named `__BTScan__`, is deleted and written anew in `../prjs/SD_Card/` or, if it cannot be opened
     /// there, in `../prjs/` (relative to the working directory); a scan that can open neither goes on without it.

@@ -102,7 +102,8 @@ CASES = [
     ("doctor", 6, "problem  adapter: hci0 is switched off\n +-> sudo hciconfig hci0 up", None, "", "--state down"),
     ("doctor", 6, "kernel: it has no Bluetooth", None, "", "--faults socket:1=EAFNOSUPPORT"),
     ("doctor", 0, "warning  visible: no: scans.*(.*\n)*warning  SDP server", None, "", "--state 'hidden no-sdp'"),
-    ("doctor", 1, "problem  channel 16: channel 16 is taken", None, "", "--faults bind:2=EADDRINUSE"),
+    ("doctor", 1, "problem  channel 1: channel 1 is taken", None, "", "--faults bind:1=EADDRINUSE"),
+    ("doctor", 1, "problem  channel 16: free, but .* obexd", None, "", "--faults bind:4=EADDRINUSE"),
     ("doctor", 0, "warning  device list: no folder.*\n +-> mkdir", None, "", "no prjs"),
     ("doctor --json", 0, '"check":"name","state":"warning","what":"other bricks find', None, "", "TAV_BRICK_NAME=Bob"),
     (

@@ -5,9 +5,11 @@
 #include "tools/tavbt/terminal.h"
 #include "tools/tavbt/verbs.h"
 
+#include <algorithm>
 #include <bluetooth/hci.h>
 #include <bluetooth/hci_lib.h>
 #include <bluetooth/l2cap.h>
+#include <bluetooth/rfcomm.h>
 #include <bluetooth/sdp.h>
 #include <cerrno>
 #include <cstdlib>
@@ -92,17 +94,15 @@ bool Has(const hci_dev_info& adapter, unsigned int flag)
     return (adapter.flags >> flag & 1U) != 0;
 }
 
-// The adapter that the module takes: the first that is switched on; else the first that is there.
+// The adapter that the module takes; if none is switched on, the first that is there.
 std::optional<hci_dev_info> Find_Adapter()
 {
-    std::optional<hci_dev_info> found;
-    for (int id = 0; id < MAX_ADAPTERS; ++id) {
+    const int taken = hci_get_route(nullptr);
+    for (int id = std::max(taken, 0); id < MAX_ADAPTERS; ++id) {
         hci_dev_info info{};
-        if (hci_devinfo(id, &info) < 0) continue;
-        if (Has(info, HCI_UP)) return info;
-        if (!found) found = info;
+        if (hci_devinfo(id, &info) == 0) return info;
     }
-    return found;
+    return std::nullopt;
 }
 
 std::string Read_Line(const std::filesystem::path& path)
@@ -166,45 +166,72 @@ void Check_Name(C_Examination& examination, const hci_dev_info& adapter)
         examination.Find(E_State::OK, "name", Quoted(name));
 }
 
-// False when there is nothing to work with.
-bool Check_Adapter(C_Examination& examination)
+// With Simple Pairing on both sides, connections ask for pairing, which the module does not do. Adapters before it do
+// not know the question.
+void Check_Pairing(C_Examination& examination, const hci_dev_info& adapter)
 {
-    if (!Check_Kernel(examination)) return false;
+    std::uint8_t mode = 0;
+    const int device = hci_open_dev(adapter.dev_id);
+    const bool known = device >= 0 && hci_read_simple_pairing_mode(device, &mode, HCI_TIMEOUT_MS) == 0;
+    if (device >= 0) hci_close_dev(device);
+    if (known && mode != 0)
+        examination.Find(E_State::WARNING, "pairing",
+                         "Simple Pairing is on: a brick that has it on, too, may refuse the connection",
+                         "sudo hciconfig " + std::string(adapter.name) + " sspmode 0");
+}
+
+// None when there is nothing to work with.
+std::optional<hci_dev_info> Check_Adapter(C_Examination& examination)
+{
+    if (!Check_Kernel(examination)) return std::nullopt;
     const auto adapter = Find_Adapter();
     if (!adapter) {
         if (!Check_Switches(examination))
             examination.Find(
                 E_State::PROBLEM, "adapter", "there is none",
                 "plug one in; if one is, its driver or firmware is missing: sudo dmesg | grep -i bluetooth");
-        return false;
+        return std::nullopt;
     }
     const std::string name = adapter->name;
     if (!Has(*adapter, HCI_UP)) {
         if (!Check_Switches(examination))
             examination.Find(E_State::PROBLEM, "adapter", name + " is switched off", "sudo hciconfig " + name + " up");
-        return false;
+        return std::nullopt;
     }
     char address[18] = {};
     ba2str(&adapter->bdaddr, address);
     examination.Find(E_State::OK, "adapter", name + ", " + address);
     Check_Visible(examination, *adapter);
     Check_Name(examination, *adapter);
-    return true;
+    Check_Pairing(examination, *adapter);
+    return adapter;
 }
 
 // ---- Its surroundings -----------------------------------------------------------------------------------------------
 
-void Check_Channel(C_Examination& examination, unsigned char channel)
+void Check_Channel(C_Examination& examination, const hci_dev_info& adapter, unsigned char channel)
 {
     const std::string check = "channel " + std::to_string(channel);
     C_TAV_Bluetooth bluetooth;
     Take_Reason();
     const int server = bluetooth.OpenServer(channel);
-    if (server < 0)
-        examination.Find(E_State::PROBLEM, check, Explain(Take_Reason(), "", channel).What, "end that program");
+    if (server < 0) {
+        const S_Failure failure = Explain(Take_Reason(), "", channel);
+        return examination.Find(E_State::PROBLEM, check, failure.What, failure.Try);
+    }
+    close(server);  // the module leaves a server open that never had a client
+    // A server of this adapter alone goes before those of any adapter, as the module's are.
+    const C_Probe probe(SOCK_STREAM, BTPROTO_RFCOMM);
+    sockaddr_rc address{};
+    address.rc_family = AF_BLUETOOTH;
+    address.rc_bdaddr = adapter.bdaddr;
+    address.rc_channel = channel;
+    if (bind(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 && errno == EADDRINUSE)
+        examination.Find(E_State::PROBLEM, check,
+                         "free, but a server of this adapter has it, too, and gets all clients: obexd, most likely",
+                         "systemctl --user mask --now obex");
     else
         examination.Find(E_State::OK, check, "free");
-    if (server >= 0) close(server);  // the module leaves a server open that never had a client
 }
 
 void Check_List(C_Examination& examination)
@@ -247,14 +274,14 @@ void Check_SdpServer(C_Examination& examination)
 void Run_Doctor()
 {
     C_Examination examination;
-    const bool usable = Check_Adapter(examination);
-    if (usable) {
-        Check_Channel(examination, CLASSIC_CHANNEL);
-        Check_Channel(examination, NAMED_CHANNEL);
+    const auto adapter = Check_Adapter(examination);
+    if (adapter) {
+        Check_Channel(examination, *adapter, CLASSIC_CHANNEL);
+        Check_Channel(examination, *adapter, NAMED_CHANNEL);
     }
     Check_List(examination);
-    if (usable) Check_SdpServer(examination);
-    if (!usable) throw S_Failure{NO_ADAPTER, ""};
+    if (adapter) Check_SdpServer(examination);
+    if (!adapter) throw S_Failure{NO_ADAPTER, ""};
     if (examination.Get_Problems() > 0) throw S_Failure{FAILED, ""};
 }
 

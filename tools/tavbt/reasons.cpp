@@ -99,6 +99,8 @@ constexpr S_Explanation EXPLANATIONS[] = {
     {ADAPTER_CALLS, ENETDOWN, NO_ADAPTER, "the Bluetooth adapter is switched off", SEE_DOCTOR},
     {nullptr, EAFNOSUPPORT, NO_ADAPTER, "this system's kernel has no Bluetooth", SEE_DOCTOR},
     {nullptr, EPROTONOSUPPORT, NO_ADAPTER, "this system's kernel does not know RFCOMM", SEE_DOCTOR},
+    {"send recv", EACCES, NOT_CONNECTED, "NAME refused to pair with this brick",
+     "sudo hciconfig hci0 sspmode 0, on one of the two"},
     {nullptr, EPERM, FAILED, "this user is not permitted to do that", "run it as root, with sudo"},
     {nullptr, EACCES, FAILED, "this user is not permitted to do that", "run it as root, with sudo"},
     {"bind listen", EADDRINUSE, FAILED, "channel CHANNEL is taken by another program on this brick",
