@@ -57,7 +57,7 @@ CASES = [
     ("send Robot2 abc --data DEADB", 2, '"DEADB" is not pairs of hexadecimal digits'),
     ("send Robot2 abc --data DE --classic", 2, "the classic format has no raw data"),
     ("send Robot2 abc", 2, r"Exactly 1 option from \[--bool,--text,--data,--file\]"),
-    ("send Robot2 abc --file /nowhere", 1, "cannot read /nowhere", "serve --any"),
+    ("send Robot2 abc --file /", 1, "cannot read /: Is a directory", "serve --any"),
     ("recv Robot2 abc --text", 0, "^Hi\n", "broadcast abc --text Hi"),
     (
         "recv Robot2 abc --bool --json",
@@ -211,6 +211,17 @@ def check_survival(number):
     return [] if right else [f"serve --echo ended with {server.returncode}, said:\n{said}"]
 
 
+def check_closed(number):
+    """What nobody can read is a failure, and no socket gets the number of a stream that was closed."""
+    world = World(number, [LIST])
+    server = world.start("Robot2", "serve --any -t 5", preexec_fn=lambda: os.closerange(0, 2))
+    server.stdout.readline()
+    end(world.start("Robot1", "send Robot2 abc --text Hi"))
+    said = end(server)
+    right = server.returncode == 1 and "cannot write to stdout" in said
+    return [] if right else [f"serve without stdin and stdout ended with {server.returncode}, said:\n{said}"]
+
+
 def check_interrupt(number):
     """Ctrl-C ends a scan at once, and a server well."""
     wrong = []
@@ -290,7 +301,8 @@ def check_manual(_number):
 
 def main():
     checks = [(check_case, case) for case in CASES]
-    checks += [(c, ()) for c in (check_survival, check_interrupt, check_terminal, check_cuts, check_manual)]
+    alone = (check_survival, check_closed, check_interrupt, check_terminal, check_cuts, check_manual)
+    checks += [(check, ()) for check in alone]
     with concurrent.futures.ThreadPoolExecutor(4) as pool:
         results = pool.map(lambda job: job[1][0](job[0], *job[1][1]), enumerate(checks))
         wrong = [text for result in results for text in result]

@@ -5,8 +5,6 @@
 #include "tools/tavbt/verbs.h"
 
 #include <algorithm>
-#include <iostream>
-#include <iterator>
 #include <memory>
 #include <unistd.h>
 
@@ -29,7 +27,7 @@ std::string Get_Bytes(const S_Options& options)
     std::string text;
     for (const std::string& part : options.Hex)
         text += part + " ";
-    if (options.Hex.empty()) text = {std::istreambuf_iterator<char>(std::cin), {}};
+    if (options.Hex.empty()) text = Read_File("-");
     const auto bytes = options.Binary ? text : Parse_Hex(text);
     if (!bytes)
         throw S_Failure{DAMAGED, "that is not pairs of hexadecimal digits",

@@ -4,8 +4,6 @@
 #include "tools/tavbt/terminal.h"
 #include "tools/tavbt/verbs.h"
 
-#include <fstream>
-#include <iterator>
 #include <memory>
 
 namespace tavbt {
@@ -63,8 +61,7 @@ void Run_Devices()
     C_TAV_Bluetooth bluetooth;
     bluetooth.BT_ParseFileDevices();
     Print_Devices(bluetooth);
-    std::ifstream file(path, std::ios::binary);
-    const std::size_t damage = Find_Damage({std::istreambuf_iterator<char>(file), {}});
+    const std::size_t damage = Find_Damage(Read_File(path));
     if (damage != std::string::npos)
         throw S_Failure{DAMAGED,
                         path + " is damaged from byte " + std::to_string(damage) + " on; nothing behind is read",

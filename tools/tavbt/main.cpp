@@ -107,10 +107,13 @@ void Add_Timeout(CLI::App& verb, double& seconds, const std::string& what)
 
 int main(int count, char** arguments)
 {
+    tavbt::Prepare_Descriptors();
     tavbt::Watch_Signals();
     try {
-        return tavbt::Run(count, arguments);
-    } catch (const std::exception& error) {  // no memory, or a system without threads
+        const int status = tavbt::Run(count, arguments);
+        tavbt::Print_Bytes("");  // throws if help was not written
+        return status;
+    } catch (const std::exception& error) {  // stdout is gone, no memory, or a system without threads
         fprintf(stderr, "tavbt: %s\n", error.what());
         return tavbt::FAILED;
     }

@@ -3,7 +3,6 @@
 #include "tools/tavbt/reasons.h"
 #include "tools/tavbt/terminal.h"
 
-#include <iostream>
 #include <unistd.h>
 
 namespace tavbt {
@@ -164,7 +163,7 @@ void Print_Message(const S_Message& message, bool whole, bool raw)
         object["value"] = isBool ? nlohmann::ordered_json(value.Bool) : nlohmann::ordered_json(word);
         Print(object);
     } else if (raw) {
-        std::cout << (isBool ? word : value.Bytes) << std::flush;
+        Print_Bytes(isBool ? word : value.Bytes);
     } else if (whole && value.Kind != E_Kind::UNKNOWN) {
         const std::string sender = message.Sender.empty() ? "" : " from " + Quoted(message.Sender);
         Print(std::string(Get_Word(value.Kind)) + sender + ", id " + Quoted(message.Id) + ": " +

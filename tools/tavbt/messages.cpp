@@ -4,9 +4,6 @@
 #include "tools/tavbt/terminal.h"
 #include "tools/tavbt/verbs.h"
 
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <memory>
 
 namespace tavbt {
@@ -89,15 +86,6 @@ void Add_Classic(CLI::App& verb, S_Options& options)
 {
     verb.add_flag("--classic", options.Classic,
                   "classic mailbox format, on channel 1, instead of the named one, on channel 16");
-}
-
-std::string Read_File(const std::string& path)
-{
-    if (path == "-") return {std::istreambuf_iterator<char>(std::cin), {}};
-    std::ifstream file(path, std::ios::binary);
-    std::string bytes{std::istreambuf_iterator<char>(file), {}};
-    if (!file) throw S_Failure{FAILED, "cannot read " + path};
-    return bytes;
 }
 
 S_Value Get_Value(const S_Given& given, bool classic)

@@ -1,11 +1,19 @@
 #include "tools/tavbt/terminal.h"
 
+#include "tools/tavbt/failures.h"
+
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <iostream>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace tavbt {
@@ -94,19 +102,44 @@ std::string Count_Of(std::size_t count, const std::string& thing)
     return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
 }
 
+void Print_Bytes(std::string_view bytes)
+{
+    std::cout << bytes << std::flush;
+    if (std::cout) return;
+    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    throw std::system_error(errno, std::generic_category(), "cannot write to stdout");
+}
+
 void Print(const std::string& line)
 {
-    std::cout << line << std::endl;
+    Print_Bytes(line + '\n');
 }
 
 void Print(const nlohmann::ordered_json& object)
 {
-    Print(object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    const bool onlyAscii = isatty(STDOUT_FILENO) != 0;  // a terminal would obey control characters beyond ASCII
+    Print(object.dump(-1, ' ', onlyAscii, nlohmann::json::error_handler_t::replace));
 }
 
 void Note(const std::string& line)
 {
     if (!Style().Quiet) std::cerr << line << std::endl;
+}
+
+std::string Read_File(const std::string& path)
+{
+    const int file = path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    std::string bytes;
+    char buffer[4096];
+    ssize_t count = -1;
+    while (file >= 0 && (count = read(file, buffer, sizeof(buffer))) > 0)
+        bytes.append(buffer, static_cast<std::size_t>(count));
+    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    if (count < 0)
+        throw S_Failure{FAILED,
+                        "cannot read " + (path == "-" ? "stdin" : Printable(path)) + ": " + std::strerror(errno)};
+    if (file != STDIN_FILENO) close(file);
+    return bytes;
 }
 
 void Print_Table(const std::vector<std::string>& titles, const std::vector<std::vector<std::string>>& rows)
@@ -168,11 +201,25 @@ void C_Progress::Draw() const
     const double left = m_Seconds - passed.count();
     char rest[32] = "asking for names";
     if (left > 0) snprintf(rest, sizeof(rest), "%.0f s", left);
-    std::cerr << "\r" << m_What << " [" << std::string(static_cast<std::size_t>(filled), '#')
-              << std::string(static_cast<std::size_t>(WIDTH - filled), '.') << "] " << rest << "\033[K" << std::flush;
+    const std::string line = m_What + " [" + std::string(static_cast<std::size_t>(filled), '#') +
+                             std::string(static_cast<std::size_t>(WIDTH - filled), '.') + "] " + rest;
+    winsize size{};  // of a line that wraps, the next drawing would leave a part
+    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    std::cerr << "\r" << line.substr(0, known ? size.ws_col - 1U : line.size()) << "\033[K" << std::flush;
 }
 
-// ---- Ctrl-C ---------------------------------------------------------------------------------------------------------
+// ---- What the program is started with -------------------------------------------------------------------------------
+
+void Prepare_Descriptors()
+{
+    for (const int stream :
+         {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})  // the wrong way round: using them still fails
+        if (fcntl(stream, F_GETFD) < 0) open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_cur, FD_SETSIZE);
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
 
 void Watch_Signals()
 {
@@ -180,8 +227,12 @@ void Watch_Signals()
     struct sigaction action = {};
     action.sa_handler = Stop;
     action.sa_flags = static_cast<int>(SA_RESETHAND);  // without SA_RESTART: the call that waits ends
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        sigaction(signal, &action, nullptr);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction before = {};
+        sigaction(signal, nullptr, &before);
+        const bool isNohup = signal == SIGHUP && before.sa_handler == SIG_IGN;
+        if (!isNohup) sigaction(signal, &action, nullptr);
+    }
     std::signal(SIGPIPE, SIG_IGN);
 }
 

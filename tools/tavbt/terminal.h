@@ -39,12 +39,16 @@ std::string Quoted(std::string_view text);
 std::string To_Hex(std::string_view bytes, const char* between = "");
 std::string Count_Of(std::size_t count, const std::string& thing);  // "1 byte", "2 bytes"
 
-// One line of result.
+// Results. They throw std::system_error when nobody can read them: stdout is closed, full, or a pipe without a reader.
+void Print_Bytes(std::string_view bytes);
 void Print(const std::string& line);
 void Print(const nlohmann::ordered_json& object);
 
 // One line about what is going on, unless -q is given.
 void Note(const std::string& line);
+
+// All that a file holds, or stdin for "-". Throws S_Failure.
+std::string Read_File(const std::string& path);
 
 // Aligned columns under their titles.
 void Print_Table(const std::vector<std::string>& titles, const std::vector<std::vector<std::string>>& rows);
@@ -70,7 +74,11 @@ private:
     std::thread m_Thread;
 };
 
-// ---- Ctrl-C ---------------------------------------------------------------------------------------------------------
+// ---- What the program is started with -------------------------------------------------------------------------------
+
+// Makes sure that stdin, stdout and stderr are open, so that no socket gets the number of one that the caller closed,
+// and that no socket gets a number that is too large for the module.
+void Prepare_Descriptors();
 
 // The first SIGINT, SIGTERM or SIGHUP interrupts the operation of the module that waits; the second ends the program.
 void Watch_Signals();
