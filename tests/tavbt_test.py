@@ -69,10 +69,10 @@ CASES = [
     (
         "recv Robot2 abc --text",
         4,
-        'ignored 15 bytes, not a text .*: its id is "xyz"\ntavbt: Robot2 hung',
+        'ignored a message: its id is "xyz".*\ntavbt: Robot2 hung',
         "broadcast xyz --text Hi",
     ),
-    ("recv Robot2 abc --text", 4, "ignored 13 bytes, not a text .*: it is a bool\n", "broadcast xyz --bool true"),
+    ("recv Robot2 abc --text", 4, "ignored a message: its kind is bool;", "broadcast xyz --bool true"),
     ("recv Robot2 abc --bool -t 0.3", 5, "nothing came in 0.3 s", "serve --any"),
     ("recv Robot2 --text", 2, "the id of the messages is missing"),
     ("serve --any", 1, "channel 16 is taken by another program", None, "", "--faults bind:1=EADDRINUSE"),

@@ -3,13 +3,16 @@
 #include "tools/tavbt/reasons.h"
 #include "tools/tavbt/terminal.h"
 
+#include <iterator>
+#include <poll.h>
 #include <unistd.h>
 
 namespace tavbt {
 
 namespace {
 
-constexpr unsigned int ANY_SIZE = 4096;
+constexpr unsigned int RECEIVE_SIZE = 65536;  // a message has about 23000 bytes at most
+constexpr std::size_t SHOWN_SIZE = 256;
 constexpr std::size_t FRAME_SIZE = 1000;  // what one frame carries, on most controllers
 
 bool Send_Value(C_TAV_Bluetooth& bluetooth, int socket, E_Format format, const std::string& id, const S_Value& value)
@@ -23,60 +26,47 @@ bool Send_Value(C_TAV_Bluetooth& bluetooth, int socket, E_Format format, const s
                                        static_cast<unsigned int>(value.Bytes.size()));
 }
 
-bool Read_Value(C_TAV_Bluetooth& bluetooth, int socket, const S_Wanted& wanted, int timeout, S_Value& value)
+// What the message has that is not wanted, in words; empty: nothing.
+std::string Get_Mismatch(const S_Wanted& wanted, const S_Message& message)
 {
-    const auto& [sender, id, kind, asBytes, format, size] = wanted;
-    const auto wait = static_cast<unsigned long>(timeout);
-    if (format == E_Format::CLASSIC)
-        return kind == E_Kind::BOOL
-                   ? bluetooth._ReadMsg_TAVOrg_Bool(socket, sender, id, value.Bool, wait)
-                   : bluetooth._ReadMsg_TAVOrg_String(socket, sender, id, value.Bytes, size, wait) >= 0;
-    if (kind == E_Kind::BOOL) return bluetooth._ReadMsg_TAV_Bool(socket, sender, id, value.Bool, wait);
-    if (kind == E_Kind::TEXT) return bluetooth._ReadMsg_TAV_String(socket, sender, id, value.Bytes, size, wait) >= 0;
-    return bluetooth._ReadMsg_TAV_Data(socket, sender, id, value.Bytes, size, wait) >= 0;
+    if (wanted.Kind == E_Kind::UNKNOWN) return "";
+    const bool hasSender = wanted.Format == E_Format::NAMED;
+    if (message.Value.Kind != wanted.Kind) return std::string("its kind is ") + Get_Word(message.Value.Kind);
+    if (hasSender && message.Sender != wanted.Sender) return "its sender is " + Quoted(message.Sender);
+    if (message.Id != wanted.Id) return "its id is " + Quoted(message.Id);
+    return "";
 }
 
-// A text reader takes what was sent right behind a text into it. Gives those that are texts for the same reader back
-// their own message each.
-std::vector<S_Message> Split_Joined(const S_Wanted& wanted, const S_Value& value)
+S_Message To_Message(const S_Decoded& decoded, const S_Wanted& wanted)
 {
-    std::vector<S_Message> messages;
-    const std::string border = std::string("\0\x01", 2) + wanted.Sender + '\0' + wanted.Id + '\0';
-    std::string rest = value.Bytes;
-    for (std::size_t end = rest.find(border); end != std::string::npos; end = rest.find(border)) {
-        messages.push_back({wanted.Sender, wanted.Id, {value.Kind, false, rest.substr(0, end)}});
-        rest.erase(0, end + border.size());
-    }
-    messages.push_back({wanted.Sender, wanted.Id, {value.Kind, value.Bool, rest}});
-    return messages;
+    S_Message message{decoded.Sender, decoded.Id, {decoded.Kind, false, decoded.Value}};
+    if (decoded.Kind != E_Kind::BOOL) return message;
+    message.Value = {E_Kind::BOOL, decoded.Value == std::string(1, '\1'), ""};
+    // The classic format has the same bytes for false and an empty text.
+    if (decoded.Format == E_Format::CLASSIC && wanted.Kind == E_Kind::TEXT) message.Value.Kind = E_Kind::TEXT;
+    return message;
 }
 
-// All messages in one receive, whatever they are.
-std::vector<S_Message> Read_Any(C_TAV_Bluetooth& bluetooth, int socket, bool asBytes, int timeout)
+// The messages in what one receive brought, joined as they may be, that are wanted. Notes tell of the others.
+std::vector<S_Message> Take_Apart(const S_Wanted& wanted, std::string_view bytes)
 {
     std::vector<S_Message> messages;
-    std::string buffer(ANY_SIZE, '\0');
-    const int count = bluetooth.ReadData(socket, buffer.data(), ANY_SIZE, static_cast<unsigned long>(timeout));
-    std::string_view rest(buffer.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
-    if (asBytes && !rest.empty()) return {{"", "", {E_Kind::UNKNOWN, false, std::string(rest)}}};
-    while (!rest.empty()) {
-        const S_Decoded message = Decode(Guess_Format(rest).value_or(E_Format::NAMED), rest);
-        if (!message.Damage.empty())
-            Note("damaged, " + message.Damage[0] + "; to take it apart: tavbt decode " + To_Hex(rest));
+    while (!bytes.empty()) {
+        const bool any = wanted.Kind == E_Kind::UNKNOWN;
+        const S_Decoded decoded = Decode(any ? Guess_Format(bytes).value_or(wanted.Format) : wanted.Format, bytes);
+        const S_Message message = To_Message(decoded, wanted);
+        const std::string mismatch = Get_Mismatch(wanted, message);
+        if (!decoded.Damage.empty())
+            Note("damaged, " + decoded.Damage[0] +
+                 (bytes.size() > SHOWN_SIZE ? "; --dump shows its bytes"
+                                            : "; to take it apart: tavbt decode " + To_Hex(bytes)));
+        else if (!mismatch.empty())
+            Note("ignored a message: " + mismatch + "; --any shows what comes");
         else
-            messages.push_back(
-                {message.Sender,
-                 message.Id,
-                 {message.Kind, message.Kind == E_Kind::BOOL && message.Value != std::string(1, '\0'), message.Value}});
-        rest.remove_prefix(message.Size);
+            messages.push_back(message);
+        bytes.remove_prefix(decoded.Size);
     }
     return messages;
-}
-
-std::string Get_Words(const S_Wanted& wanted)
-{
-    const std::string sender = wanted.Format == E_Format::NAMED ? " from " + Quoted(wanted.Sender) : "";
-    return std::string(Get_Word(wanted.Kind)) + sender + " with the id " + Quoted(wanted.Id);
 }
 
 }  // namespace
@@ -105,21 +95,17 @@ void Send(C_TAV_Bluetooth& bluetooth, int socket, const std::string& peer, E_For
 std::vector<S_Message> Read(C_TAV_Bluetooth& bluetooth, int socket, const std::string& peer, const S_Wanted& wanted,
                             int timeout)
 {
+    pollfd sources[] = {{Get_StopPipe(), POLLIN, 0}, {socket, POLLIN, 0}};
+    if (poll(sources, std::size(sources), timeout) <= 0 || Is_Stopped()) return {};
+    static char buffer[RECEIVE_SIZE];
     Take_Reason();
-    S_Value value;
-    value.Kind = wanted.Kind;
-    std::vector<S_Message> messages;
-    if (wanted.Kind == E_Kind::UNKNOWN)
-        messages = Read_Any(bluetooth, socket, wanted.AsBytes, timeout);
-    else if (Read_Value(bluetooth, socket, wanted, timeout, value))
-        messages = Split_Joined(wanted, value);
+    const int count = bluetooth.ReadData(socket, buffer, RECEIVE_SIZE, 0);
     const S_Reason reason = Take_Reason();
-    if (!messages.empty() || Is_Stopped() || reason.TimedOut) return messages;
-    if (!reason.Call.empty() || reason.Received == 0) throw Explain(reason, peer, Get_Channel(wanted.Format));
-    if (wanted.Kind != E_Kind::UNKNOWN)
-        Note("ignored " + Count_Of(static_cast<std::size_t>(reason.Received), "byte") + ", not a " + Get_Words(wanted) +
-             (reason.Mismatch.empty() ? "; --any shows what comes" : ": " + reason.Mismatch));
-    return messages;
+    if (count <= 0 && (Is_Stopped() || reason.TimedOut)) return {};
+    if (count <= 0) throw Explain(reason, peer, Get_Channel(wanted.Format));
+    const std::string_view bytes(buffer, static_cast<std::size_t>(count));
+    if (wanted.AsBytes) return {{"", "", {E_Kind::UNKNOWN, false, std::string(bytes)}}};
+    return Take_Apart(wanted, bytes);
 }
 
 void Send_Back(C_TAV_Bluetooth& bluetooth, const S_BT_ScanDevice& client, E_Format format, const S_Message& message)
@@ -141,7 +127,7 @@ void Run_Server(C_TAV_Bluetooth& bluetooth, C_Server& server, const S_Wanted& wa
                 if (what == E_Event::GONE) throw S_Failure{NOT_CONNECTED, name + " hung up"};
                 if (what != E_Event::DATA) continue;
                 for (const S_Message& message : Read(bluetooth, client.Socket, name, wanted, 0))
-                    take(client, message);
+                    if (!is_done()) take(client, message);
             } catch (const S_Failure& failure) {
                 Note(failure.What);
                 server.Drop(client);

@@ -33,7 +33,6 @@ struct S_Wanted
     E_Kind Kind = E_Kind::UNKNOWN;  // UNKNOWN: whatever comes, Sender and Id are not looked at
     bool AsBytes = false;           // with UNKNOWN: what one receive brought, not taken apart
     E_Format Format = E_Format::NAMED;
-    unsigned int MaxSize = 800;
 };
 
 unsigned char Get_Channel(E_Format format);
@@ -42,8 +41,9 @@ unsigned char Get_Channel(E_Format format);
 void Send(C_TAV_Bluetooth& bluetooth, int socket, const std::string& peer, E_Format format, const std::string& id,
           const S_Value& value);
 
-// Takes one receive and returns the messages in it that are wanted, usually one. Empty when nothing came within
-// `timeout` ms, or nothing that is wanted, of which a note tells. Throws S_Failure when the connection has ended.
+// Takes one receive and returns the messages in it that are wanted, usually one. The module's readers would lose those
+// that are joined to another. Empty when nothing came within `timeout` ms, or nothing that is wanted, of which a note
+// tells. Throws S_Failure when the connection has ended.
 std::vector<S_Message> Read(C_TAV_Bluetooth& bluetooth, int socket, const std::string& peer, const S_Wanted& wanted,
                             int timeout);
 

@@ -30,7 +30,6 @@ struct S_Options
     std::string Id;
     std::string Address;
     S_Given Given;
-    S_Wanted Wanted;
     bool IsBool = false;
     bool IsText = false;
     bool IsData = false;
@@ -76,10 +75,6 @@ void Add_Kinds(CLI::App& verb, S_Options& options)
     group->require_option(1);
     group->set_help_flag();
     verb.add_flag("--raw", options.Raw, "prints texts and data as they are, without line breaks");
-    verb.add_option("--max", options.Wanted.MaxSize, "largest text or data expected, in bytes")
-        ->type_name("BYTES")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 65535).description(""));
 }
 
 void Add_Classic(CLI::App& verb, S_Options& options)
@@ -100,7 +95,7 @@ S_Value Get_Value(const S_Given& given, bool classic)
 
 S_Wanted Get_Wanted(const S_Options& options)
 {
-    S_Wanted wanted = options.Wanted;
+    S_Wanted wanted;
     wanted.Sender = options.Name;
     wanted.Id = options.Id;
     wanted.Format = options.Get_Format();
@@ -154,6 +149,7 @@ void Run_Recv(const S_Options& options)
     const auto is_done = [&] { return options.Count > 0 && count >= options.Count; };
     while (!is_done() && !Is_Stopped() && !deadline.Is_Over())
         for (const S_Message& message : Read(bluetooth, link.Get_Socket(), options.Name, wanted, deadline.Get_Left())) {
+            if (is_done()) break;
             Print_Message(message, options.IsAny, options.Raw);
             ++count;
         }
