@@ -48,12 +48,21 @@ CASES = [
         '"kind":"text","id":"abc","value":"Hi"}',
     ),
     ("send Robot2 abc --text=-\x1b[2J\xff", 0, "sent", "serve --any", r'"-\\x1B\[2J\\xFF"'),
+    (
+        "send Robot2 abc --text Hi",
+        0,
+        "sent",
+        "serve --any",
+        "^a client could not be accepted: accept failed: Too many open files\n$",
+        "Robot2: --faults accept:*=EMFILE",
+    ),
     ("send Robot2 abc --text Hi", 4, "Robot2 is there, but refused .* channel 16\n  -> start", "serve --any --classic"),
     ("send Robot9 abc --text Hi", 3, "Robot9 was not found\n  -> is it switched on", "serve --any"),
     ("send robot2 abc --text Hi", 3, 'no "robot2", but there is "Robot2"', "serve --any"),
     ("send Robot2 abc --text Hi" + AT, 4, r'Robot2 does not answer: .*\("Host is down"\)'),
     ("send Robot2 abc --text Hi", 6, "no adapter of this brick reaches Robot2", None, "", "--state down", LIST),
     (f"send Robot2 abc --text {'x' * 30000}", 1, "only the beginning of the message was sent", "serve --any"),
+    ("send Robot2 abc --bool 5", 2, "5 not in {true,false}"),
     ("send Robot2 abc --data DEADB", 2, '"DEADB" is not pairs of hexadecimal digits'),
     ("send Robot2 abc --data DE --classic", 2, "the classic format has no raw data"),
     ("send Robot2 abc", 2, r"Exactly 1 option from \[--bool,--text,--data,--file\]"),
@@ -85,7 +94,7 @@ CASES = [
         0,
         "talking to Robot2.*\n(Robot2: Hello\n)?",
         "chat --listen --from Robot1",
-        "Robot1: stdin of Robot1\n",
+        "Robot1: stdin of\nRobot1: Robot1\n",
     ),
     ("chat Robot2", 4, "refused", "serve --any --classic"),
     ("chat", 2, "with whom"),
@@ -180,7 +189,7 @@ def check_case(number, typed, status, says, peer=None, peer_says="", *setup):
         heard = robot2.stdout.readline().decode()  # it is there once it tells what it waits for
     own_options = "".join(item for item in setup if item.startswith("--"))
     robot1 = world.start("Robot1", typed, own_options)
-    said = end(robot1, b"stdin of Robot1" + (b"\n" if "chat" in typed else b""))
+    said = end(robot1, b"stdin of\nRobot1" if "chat" in typed else b"stdin of Robot1")
     wrong = []
     if robot1.returncode != status or not re.search(says, said):
         wrong.append(f"ended with {robot1.returncode}, not {status}; wanted {says!r}, said:\n{said}")

@@ -56,12 +56,12 @@ void Measure(C_TAV_Bluetooth& bluetooth, int socket, const S_Options& options)
         std::vector<double> times;                              // ms
         const auto start = Clock::now();
         auto last = start;
-        while (last - start < std::chrono::duration<double>(options.Seconds)) {
+        do {
             Make_RoundTrip(bluetooth, socket, options.Name, text);
             const auto now = Clock::now();
             times.push_back(std::chrono::duration<double, std::milli>(now - last).count());
             last = now;
-        }
+        } while (last - start < std::chrono::duration<double>(options.Seconds));
         const double rate = static_cast<double>(times.size()) / std::chrono::duration<double>(last - start).count();
         const double throughput = rate * static_cast<double>(size) / 1000;
         std::sort(times.begin(), times.end());

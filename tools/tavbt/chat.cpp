@@ -36,11 +36,11 @@ public:
         return count > 0;
     }
 
-    // The next whole line, or as much of a long one as a message takes.
-    bool Take_Line(std::string& line)
+    // The next whole line, or as much of a long one as a message takes; at the end of the input also what is left.
+    bool Take_Line(std::string& line, bool atEnd)
     {
         const std::size_t end = m_Text.find('\n');
-        if (end == std::string::npos && m_Text.size() < LINE_SIZE) return false;
+        if (end == std::string::npos && m_Text.size() < LINE_SIZE && (!atEnd || m_Text.empty())) return false;
         const bool isWhole = end <= LINE_SIZE;
         line = m_Text.substr(0, isWhole ? end : LINE_SIZE);
         m_Text.erase(0, line.size() + (isWhole ? 1 : 0));
@@ -75,9 +75,10 @@ void Talk(C_TAV_Bluetooth& bluetooth, int socket, const std::string& peer)
             for (const S_Message& message : Read(bluetooth, socket, peer, wanted, 0))
                 Show(message);
         if (sources[2].revents == 0) continue;
-        if (!typed.Read_More()) return;
-        for (std::string line; typed.Take_Line(line);)
+        const bool atEnd = !typed.Read_More();
+        for (std::string line; typed.Take_Line(line, atEnd);)
             Send(bluetooth, socket, peer, E_Format::NAMED, CHAT_ID, {E_Kind::TEXT, false, line});
+        if (atEnd) return;
     }
 }
 

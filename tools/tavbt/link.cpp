@@ -17,6 +17,7 @@ namespace {
 
 constexpr double SCAN_SECONDS = 10.24;
 constexpr unsigned long CONNECT_TIMEOUT_MS = 20000;  // as the module's own
+constexpr int ACCEPT_PAUSE_MS = 1000;
 constexpr const char* LIST_FOLDERS[] = {"../prjs/SD_Card", "../prjs"};
 
 void Stop_If_Asked()
@@ -35,8 +36,9 @@ std::string Get_Similar(const C_TAV_Bluetooth& bluetooth, const std::string& nam
 }  // namespace
 
 C_Deadline::C_Deadline(double seconds)
-    : m_Endless(seconds <= 0),
-      m_End(std::chrono::steady_clock::now() + std::chrono::milliseconds(static_cast<long>(seconds * 1000)))
+    : m_Endless(!(seconds > 0)),  // also for what is no number
+      m_End(std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                                   std::chrono::duration<double>(m_Endless ? 0 : seconds)))
 {
 }
 
@@ -117,6 +119,7 @@ C_Server::C_Server(C_TAV_Bluetooth& bluetooth, unsigned char channel) : m_Blueto
     Take_Reason();
     m_Socket = bluetooth.OpenServer(channel);
     if (m_Socket < 0) throw Explain(Take_Reason(), "", channel);
+    if (!Get_ListFile().empty()) bluetooth.BT_ParseFileDevices();  // once: it costs a descriptor
     if (!Has_Adapter()) Note("no Bluetooth adapter is switched on, so nobody can connect: tavbt doctor");
 }
 
@@ -149,12 +152,15 @@ std::vector<S_Event> C_Server::Wait(int timeout)
         const short happened = sockets[i + 2].revents;
         if (happened != 0) events.push_back({(happened & POLLIN) ? E_Event::DATA : E_Event::GONE, clients[i]});
     }
-    if (sockets[1].revents & POLLIN) {
-        const int client = m_Bluetooth.AcceptClient(m_Socket, 0);
-        if (client >= 0) {
-            fcntl(client, F_SETFL, fcntl(client, F_GETFL) | O_NONBLOCK);
-            events.push_back({E_Event::CAME, m_Bluetooth.m_ServerClients[m_Socket].back()});
-        }
+    if (sockets[1].revents == 0) return events;
+    Take_Reason();
+    const int client = m_Bluetooth.AcceptClient(m_Socket, 0);
+    if (client >= 0) {
+        fcntl(client, F_SETFL, fcntl(client, F_GETFL) | O_NONBLOCK);
+        events.push_back({E_Event::CAME, m_Bluetooth.m_ServerClients[m_Socket].back()});
+    } else {
+        Note("a client could not be accepted: " + Explain(Take_Reason(), "", 0).What);
+        poll(sockets.data(), 1, ACCEPT_PAUSE_MS);  // it may wait still, and fail again
     }
     return events;
 }
@@ -165,9 +171,8 @@ bool Takes_Data(int socket)
     return poll(&writable, 1, 0) == 1;
 }
 
-std::string Get_NameOf(C_TAV_Bluetooth& bluetooth, const S_BT_ScanDevice& client)
+std::string Get_NameOf(const C_TAV_Bluetooth& bluetooth, const S_BT_ScanDevice& client)
 {
-    if (bluetooth.m_ScanDevices.empty() && !Get_ListFile().empty()) bluetooth.BT_ParseFileDevices();
     for (const S_BT_ScanDevice& device : bluetooth.m_ScanDevices)
         if (device.AddrText == client.AddrText) return Printable(device.Name);
     return client.AddrText;

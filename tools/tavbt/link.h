@@ -95,6 +95,6 @@ private:
 bool Takes_Data(int socket);
 
 // The name that the device list file has for an address, else the address.
-std::string Get_NameOf(C_TAV_Bluetooth& bluetooth, const S_BT_ScanDevice& client);
+std::string Get_NameOf(const C_TAV_Bluetooth& bluetooth, const S_BT_ScanDevice& client);
 
 }  // namespace tavbt

@@ -5,6 +5,7 @@
 #include "tools/tavbt/verbs.h"
 
 #include <memory>
+#include <optional>
 
 namespace tavbt {
 
@@ -53,7 +54,9 @@ std::string Check_Hex(const std::string& text)
 void Add_Given(CLI::App& verb, S_Given& given)
 {
     auto* const group = verb.add_option_group("Value");
-    given.Bool = group->add_option("--bool", given.IsTrue, "a bool: true or false")->type_name("true|false");
+    given.Bool = group->add_option("--bool", given.IsTrue, "a bool: true or false")
+                     ->type_name("true|false")
+                     ->check(CLI::IsMember({"true", "false"}).description(""));
     group->add_option("--text", given.Text, "a text; one that starts with a dash: --text=-1")->type_name("TEXT");
     given.Data = group->add_option("--data", given.Hex, "raw data in hexadecimal")
                      ->type_name("HEX")
@@ -192,9 +195,17 @@ void Run_Broadcast(const S_Options& options)
                         std::to_string(server.Get_Clients().size()) + " of " + Count_Of(options.Clients, "client") +
                             " came in time; nothing was sent",
                         "clients connect with, for example: tavbt recv NAME ID --text"};
+    std::optional<S_Failure> failure;
+    std::size_t sent = 0;
     for (const S_BT_ScanDevice& client : server.Get_Clients())
-        Send(bluetooth, client.Socket, Get_NameOf(bluetooth, client), format, options.Id, value);
-    Note("sent to " + Count_Of(options.Clients, "client"));
+        try {
+            Send(bluetooth, client.Socket, Get_NameOf(bluetooth, client), format, options.Id, value);
+            ++sent;
+        } catch (const S_Failure& one) {  // the others get theirs all the same
+            failure = one;
+        }
+    Note("sent to " + Count_Of(sent, "client"));
+    if (failure) throw S_Failure{*failure};
 }
 
 void Add_Send(CLI::App& app)

@@ -80,7 +80,7 @@ constexpr S_Explanation EXPLANATIONS[] = {
     {nullptr, EPERM, FAILED, "this user is not permitted to do that", "run it as root, with sudo"},
     {nullptr, EACCES, FAILED, "this user is not permitted to do that", "run it as root, with sudo"},
     {"bind listen", EADDRINUSE, FAILED, "channel CHANNEL is taken by another program on this brick",
-     "end that program; tavbt doctor shows whether the channel is free"},
+     "end that program"},
     {nullptr, EHOSTUNREACH, NO_ADAPTER, "no adapter of this brick reaches NAME, or NAME is this brick itself",
      SEE_DOCTOR},
     {nullptr, EBUSY, NOT_CONNECTED, "this brick has a connection to channel CHANNEL of NAME already",
