@@ -37,7 +37,13 @@ CASES = [
     ("send Robot2 abc --text Hi", 0, "sent", "serve --dump -n 1", "^01526F626F7431006162630048690"),
     ("send Robot2 abc --bool true", 0, "sent", "serve --from Robot1 --id abc --bool -n 1", "^true\n"),
     ("send Robot2 abc --data 'DE AD'", 0, "sent", "serve --from Robot1 --id abc --data -n 1", "^DEAD\n"),
-    ("send Robot2 abc --file /dev/null", 0, "sent", "serve --any -n 1 -t 2", "damaged, has no data"),
+    (
+        "send Robot2 abc --file /dev/null",
+        0,
+        "no reader takes data of 0 bytes\nsent",
+        "serve --any -n 1 -t 2",
+        "damaged, has no data",
+    ),
     ("send Robot2 abc --file -", 0, "sent", "serve --from Robot1 --id abc --data --raw -n 1", "stdin of Robot1$"),
     ("send Robot2 abc --bool false --classic", 0, "sent", "serve --classic --id abc --bool -n 1", "^false\n"),
     (
@@ -46,6 +52,13 @@ CASES = [
         "sent",
         "serve --classic --any --json",
         '"kind":"text","id":"abc","value":"Hi"}',
+    ),
+    (
+        f"send Robot2 abc --text {'x' * 244} --classic",
+        0,
+        "no reader takes .* this length.*\nsent",
+        "serve --classic --any",
+        "damaged, its first byte is 0",
     ),
     ("send Robot2 abc --text=-\x1b[2J\xff", 0, "sent", "serve --any", r'"-\\x1B\[2J\\xFF"'),
     (

@@ -20,11 +20,6 @@ constexpr unsigned long CONNECT_TIMEOUT_MS = 20000;  // as the module's own
 constexpr int ACCEPT_PAUSE_MS = 1000;
 constexpr const char* LIST_FOLDERS[] = {"../prjs/SD_Card", "../prjs"};
 
-void Stop_If_Asked()
-{
-    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
-}
-
 // A brick whose name differs in capitals only, as a hint; empty: none.
 std::string Get_Similar(const C_TAV_Bluetooth& bluetooth, const std::string& name)
 {
@@ -74,8 +69,8 @@ void Scan(C_TAV_Bluetooth& bluetooth)
         const C_Progress progress("Looking around", SCAN_SECONDS);
         count = bluetooth.BT_Scan();
     }
-    Stop_If_Asked();
     if (count < 0) throw Explain(Take_Reason(), "", 0);
+    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
 }
 
 unsigned int Find_Brick(C_TAV_Bluetooth& bluetooth, const std::string& name, const std::string& address)
@@ -103,7 +98,6 @@ C_Connection::C_Connection(C_TAV_Bluetooth& bluetooth, const std::string& name, 
     const unsigned int index = Find_Brick(bluetooth, name, address);
     Take_Reason();
     m_Socket = bluetooth.Connect_Index(index, channel, CONNECT_TIMEOUT_MS);
-    Stop_If_Asked();
     if (m_Socket < 0) throw Explain(Take_Reason(), name, channel);
 }
 

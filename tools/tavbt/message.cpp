@@ -13,6 +13,7 @@ namespace {
 
 constexpr unsigned int RECEIVE_SIZE = 65536;  // a message has about 23000 bytes at most
 constexpr std::size_t SHOWN_SIZE = 256;
+constexpr std::size_t MAX_CLASSIC_ID = 254;
 constexpr std::size_t FRAME_SIZE = 1000;  // what one frame carries, on most controllers
 
 bool Send_Value(C_TAV_Bluetooth& bluetooth, int socket, E_Format format, const std::string& id, const S_Value& value)
@@ -24,6 +25,15 @@ bool Send_Value(C_TAV_Bluetooth& bluetooth, int socket, E_Format format, const s
     if (value.Kind == E_Kind::TEXT) return bluetooth._SendMsg_TAV_String(socket, id, value.Bytes);
     return bluetooth._SendMsg_TAV_Data(socket, id, reinterpret_cast<const unsigned char*>(value.Bytes.data()),
                                        static_cast<unsigned int>(value.Bytes.size()));
+}
+
+// What about the message no reader takes, in words; empty: nothing.
+std::string Get_Flaw(E_Format format, const std::string& id, const S_Value& value)
+{
+    if (format == E_Format::NAMED) return value.Kind == E_Kind::DATA && value.Bytes.empty() ? "data of 0 bytes" : "";
+    if (id.size() > MAX_CLASSIC_ID) return "a classic id of more than 254 bytes";
+    const bool startsWithZero = (id.size() + value.Bytes.size() + 9) % 256 == 0;  // its length
+    return startsWithZero ? "a classic message of just this length; make it one byte longer" : "";
 }
 
 // What the message has that is not wanted, in words; empty: nothing.
@@ -81,6 +91,8 @@ void Send(C_TAV_Bluetooth& bluetooth, int socket, const std::string& peer, E_For
 {
     if (value.Bytes.size() > FRAME_SIZE - 100)
         Note("a message of more than about 1000 bytes may reach a waiting reader cut");
+    const std::string flaw = Get_Flaw(format, id, value);
+    if (!flaw.empty()) Note("no reader takes " + flaw);
     Take_Reason();
     if (Send_Value(bluetooth, socket, format, id, value)) return;
     const S_Reason reason = Take_Reason();

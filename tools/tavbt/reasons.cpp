@@ -127,6 +127,7 @@ S_Reason Take_Reason()
 
 S_Failure Explain(const S_Reason& reason, const std::string& peer, unsigned int channel)
 {
+    if (Is_Stopped()) return {INTERRUPTED, "interrupted"};
     const std::string name = peer.empty() ? "the other brick" : Printable(peer);
     const auto fill_in = [&](std::string text) {
         Replace(text, "CHANNEL", std::to_string(channel));

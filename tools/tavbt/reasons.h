@@ -24,7 +24,8 @@ void Show_Log();
 // Hands the reason out and starts a new one. Only the thread that calls the module may ask.
 S_Reason Take_Reason();
 
-// The failure that the last operation ended in, in words for a person. `peer` is the brick that it was about.
+// The failure that the last operation ended in, in words for a person; Ctrl-C is one. `peer` is the brick that it was
+// about.
 S_Failure Explain(const S_Reason& reason, const std::string& peer, unsigned int channel);
 
 }  // namespace tavbt
