@@ -6,6 +6,7 @@
 #include "tools/tavbt/verbs.h"
 
 #include <bluetooth/bluetooth.h>
+#include <cstring>
 #include <iostream>
 #include <unistd.h>
 
@@ -32,6 +33,18 @@ void Report(const S_Failure& failure)
     if (!failure.Try.empty()) std::cerr << "  -> " << failure.Try << std::endl;
 }
 
+// The command line as the parser wants it, the last word first. Of "--text=" it would take the next word for the value.
+std::vector<std::string> Get_Words(int count, const char* const* arguments)
+{
+    std::vector<std::string> words;
+    for (int i = count - 1; i > 0; --i) {
+        const bool isEmptyText = std::strcmp(arguments[i], "--text=") == 0;
+        if (isEmptyText) words.emplace_back();
+        words.emplace_back(isEmptyText ? "--text" : arguments[i]);
+    }
+    return words;
+}
+
 int Run(int count, const char* const* arguments)
 {
     CLI::App app(ABOUT, "tavbt");
@@ -56,7 +69,7 @@ int Run(int count, const char* const* arguments)
         return USAGE;
     }
     try {
-        app.parse(count, arguments);
+        app.parse(Get_Words(count, arguments));
         return DONE;
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);
