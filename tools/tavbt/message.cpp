@@ -3,8 +3,10 @@
 #include "tools/tavbt/reasons.h"
 #include "tools/tavbt/terminal.h"
 
+#include <algorithm>
 #include <iterator>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace tavbt {
@@ -13,6 +15,7 @@ namespace {
 
 constexpr unsigned int RECEIVE_SIZE = 65536;  // a message has about 23000 bytes at most
 constexpr std::size_t SHOWN_SIZE = 256;
+constexpr unsigned int LOGGED_SIZE = 835;  // the largest maxSize with which all readers log what does not match
 constexpr std::size_t MAX_CLASSIC_ID = 254;
 constexpr std::size_t FRAME_SIZE = 1000;  // what one frame carries, on most controllers
 
@@ -36,45 +39,93 @@ std::string Get_Flaw(E_Format format, const std::string& id, const S_Value& valu
     return startsWithZero ? "a classic message of just this length; make it one byte longer" : "";
 }
 
-// What the message has that is not wanted, in words; empty: nothing.
-std::string Get_Mismatch(const S_Wanted& wanted, const S_Message& message)
+// ---- Reading --------------------------------------------------------------------------------------------------------
+
+bool Read_Value(C_TAV_Bluetooth& bluetooth, int socket, const S_Wanted& wanted, unsigned int maxSize, S_Value& value)
 {
-    if (wanted.Kind == E_Kind::UNKNOWN) return "";
-    const bool hasSender = wanted.Format == E_Format::NAMED;
-    if (message.Value.Kind != wanted.Kind) return std::string("its kind is ") + Get_Word(message.Value.Kind);
-    if (hasSender && message.Sender != wanted.Sender) return "its sender is " + Quoted(message.Sender);
-    if (message.Id != wanted.Id) return "its id is " + Quoted(message.Id);
-    return "";
+    const auto& [sender, id, kind, asBytes, format] = wanted;
+    if (format == E_Format::CLASSIC)
+        return kind == E_Kind::BOOL
+                   ? bluetooth._ReadMsg_TAVOrg_Bool(socket, sender, id, value.Bool, 0)
+                   : bluetooth._ReadMsg_TAVOrg_String(socket, sender, id, value.Bytes, maxSize, 0) >= 0;
+    if (kind == E_Kind::BOOL) return bluetooth._ReadMsg_TAV_Bool(socket, sender, id, value.Bool, 0);
+    if (kind == E_Kind::TEXT) return bluetooth._ReadMsg_TAV_String(socket, sender, id, value.Bytes, maxSize, 0) >= 0;
+    return bluetooth._ReadMsg_TAV_Data(socket, sender, id, value.Bytes, maxSize, 0) >= 0;
 }
 
-S_Message To_Message(const S_Decoded& decoded, const S_Wanted& wanted)
-{
-    S_Message message{decoded.Sender, decoded.Id, {decoded.Kind, false, decoded.Value}};
-    if (decoded.Kind != E_Kind::BOOL) return message;
-    message.Value = {E_Kind::BOOL, decoded.Value == std::string(1, '\1'), ""};
-    // The classic format has the same bytes for false and an empty text.
-    if (decoded.Format == E_Format::CLASSIC && wanted.Kind == E_Kind::TEXT) message.Value.Kind = E_Kind::TEXT;
-    return message;
-}
-
-// The messages in what one receive brought, joined as they may be, that are wanted. Notes tell of the others.
-std::vector<S_Message> Take_Apart(const S_Wanted& wanted, std::string_view bytes)
+// A reader of named texts takes what was sent right behind a text into it. Gives those of them that are for it, too,
+// back their own message each.
+std::vector<S_Message> Split_Joined(const S_Wanted& wanted, const S_Value& value)
 {
     std::vector<S_Message> messages;
+    const std::string border = std::string("\0\x01", 2) + wanted.Sender + '\0' + wanted.Id + '\0';
+    std::string rest = value.Bytes;
+    for (std::size_t end = rest.find(border); end != std::string::npos; end = rest.find(border)) {
+        messages.push_back({wanted.Sender, wanted.Id, {value.Kind, false, rest.substr(0, end)}});
+        rest.erase(0, end + border.size());
+    }
+    messages.push_back({wanted.Sender, wanted.Id, {value.Kind, value.Bool, rest}});
+    return messages;
+}
+
+// Bytes that a message of the wanted kind has beside its text or data.
+std::size_t Get_Overhead(const S_Wanted& wanted)
+{
+    if (wanted.Format == E_Format::CLASSIC) return 2 + 2 + 2 + 1 + wanted.Id.size() + 1 + 2 + 1;
+    const std::size_t head = 1 + wanted.Sender.size() + 1 + wanted.Id.size() + 1;
+    return head + (wanted.Kind == E_Kind::DATA ? 4 : 1);
+}
+
+// What the module's own reader takes, as programs get it. Notes tell of what is lost to it.
+std::vector<S_Message> Read_Wanted(C_TAV_Bluetooth& bluetooth, int socket, const std::string& peer,
+                                   const S_Wanted& wanted)
+{
+    int available = 0;
+    ioctl(socket, FIONREAD, &available);
+    const unsigned int maxSize = std::max(static_cast<unsigned int>(available), LOGGED_SIZE);
+    S_Value value;
+    value.Kind = wanted.Kind;
+    const bool taken = Read_Value(bluetooth, socket, wanted, maxSize, value);
+    const S_Reason reason = Take_Reason();
+    if (reason.Received <= 0 && (Is_Stopped() || reason.TimedOut)) return {};
+    if (reason.Received <= 0) throw Explain(reason, peer, Get_Channel(wanted.Format));
+    const auto received = static_cast<std::size_t>(reason.Received);
+    if (!taken) {
+        const std::string sender = wanted.Format == E_Format::NAMED ? " from " + Quoted(wanted.Sender) : "";
+        Note("ignored " + Count_Of(received, "byte") + ", not a " + Get_Word(wanted.Kind) + sender + " with the id " +
+             Quoted(wanted.Id) + (reason.Mismatch.empty() ? "; --any shows what comes" : ": " + reason.Mismatch));
+        return {};
+    }
+    const std::size_t size = Get_Overhead(wanted) + value.Bytes.size();
+    const bool isSplit = wanted.Format == E_Format::NAMED && wanted.Kind == E_Kind::TEXT;
+    if (!isSplit && received > size)
+        Note("lost " + Count_Of(received - size, "byte") + " that came joined to a message; --any shows them");
+    return isSplit ? Split_Joined(wanted, value) : std::vector<S_Message>{{wanted.Sender, wanted.Id, value}};
+}
+
+// All messages in what one receive brings, joined as they may be.
+std::vector<S_Message> Read_Any(C_TAV_Bluetooth& bluetooth, int socket, const std::string& peer, const S_Wanted& wanted)
+{
+    static char buffer[RECEIVE_SIZE];
+    const int count = bluetooth.ReadData(socket, buffer, RECEIVE_SIZE, 0);
+    const S_Reason reason = Take_Reason();
+    if (count <= 0 && (Is_Stopped() || reason.TimedOut)) return {};
+    if (count <= 0) throw Explain(reason, peer, Get_Channel(wanted.Format));
+    std::string_view bytes(buffer, static_cast<std::size_t>(count));
+    std::vector<S_Message> messages;
+    if (wanted.AsBytes) return {{"", "", {E_Kind::UNKNOWN, false, std::string(bytes)}}};
     while (!bytes.empty()) {
-        const bool any = wanted.Kind == E_Kind::UNKNOWN;
-        const S_Decoded decoded = Decode(any ? Guess_Format(bytes).value_or(wanted.Format) : wanted.Format, bytes);
-        const S_Message message = To_Message(decoded, wanted);
-        const std::string mismatch = Get_Mismatch(wanted, message);
-        if (!decoded.Damage.empty())
-            Note("damaged, " + decoded.Damage[0] +
+        const S_Decoded message = Decode(Guess_Format(bytes).value_or(wanted.Format), bytes);
+        const bool isBool = message.Kind == E_Kind::BOOL;
+        if (message.Damage.empty())
+            messages.push_back({message.Sender,
+                                message.Id,
+                                {message.Kind, isBool && message.Value == std::string(1, '\1'), message.Value}});
+        else
+            Note("damaged, " + message.Damage[0] +
                  (bytes.size() > SHOWN_SIZE ? "; --dump shows its bytes"
                                             : "; to take it apart: tavbt decode " + To_Hex(bytes)));
-        else if (!mismatch.empty())
-            Note("ignored a message: " + mismatch + "; --any shows what comes");
-        else
-            messages.push_back(message);
-        bytes.remove_prefix(decoded.Size);
+        bytes.remove_prefix(message.Size);
     }
     return messages;
 }
@@ -109,15 +160,9 @@ std::vector<S_Message> Read(C_TAV_Bluetooth& bluetooth, int socket, const std::s
 {
     pollfd sources[] = {{Get_StopPipe(), POLLIN, 0}, {socket, POLLIN, 0}};
     if (poll(sources, std::size(sources), timeout) <= 0 || Is_Stopped()) return {};
-    static char buffer[RECEIVE_SIZE];
     Take_Reason();
-    const int count = bluetooth.ReadData(socket, buffer, RECEIVE_SIZE, 0);
-    const S_Reason reason = Take_Reason();
-    if (count <= 0 && (Is_Stopped() || reason.TimedOut)) return {};
-    if (count <= 0) throw Explain(reason, peer, Get_Channel(wanted.Format));
-    const std::string_view bytes(buffer, static_cast<std::size_t>(count));
-    if (wanted.AsBytes) return {{"", "", {E_Kind::UNKNOWN, false, std::string(bytes)}}};
-    return Take_Apart(wanted, bytes);
+    return wanted.Kind == E_Kind::UNKNOWN ? Read_Any(bluetooth, socket, peer, wanted)
+                                          : Read_Wanted(bluetooth, socket, peer, wanted);
 }
 
 void Send_Back(C_TAV_Bluetooth& bluetooth, const S_BT_ScanDevice& client, E_Format format, const S_Message& message)

@@ -22,6 +22,13 @@ bool Starts_With(std::string_view text, std::string_view start)
     return text.substr(0, start.size()) == start;
 }
 
+// What stands in the brackets of "Msg Id(abc)".
+std::string Get_Bracketed(std::string_view step)
+{
+    const std::size_t open = step.find('(');
+    return std::string(step.substr(open + 1, step.size() - open - 2));
+}
+
 // ---- Lines of the log -----------------------------------------------------------------------------------------------
 
 void Note_Call(std::string_view step)
@@ -34,17 +41,34 @@ void Note_Call(std::string_view step)
     g_Reason.Error = atoi(std::string(step.substr(error + ERROR.size())).c_str());
 }
 
-// One step of an operation, as in "C_TAV_Bluetooth::ReadData - 2(0)".
+// One step of an operation, as in "C_TAV_Bluetooth::_ReadMsg_TAV_String - 4(abc)".
 void Note_Step(std::string_view operation, std::string_view step)
 {
-    if (Starts_With(step, "Error in fce "))
+    const bool isReader = Starts_With(operation, "_ReadMsg_");
+    if (Starts_With(step, "Error in fce ")) {
         Note_Call(step);
-    else if (step == "Timeout")
+    } else if (step == "Timeout") {
         g_Reason.TimedOut = true;
-    else if (step == "Error(Not Brick Name)")
+    } else if (step == "Error(Not Brick Name)") {
         g_Reason.NoName = true;
-    else if (operation == "ReadData" && step == "2(0)")
-        g_Reason.HungUp = true;
+    } else if (operation == "ReadData" && Starts_With(step, "2(")) {
+        g_Reason.Received = atoi(Get_Bracketed(step).c_str());
+    } else if (isReader && (Starts_With(step, "3(") || Starts_With(step, "Brick Name("))) {
+        g_Reason.Sender = Get_Bracketed(step);
+    } else if (isReader && (Starts_With(step, "4(") || Starts_With(step, "Msg Id("))) {
+        g_Reason.Id = Get_Bracketed(step);
+    } else if (Starts_With(step, "MsgId : ")) {
+        g_Reason.Id = step.substr(strlen("MsgId : "));
+    } else if (step == "Error (Device Name)" || step == "Error(Device Name)") {
+        g_Reason.Mismatch = "its sender is " + Quoted(g_Reason.Sender);
+    } else if (step == "Error (Msg Id)" || step == "Error(Msg Id)") {
+        g_Reason.Mismatch = "its id is " + Quoted(g_Reason.Id);
+    } else if (Starts_With(step, "Error (Not type")) {
+        const bool isBool = step.find(": 3)") != std::string_view::npos;
+        const bool isData = step.find(": 4)") != std::string_view::npos;
+        const bool isText = step.find(": 1)") != std::string_view::npos;
+        g_Reason.Mismatch = isBool ? "it is a bool" : isData ? "it is data" : isText ? "it is a text" : "";
+    }
 }
 
 void Note_Line(std::string_view line)
@@ -137,7 +161,7 @@ S_Failure Explain(const S_Reason& reason, const std::string& peer, unsigned int 
     if (reason.NoName) return {FAILED, "this brick has no name to send under", "TAV_BRICK_NAME=NAME tavbt ..."};
     if (reason.Call.empty()) {
         if (reason.TimedOut) return {NOT_CONNECTED, name + " did not answer in time", "tavbt scan looks who is there"};
-        if (reason.HungUp) return {NOT_CONNECTED, name + " hung up"};
+        if (reason.Received == 0) return {NOT_CONNECTED, name + " hung up"};
         return {FAILED, "it failed, and the log does not say why", "--log shows every step"};
     }
     for (const S_Explanation& explanation : EXPLANATIONS)

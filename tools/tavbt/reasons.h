@@ -14,8 +14,11 @@ struct S_Reason
     std::string Call;  // the system or BlueZ call that failed; empty: none did
     int Error = 0;     // its errno
     bool TimedOut = false;
-    bool HungUp = false;  // a receive brought nothing
-    bool NoName = false;  // this brick has no name to send under
+    int Received = -1;     // bytes of the last receive; -1: there was none
+    bool NoName = false;   // this brick has no name to send under
+    std::string Sender;    // of what was received, as far as it was looked at
+    std::string Id;        //
+    std::string Mismatch;  // what about it was not as expected, in words; empty: not known
 };
 
 // Switches the log's way to stderr, or to where TAV_LOG says, on.
