@@ -144,9 +144,9 @@ class Brick:
         for backend in f"socket,path={self.radio_socket}", screen, f"socket,path={self.folder / 'control'}":
             port = f"port{len(ports)}"
             ports += ["-chardev", f"{backend},id={port}", "-device", f"virtconsole,chardev={port}"]
-        # What the brick brings along is in memory twice while the kernel unpacks it.
+        # What the brick brings along is in memory twice while the kernel unpacks it, and it may fill half of the rest.
         initrd = self.pack_initrd()
-        memory = (320 if self.setup.python else 128) + 2 * (self.folder / "files.cpio").stat().st_size // 2**20
+        memory = (320 if self.setup.python else 128) + 4 * (self.folder / "files.cpio").stat().st_size // 2**20
         settings = " card=1" * self.setup.card + " sdp=1" * self.setup.sdp
         self.process = await asyncio.create_subprocess_exec(
             *arch.qemu,
