@@ -122,7 +122,7 @@ void Set_Ours(int fd, bool ours);
 Clock::duration Scaled(Clock::duration real);
 void Sleep_Scaled(Clock::duration real);
 bool Sleep_UntilSignal(Clock::duration real);  // false, with errno, when one ended it
-std::string Get_Acting();  // the brick whose adapter the calling thread uses; "": none
+std::string Get_Acting();                      // the brick whose adapter the calling thread uses; "": none
 
 // Names of the air's own name space.
 std::string Get_ListenName(const std::string& address, int channel);
