@@ -107,6 +107,7 @@ void Print_Bytes(std::string_view bytes)
     std::cout << bytes << std::flush;
     if (std::cout) return;
     if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    if (errno == EPIPE) throw S_Failure{FAILED, ""};  // as in "| head": the reader has what it wants
     throw std::system_error(errno, std::generic_category(), "cannot write to stdout");
 }
 
