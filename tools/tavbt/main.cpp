@@ -79,9 +79,6 @@ int Run(int count, const char* const* arguments)
         Report({USAGE, noVerb ? "there is no verb " + Printable(unknown[0]) : error.what(),
                 "tavbt " + (verbs.empty() ? "" : verbs[0]->get_name() + " ") + "--help"});
         return USAGE;
-    } catch (const S_Failure& failure) {
-        Report(failure);
-        return failure.Exit;
     }
 }
 
@@ -126,6 +123,9 @@ int main(int count, char** arguments)
         const int status = tavbt::Run(count, arguments);
         tavbt::Print_Bytes("");  // throws if help was not written
         return status;
+    } catch (const tavbt::S_Failure& failure) {
+        tavbt::Report(failure);
+        return failure.Exit;
     } catch (const std::exception& error) {  // stdout is gone, no memory, or a system without threads
         fprintf(stderr, "tavbt: %s\n", error.what());
         return tavbt::FAILED;
