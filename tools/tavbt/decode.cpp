@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <sstream>
 #include <unistd.h>
 
 namespace tavbt {
@@ -18,17 +19,27 @@ struct S_Options
 {
     std::vector<std::string> Hex;
     bool Binary = false;
+    bool Lines = false;
     bool Named = false;
     bool Classic = false;
 };
 
-std::string Get_Bytes(const S_Options& options)
+// What is to be taken apart, as it was given.
+std::string Get_Given(const S_Options& options)
 {
     std::string text;
     for (const std::string& part : options.Hex)
         text += part + " ";
+    if (options.Hex.empty() && isatty(STDIN_FILENO)) Note("reading from the terminal; Ctrl-D ends it");
     if (options.Hex.empty()) text = Read_File("-");
-    const auto bytes = options.Binary ? text : Parse_Hex(text);
+    if (options.Hex.size() == 1 && !Parse_Hex(text) && access(options.Hex[0].c_str(), R_OK) == 0)
+        throw S_Failure{USAGE, Printable(options.Hex[0]) + " is a file", "tavbt decode <" + Printable(options.Hex[0])};
+    return text;
+}
+
+std::string Get_Bytes(const S_Options& options, const std::string& given)
+{
+    const auto bytes = options.Binary ? given : Parse_Hex(given);
     if (!bytes)
         throw S_Failure{DAMAGED, "that is not pairs of hexadecimal digits",
                         "like 03 41 42 00 61 62 63 00 01; or --binary"};
@@ -79,10 +90,10 @@ void Print_Json(const S_Decoded& message, std::string_view bytes, std::size_t st
     Print(object);
 }
 
-void Run_Decode(const S_Options& options)
+// Prints the messages in what one receive brings. False when one is damaged.
+bool Decode_Receive(const S_Options& options, const std::string& bytes)
 {
-    const std::string bytes = Get_Bytes(options);
-    bool damaged = false;
+    bool whole = true;
     std::size_t start = 0;
     while (start < bytes.size()) {
         const std::string_view rest = std::string_view(bytes).substr(start);
@@ -92,15 +103,30 @@ void Run_Decode(const S_Options& options)
         const S_Decoded message = Decode(format, rest);
         if (start > 0 && !Style().Json)
             Print("\n" + Paint(E_Paint::YELLOW, "joined:", STDOUT_FILENO) + " " + Count_Of(rest.size(), "byte") +
-                  " behind it, which a text reader of the named format takes into the text, and others drop");
+                  " behind it in one receive: a text reader of the named format takes them into the text, others drop "
+                  "them");
         if (Style().Json)
             Print_Json(message, rest, start);
         else
             Print_Text(message, rest, start);
-        damaged = damaged || !message.Damage.empty();
+        whole = whole && message.Damage.empty();
         start += message.Size;
     }
-    if (damaged) throw S_Failure{DAMAGED, ""};
+    return whole;
+}
+
+void Run_Decode(const S_Options& options)
+{
+    const std::string given = Get_Given(options);
+    bool whole = true;
+    if (options.Lines) {
+        std::istringstream lines(given);
+        for (std::string line; std::getline(lines, line);)
+            whole = Decode_Receive(options, Get_Bytes(options, line)) && whole;
+    } else {
+        whole = Decode_Receive(options, Get_Bytes(options, given));
+    }
+    if (!whole) throw S_Failure{DAMAGED, ""};
 }
 
 }  // namespace
@@ -112,11 +138,12 @@ void Add_Decode(CLI::App& app)
         Add_Verb(app, "decode", "Takes messages apart, field by field, and says what is wrong with damaged ones.",
                  "tavbt decode 03 41 42 00 61 62 63 00 01\n"
                  "tavbt decode 0c000100819e04616263000100 01\n"
-                 "xxd -p message.bin | tavbt decode\n"
+                 "tavbt serve --dump | tavbt decode --lines\n"
                  "tavbt decode --binary <message.bin");
-    verb->add_option("HEX", options->Hex,
-                     "bytes in hexadecimal, with blanks or without; if there are none, from stdin");
-    verb->add_flag("--binary", options->Binary, "stdin holds the bytes themselves");
+    auto* const hex = verb->add_option("HEX", options->Hex,
+                                       "bytes in hexadecimal, with blanks or without; if there are none, from stdin");
+    verb->add_flag("--binary", options->Binary, "stdin holds the bytes themselves")->excludes(hex);
+    verb->add_flag("--lines", options->Lines, "each line of stdin is what one receive brought")->excludes(hex);
     auto* const named = verb->add_flag("--named", options->Named, "takes them for the named format");
     verb->add_flag("--classic", options->Classic, "takes them for the classic format")->excludes(named);
     verb->callback([options] { Run_Decode(*options); });

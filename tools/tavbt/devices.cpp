@@ -4,6 +4,7 @@
 #include "tools/tavbt/terminal.h"
 #include "tools/tavbt/verbs.h"
 
+#include <filesystem>
 #include <memory>
 
 namespace tavbt {
@@ -25,6 +26,7 @@ void Print_Devices(const C_TAV_Bluetooth& bluetooth)
 
 void Run_Scan()
 {
+    const auto start = std::filesystem::file_time_type::clock::now();
     C_TAV_Bluetooth bluetooth;
     Scan(bluetooth);
     Print_Devices(bluetooth);
@@ -32,23 +34,14 @@ void Run_Scan()
     if (count == 0)
         throw S_Failure{NOT_FOUND, "no device answered",
                         "are the others switched on, in range and discoverable? On each: tavbt doctor"};
+    const std::string file = Get_ListFile();
+    std::error_code none;
+    const bool kept = !file.empty() && std::filesystem::last_write_time(file, none) >= start - std::chrono::seconds(1);
     const std::string folder = Get_ListFolder();
-    Note(Count_Of(count, "device") + (folder.empty() ? "; to keep the list for other verbs: mkdir ../prjs"
-                                                     : ", kept in " + folder + "/__BTScan__"));
-}
-
-// Where the device list file is damaged, from this byte on; npos: nowhere.
-std::size_t Find_Damage(const std::string& file)
-{
-    std::size_t at = 0;
-    while (at < file.size()) {
-        const std::size_t name = file.find('\0', at);
-        if (name == std::string::npos || name + 1 >= file.size() || file[name + 1] != '\x1C') return at;
-        const std::size_t address = file.find('\0', name + 2);
-        if (address == std::string::npos || address + 1 >= file.size() || file[address + 1] != '\x1A') return at;
-        at = address + 2;
-    }
-    return std::string::npos;
+    Note(Count_Of(count, "device") + (kept ? ", kept in " + file
+                                      : folder.empty()
+                                          ? "; to keep the list for other verbs: " + std::string(MAKE_LIST_FOLDER)
+                                          : ", not kept: " + folder + " is not writable"));
 }
 
 void Run_Devices()
@@ -57,11 +50,11 @@ void Run_Devices()
     if (path.empty())
         throw S_Failure{NOT_FOUND,
                         "there is no device list file, neither ../prjs/SD_Card/__BTScan__ nor ../prjs/__BTScan__",
-                        "mkdir -p ../prjs && tavbt scan"};
+                        std::string(MAKE_LIST_FOLDER) + " && tavbt scan"};
     C_TAV_Bluetooth bluetooth;
     bluetooth.BT_ParseFileDevices();
     Print_Devices(bluetooth);
-    const std::size_t damage = Find_Damage(Read_File(path));
+    const std::size_t damage = Find_ListDamage(path);
     if (damage != std::string::npos)
         throw S_Failure{DAMAGED,
                         path + " is damaged from byte " + std::to_string(damage) + " on; nothing behind is read",

@@ -45,7 +45,8 @@ public:
         if (state == E_State::PROBLEM) ++m_Problems;
         if (Style().Json) return Print({{"check", check}, {"state", word}, {"what", what}, {"try", cure}});
         const std::string mark = word + std::string(9 - std::string(word).size(), ' ');
-        Print(Paint(PAINTS[static_cast<int>(state)], mark, STDOUT_FILENO) + check + ": " + what);
+        Print(Paint(PAINTS[static_cast<int>(state)], mark, STDOUT_FILENO) +
+              Fit(check + ": " + what, mark.size(), STDOUT_FILENO));
         if (!cure.empty()) Print("         -> " + Paint(E_Paint::BOLD, cure, STDOUT_FILENO));
     }
 
@@ -137,11 +138,10 @@ void Check_Visible(C_Examination& examination, const hci_dev_info& adapter)
 {
     const std::string cure = "sudo hciconfig " + std::string(adapter.name) + " piscan";
     if (!Has(adapter, HCI_PSCAN))
-        examination.Find(E_State::WARNING, "visible", "no: other bricks can neither find nor connect to this one",
-                         cure);
+        examination.Find(E_State::WARNING, "visible", "other bricks can neither find nor connect to this one", cure);
     else if (!Has(adapter, HCI_ISCAN))
         examination.Find(E_State::WARNING, "visible",
-                         "no: scans of other bricks do not find this one, though they can connect to it", cure);
+                         "scans of other bricks do not find this one, though they can connect to it", cure);
     else
         examination.Find(E_State::OK, "visible", "other bricks find this one and can connect to it");
 }
@@ -239,10 +239,12 @@ void Check_List(C_Examination& examination)
     const std::string folder = Get_ListFolder();
     if (folder.empty())
         examination.Find(E_State::WARNING, "device list",
-                         "no folder to keep it in, so that each connection by name scans first", "mkdir -p ../prjs");
+                         "no folder to keep it in, so that each connection by name scans first", MAKE_LIST_FOLDER);
     else if (access(folder.c_str(), W_OK | X_OK) != 0)
         examination.Find(E_State::WARNING, "device list", folder + " is not writable: scans are not kept",
                          "sudo chown $USER " + folder);
+    else if (!Get_ListFile().empty() && Find_ListDamage(Get_ListFile()) != std::string::npos)
+        examination.Find(E_State::WARNING, "device list", Get_ListFile() + " is damaged", "tavbt scan");
     else
         examination.Find(E_State::OK, "device list", "kept in " + folder + "/__BTScan__");
 }
@@ -267,8 +269,8 @@ void Check_SdpServer(C_Examination& examination)
         examination.Find(E_State::OK, "SDP server", "there is one");
     else
         examination.Find(E_State::WARNING, "SDP server",
-                         "there is none: other bricks cannot list this one's services (messages do not need it)",
-                         "sudo apt-get install bluez && sudo systemctl start bluetooth");
+                         "there is none: other bricks cannot list this one's services; messages do not need it",
+                         "only for that: sudo systemctl start bluetooth (package bluez), then doctor again");
 }
 
 void Run_Doctor()

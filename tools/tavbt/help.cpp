@@ -1,5 +1,7 @@
 #include "tools/tavbt/help.h"
 
+#include "tools/tavbt/terminal.h"
+
 #include <sstream>
 
 namespace tavbt {
@@ -7,21 +9,6 @@ namespace tavbt {
 namespace {
 
 constexpr std::size_t LINE_WIDTH = 80;
-
-// The text with its words in lines of at most `width`.
-std::string Wrap(const std::string& text, std::size_t width)
-{
-    std::istringstream words(text);
-    std::string wrapped;
-    std::size_t column = 0;
-    for (std::string word; words >> word;) {
-        const bool fits = column + 1 + word.size() <= width;
-        if (column > 0) wrapped += fits ? " " : "\n";
-        column = (column > 0 && fits ? column + 1 : 0) + word.size();
-        wrapped += word;
-    }
-    return wrapped;
-}
 
 }  // namespace
 
@@ -31,7 +18,7 @@ std::string C_HelpFormatter::make_description(const CLI::App* app) const
     const std::string text = app->get_description();
     const std::size_t examples = text.find("\n\n");
     if (examples == std::string::npos) return text + "\n\n";
-    return text.substr(0, examples) + "\n\n" + Wrap(text.substr(examples), LINE_WIDTH) + "\n\n";
+    return text.substr(0, examples) + "\n\n" + Wrap(text.substr(examples + 2), LINE_WIDTH) + "\n\n";
 }
 
 // Groups, of which one option is required, come with the positionals, before the options that may be left out.

@@ -1,5 +1,6 @@
 #include "tools/tavbt/link.h"
 
+#include "api/tav_c_api.h"
 #include "tools/tavbt/reasons.h"
 #include "tools/tavbt/terminal.h"
 #include "tools/tavbt/verbs.h"
@@ -61,6 +62,20 @@ std::string Get_ListFile()
     return "";
 }
 
+std::size_t Find_ListDamage(const std::string& path)
+{
+    const std::string file = Read_File(path);
+    std::size_t at = 0;
+    while (at < file.size()) {
+        const std::size_t name = file.find('\0', at);
+        if (name == std::string::npos || name + 1 >= file.size() || file[name + 1] != '\x1C') return at;
+        const std::size_t address = file.find('\0', name + 2);
+        if (address == std::string::npos || address + 1 >= file.size() || file[address + 1] != '\x1A') return at;
+        at = address + 2;
+    }
+    return std::string::npos;
+}
+
 void Scan(C_TAV_Bluetooth& bluetooth)
 {
     Take_Reason();
@@ -77,6 +92,9 @@ unsigned int Find_Brick(C_TAV_Bluetooth& bluetooth, const std::string& name, con
 {
     if (!address.empty()) return static_cast<unsigned int>(bluetooth.Add_BT_Device(name, address, -1, 0));
     if (!Get_ListFile().empty()) bluetooth.BT_ParseFileDevices();
+    std::string own;
+    if (bluetooth.Get_IndexScanDevice(name) < 0 && tav_c_api_impl::Get_TAVBrickName(own) && own == name)
+        throw S_Failure{NOT_FOUND, Quoted(name) + " is this brick itself"};
     if (bluetooth.Get_IndexScanDevice(name) < 0) Scan(bluetooth);
     const int index = bluetooth.Get_IndexScanDevice(name);
     if (index >= 0) return static_cast<unsigned int>(index);
@@ -84,7 +102,7 @@ unsigned int Find_Brick(C_TAV_Bluetooth& bluetooth, const std::string& name, con
     if (!similar.empty())
         throw S_Failure{NOT_FOUND, "there is no " + Quoted(name) + ", but there is " + Quoted(similar),
                         "names are compared exactly, capitals and all"};
-    throw S_Failure{NOT_FOUND, Printable(name) + " was not found",
+    throw S_Failure{NOT_FOUND, Quoted(name) + " was not found",
                     "is it switched on, in range and discoverable? tavbt scan shows who is, tavbt doctor looks at this "
                     "brick's own adapter"};
 }

@@ -33,6 +33,12 @@ private:
 std::string Get_ListFolder();
 std::string Get_ListFile();  // the one that would be read; empty: none
 
+// Where the device list file is damaged, from this byte on; npos: nowhere.
+std::size_t Find_ListDamage(const std::string& path);
+
+// What to type for a folder that keeps the list.
+constexpr const char* MAKE_LIST_FOLDER = "mkdir -p ~/bricks/prjs ~/bricks/run && cd ~/bricks/run";
+
 // BT_Scan with a progress bar. Throws S_Failure.
 void Scan(C_TAV_Bluetooth& bluetooth);
 

@@ -29,20 +29,34 @@ constexpr const char* FOOTER = "Results go to stdout, all else to stderr. Exit c
 void Report(const S_Failure& failure)
 {
     if (failure.What.empty()) return;
-    std::cerr << Paint(E_Paint::RED, "tavbt:", STDERR_FILENO) << " " << failure.What << std::endl;
-    if (!failure.Try.empty()) std::cerr << "  -> " << failure.Try << std::endl;
+    std::cerr << Paint(E_Paint::RED, "tavbt:", STDERR_FILENO) << " " << Fit(failure.What, 7, STDERR_FILENO)
+              << std::endl;
+    if (!failure.Try.empty()) std::cerr << "  -> " << Fit(failure.Try, 5, STDERR_FILENO) << std::endl;
 }
 
 // The command line as the parser wants it, the last word first. Of "--text=" it would take the next word for the value.
 std::vector<std::string> Get_Words(int count, const char* const* arguments)
 {
     std::vector<std::string> words;
-    for (int i = count - 1; i > 0; --i) {
+    const bool isHelp = count > 1 && std::strcmp(arguments[1], "help") == 0;  // help VERB is VERB --help
+    if (isHelp) words.emplace_back("--help");
+    for (int i = count - 1; i > (isHelp ? 1 : 0); --i) {
         const bool isEmptyText = std::strcmp(arguments[i], "--text=") == 0;
         if (isEmptyText) words.emplace_back();
         words.emplace_back(isEmptyText ? "--text" : arguments[i]);
     }
     return words;
+}
+
+// What is wrong with the command line: the first word that nothing takes says more than what is missing for it.
+std::string Explain_Usage(const CLI::App& app, const CLI::ParseError& error)
+{
+    const std::vector<std::string> unknown = app.remaining(true);
+    if (unknown.empty()) return error.what();
+    for (const std::string& word : unknown)
+        if (word[0] == '-') return "there is no option " + Printable(word) + " here";
+    if (app.get_subcommands().empty()) return "there is no verb " + Printable(unknown.front());
+    return Quoted(unknown.front()) + " is too much; what has blanks needs quotes";
 }
 
 int Run(int count, const char* const* arguments)
@@ -74,9 +88,7 @@ int Run(int count, const char* const* arguments)
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);
         const auto verbs = app.get_subcommands();
-        const std::vector<std::string> unknown = app.remaining();
-        const bool noVerb = verbs.empty() && !unknown.empty();
-        Report({USAGE, noVerb ? "there is no verb " + Printable(unknown[0]) : error.what(),
+        Report({USAGE, Explain_Usage(app, error),
                 "tavbt " + (verbs.empty() ? "" : verbs[0]->get_name() + " ") + "--help"});
         return USAGE;
     }
@@ -121,7 +133,8 @@ int main(int count, char** arguments)
     tavbt::Watch_Signals();
     try {
         const int status = tavbt::Run(count, arguments);
-        tavbt::Print_Bytes("");  // throws if help was not written
+        if (tavbt::Is_Stopped() && isatty(STDERR_FILENO)) std::cerr << '\n';  // behind the terminal's ^C
+        tavbt::Print_Bytes("");                                               // throws if help was not written
         return status;
     } catch (const tavbt::S_Failure& failure) {
         tavbt::Report(failure);

@@ -92,14 +92,16 @@ std::vector<S_Message> Read_Wanted(C_TAV_Bluetooth& bluetooth, int socket, const
     const auto received = static_cast<std::size_t>(reason.Received);
     if (!taken) {
         const std::string sender = wanted.Format == E_Format::NAMED ? " from " + Quoted(wanted.Sender) : "";
-        Note("ignored " + Count_Of(received, "byte") + ", not a " + Get_Word(wanted.Kind) + sender + " with the id " +
-             Quoted(wanted.Id) + (reason.Mismatch.empty() ? "; --any shows what comes" : ": " + reason.Mismatch));
+        Note("ignored " + Count_Of(received, "byte") + ", not " + (wanted.Kind == E_Kind::DATA ? "" : "a ") +
+             Get_Word(wanted.Kind) + sender + " with the id " + Quoted(wanted.Id) +
+             (reason.Mismatch.empty() ? "; --any shows what comes" : ": " + reason.Mismatch));
         return {};
     }
     const std::size_t size = Get_Overhead(wanted) + value.Bytes.size();
     const bool isSplit = wanted.Format == E_Format::NAMED && wanted.Kind == E_Kind::TEXT;
     if (!isSplit && received > size)
-        Note("lost " + Count_Of(received - size, "byte") + " that came joined to a message; --any shows them");
+        Note("lost " + Count_Of(received - size, "byte") +
+             " behind it: another message, joined to it, or a value of another kind; --any shows what comes");
     return isSplit ? Split_Joined(wanted, value) : std::vector<S_Message>{{wanted.Sender, wanted.Id, value}};
 }
 

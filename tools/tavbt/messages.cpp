@@ -39,6 +39,7 @@ struct S_Options
     bool Classic = false;
     bool Echo = false;
     bool Raw = false;
+    double Wait = 0;
     double Seconds = 0;
     unsigned int Count = 0;
     unsigned int Clients = 1;
@@ -122,11 +123,11 @@ void Check_End(const S_Options& options, std::size_t count)
     if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
     char time[32] = {};
     snprintf(time, sizeof(time), "%g s", options.Seconds);
-    const std::string what =
-        count == 0 ? "nothing" : std::to_string(count) + " of " + Count_Of(options.Count, "message");
+    const bool any = options.IsAny || options.IsDump;
+    const std::string what = count == 0 ? (any ? "nothing" : "nothing that matches")
+                                        : std::to_string(count) + " of " + Count_Of(options.Count, "message");
     throw S_Failure{TIMED_OUT, what + " came in " + time,
-                    options.IsAny || options.IsDump
-                        ? ""
+                    any ? ""
                         : "sender, kind and id must be exactly those that are expected; --any shows whatever comes"};
 }
 
@@ -140,6 +141,19 @@ void Run_Send(const S_Options& options)
     const C_Connection link(bluetooth, options.Name, options.Address, Get_Channel(format));
     Send(bluetooth, link.Get_Socket(), options.Name, format, options.Id, value);
     Note("sent to " + Printable(options.Name));
+    if (options.Wait <= 0) return;
+    const C_Deadline deadline(options.Wait);
+    while (!Is_Stopped() && !deadline.Is_Over()) {
+        S_Wanted any;
+        any.Format = format;
+        const std::vector<S_Message> answers =
+            Read(bluetooth, link.Get_Socket(), options.Name, any, deadline.Get_Left());
+        for (const S_Message& answer : answers)
+            Print_Message(answer, true, false);
+        if (!answers.empty()) return;
+    }
+    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    throw S_Failure{TIMED_OUT, Quoted(options.Name) + " did not answer in time"};
 }
 
 void Run_Recv(const S_Options& options)
@@ -211,15 +225,22 @@ void Run_Broadcast(const S_Options& options)
 void Add_Send(CLI::App& app)
 {
     const auto options = std::make_shared<S_Options>();
-    auto* const verb = Add_Verb(app, "send", "Connects to a brick and sends it one message.",
-                                "tavbt send Robot2 greeting --text 'Hello!'\n"
-                                "tavbt send Robot2 lamp --bool true\n"
-                                "tavbt send Robot2 raw --data 'DE AD BE EF'\n"
-                                "tavbt send Robot2 raw --file - <sound.bin\n"
-                                "tavbt send Robot2 mailbox --text go --classic");
+    auto* const verb =
+        Add_Verb(app, "send",
+                 "Connects to a brick and sends it one message. Then it hangs up, by which a built-in server "
+                 "(Server_ReadMsg_...) hangs; with --wait it stays connected until the answer has come.",
+                 "tavbt send Robot2 greeting --text 'Hello!'\n"
+                 "tavbt send Robot2 lamp --bool true\n"
+                 "tavbt send Robot2 greeting --text 'Hello!' --wait 5\n"
+                 "tavbt send Robot2 raw --data 'DE AD BE EF'\n"
+                 "tavbt send Robot2 raw --file - <sound.bin\n"
+                 "tavbt send Robot2 mailbox --text go --classic");
     verb->add_option("NAME", options->Name, "the brick")->required();
     verb->add_option("ID", options->Id, "the message's id")->required();
     Add_Given(*verb, options->Given);
+    verb->add_option("--wait", options->Wait, "wait so long for an answer, whatever it is, and print it")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, 1e6).description(""));
     Add_Classic(*verb, *options);
     Add_Address(*verb, options->Address);
     verb->callback([options] { Run_Send(*options); });

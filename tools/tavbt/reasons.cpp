@@ -97,14 +97,15 @@ constexpr const char* ADAPTER_CALLS = "hci_get_route hci_open_dev hci_inquiry";
 constexpr S_Explanation EXPLANATIONS[] = {
     {ADAPTER_CALLS, ENODEV, NO_ADAPTER, "there is no Bluetooth adapter that is switched on", SEE_DOCTOR},
     {ADAPTER_CALLS, ENETDOWN, NO_ADAPTER, "the Bluetooth adapter is switched off", SEE_DOCTOR},
-    {nullptr, EAFNOSUPPORT, NO_ADAPTER, "this system's kernel has no Bluetooth", SEE_DOCTOR},
+    {nullptr, EAFNOSUPPORT, NO_ADAPTER, "this system's kernel has no Bluetooth",
+     "tavbt doctor says what is missing; without Bluetooth: tav-air Robot1 -- tavbt ..."},
     {nullptr, EPROTONOSUPPORT, NO_ADAPTER, "this system's kernel does not know RFCOMM", SEE_DOCTOR},
-    {"send recv", EACCES, NOT_CONNECTED, "NAME refused to pair with this brick",
+    {"connect send recv", EACCES, NOT_CONNECTED, "NAME refused to pair with this brick",
      "sudo hciconfig hci0 sspmode 0, on one of the two"},
     {nullptr, EPERM, FAILED, "this user is not permitted to do that", "run it as root, with sudo"},
     {nullptr, EACCES, FAILED, "this user is not permitted to do that", "run it as root, with sudo"},
-    {"bind listen", EADDRINUSE, FAILED, "channel CHANNEL is taken by another program on this brick",
-     "end that program"},
+    {"bind listen", EADDRINUSE, FAILED, "another program on this brick has channel CHANNEL",
+     "end that program; if it is tavbt: pgrep -a tavbt"},
     {nullptr, EHOSTUNREACH, NO_ADAPTER, "no adapter of this brick reaches NAME, or NAME is this brick itself",
      SEE_DOCTOR},
     {nullptr, EBUSY, NOT_CONNECTED, "this brick has a connection to channel CHANNEL of NAME already",
@@ -126,7 +127,8 @@ constexpr S_Explanation EXPLANATIONS[] = {
 bool Applies(const S_Explanation& explanation, const S_Reason& reason)
 {
     if (explanation.Error != reason.Error) return false;
-    return !explanation.Calls || strstr(explanation.Calls, reason.Call.c_str());
+    if (!explanation.Calls) return true;
+    return (" " + std::string(explanation.Calls) + " ").find(" " + reason.Call + " ") != std::string::npos;
 }
 
 void Replace(std::string& text, std::string_view what, const std::string& by)

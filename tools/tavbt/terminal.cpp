@@ -51,6 +51,13 @@ std::size_t Get_Width(const std::string& text)
         text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80; }));
 }
 
+// 0: no terminal, or none that tells.
+std::size_t Get_TerminalWidth(int descriptor)
+{
+    winsize size{};
+    return ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
 }  // namespace
 
 S_Style& Style()
@@ -102,6 +109,24 @@ std::string Count_Of(std::size_t count, const std::string& thing)
     return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
 }
 
+std::string Wrap(std::string_view text, std::size_t width, std::size_t indent)
+{
+    std::string wrapped;
+    while (text.size() > width) {
+        const std::size_t end = std::min(text.rfind(' ', width), text.find(' ', width));  // a long word stays whole
+        if (end == std::string_view::npos) break;
+        wrapped += std::string(text.substr(0, end)) + "\n" + std::string(indent, ' ');
+        text.remove_prefix(end + 1);
+    }
+    return wrapped + std::string(text);
+}
+
+std::string Fit(const std::string& text, std::size_t indent, int descriptor)
+{
+    const std::size_t width = Get_TerminalWidth(descriptor);
+    return width > 2 * indent ? Wrap(text, width - indent, indent) : text;
+}
+
 void Print_Bytes(std::string_view bytes)
 {
     std::cout << bytes << std::flush;
@@ -124,7 +149,7 @@ void Print(const nlohmann::ordered_json& object)
 
 void Note(const std::string& line)
 {
-    if (!Style().Quiet) std::cerr << line << std::endl;
+    if (!Style().Quiet) std::cerr << Fit(line, 0, STDERR_FILENO) << std::endl;
 }
 
 std::string Read_File(const std::string& path)
@@ -204,9 +229,9 @@ void C_Progress::Draw() const
     if (left > 0) snprintf(rest, sizeof(rest), "%.0f s", left);
     const std::string line = m_What + " [" + std::string(static_cast<std::size_t>(filled), '#') +
                              std::string(static_cast<std::size_t>(WIDTH - filled), '.') + "] " + rest;
-    winsize size{};  // of a line that wraps, the next drawing would leave a part
-    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    std::cerr << "\r" << line.substr(0, known ? size.ws_col - 1U : line.size()) << "\033[K" << std::flush;
+    // Of a line that wraps, the next drawing would leave a part.
+    const std::size_t width = Get_TerminalWidth(STDERR_FILENO);
+    std::cerr << "\r" << line.substr(0, width > 0 ? width - 1 : line.size()) << "\033[K" << std::flush;
 }
 
 // ---- What the program is started with -------------------------------------------------------------------------------

@@ -39,12 +39,18 @@ std::string Quoted(std::string_view text);
 std::string To_Hex(std::string_view bytes, const char* between = "");
 std::string Count_Of(std::size_t count, const std::string& thing);  // "1 byte", "2 bytes"
 
-// Results. They throw std::system_error when nobody can read them: stdout is closed, full, or a pipe without a reader.
+// Breaks a text at blanks into lines of at most `width`, all but the first indented.
+std::string Wrap(std::string_view text, std::size_t width, std::size_t indent = 0);
+
+// Wraps a text that begins in column `indent`, if it goes to a terminal, to its width.
+std::string Fit(const std::string& text, std::size_t indent, int descriptor);
+
+// Results. They throw when nobody can read them: stdout is closed, full, or a pipe without a reader.
 void Print_Bytes(std::string_view bytes);
 void Print(const std::string& line);
 void Print(const nlohmann::ordered_json& object);
 
-// One line about what is going on, unless -q is given.
+// A line about what is going on, unless -q is given.
 void Note(const std::string& line);
 
 // All that a file holds, or stdin for "-". Throws S_Failure.
