@@ -120,6 +120,7 @@ constexpr S_Explanation EXPLANATIONS[] = {
      "tavbt scan looks who is there, and learns new addresses"},
     {nullptr, ETIMEDOUT, NOT_CONNECTED, "NAME fell silent: it was switched off, or is out of range",
      "tavbt scan looks who is there"},
+    {nullptr, ECONNABORTED, NO_ADAPTER, "this brick's adapter was switched off", "sudo hciconfig hci0 up"},
     {nullptr, ECONNRESET, NOT_CONNECTED, "NAME hung up", ""},
     {nullptr, ENOTCONN, NOT_CONNECTED, "NAME hung up", ""},
 };
