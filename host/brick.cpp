@@ -1,6 +1,6 @@
 // This brick's name, and the removal of a file, for stand-alone programs.
 //
-//   TAV_BRICK_NAME  the name; else it is that of the first adapter, else that of the host
+//   TAV_BRICK_NAME  the name; else it is that of the adapter, else that of the host
 #include "api/tav_c_api.h"
 
 #include <bluetooth/bluetooth.h>
@@ -17,7 +17,7 @@ namespace {
 
 constexpr int HCI_TIMEOUT_MS = 1000;
 
-// The name of the first adapter, empty if there is none. Asked until it is known, then kept.
+// The name of the adapter that the module takes, empty if there is none. Asked until it is known, then kept.
 std::string Get_AdapterName()
 {
     static std::mutex mutex;

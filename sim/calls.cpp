@@ -204,7 +204,10 @@ int bind(int fd, const sockaddr* address, socklen_t length) __THROW
 {
     if (!Is_Ours(fd)) return Real().Bind(fd, address, length);
     const S_Socket socket = Get_Socket(fd);
-    if (socket.State == E_State::SDP) return Bind_SdpServer(socket, *reinterpret_cast<const sockaddr_l2*>(address));
+    if (socket.State == E_State::SDP) {
+        if (length < sizeof(sockaddr_l2)) return Fail(EINVAL);
+        return Bind_SdpServer(socket, *reinterpret_cast<const sockaddr_l2*>(address));
+    }
     const auto* const rfcomm = reinterpret_cast<const sockaddr_rc*>(address);
     if (length < sizeof(*rfcomm) || rfcomm->rc_family != AF_BLUETOOTH) return Fail(EINVAL);
     if (Fails("bind", std::to_string(rfcomm->rc_channel), fd)) return -1;

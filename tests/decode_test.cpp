@@ -18,21 +18,21 @@ std::optional<std::string> Read(const std::string& bytes, const S_Decoded& decod
     static tav_c_api_impl::C_TAV_Bluetooth bt;
     const S_SocketPair link;
     link.Send(bytes);
-    const auto& [sender, id] = std::tie(decoded.Sender, decoded.Id);
+    const auto& [sender, id, wanted] = decoded.Message;
     std::string value(1, '\0');
     bool flag = false;
     bool taken = false;
-    if (decoded.Kind == E_Kind::BOOL)
+    if (wanted.Kind == E_Kind::BOOL)
         taken = decoded.Format == E_Format::NAMED ? bt._ReadMsg_TAV_Bool(link.Near, sender, id, flag, 0)
                                                   : bt._ReadMsg_TAVOrg_Bool(link.Near, sender, id, flag, 0);
     else if (decoded.Format == E_Format::CLASSIC)
         taken = bt._ReadMsg_TAVOrg_String(link.Near, sender, id, value, MAX_SIZE, 0) >= 0;
-    else if (decoded.Kind == E_Kind::TEXT)
+    else if (wanted.Kind == E_Kind::TEXT)
         taken = bt._ReadMsg_TAV_String(link.Near, sender, id, value, MAX_SIZE, 0) >= 0;
     else
         taken = bt._ReadMsg_TAV_Data(link.Near, sender, id, value, MAX_SIZE, 0) >= 0;
     if (!taken) return std::nullopt;
-    return decoded.Kind == E_Kind::BOOL ? std::string(1, flag ? '\1' : '\0') : value;
+    return wanted.Kind == E_Kind::BOOL ? std::string(1, flag ? '\1' : '\0') : value;
 }
 
 bool Has(const std::vector<std::string>& words, const std::string& what)
@@ -83,7 +83,7 @@ TEST(Decode, SaysWhatReadersDo)
         // What is said about these is that readers misread them; how is not said.
         const bool isMisread = Has(decoded.Damage, "misread") || Has(decoded.Damage, "takes all that follows") ||
                                Has(decoded.Damage, "take all that follows");
-        if (isMisread || decoded.Kind == E_Kind::UNKNOWN) continue;
+        if (isMisread || decoded.Message.Value.Kind == E_Kind::UNKNOWN) continue;
         const auto value = Read(bytes, decoded);
         const bool fails = Has(decoded.Damage, "fail") || Has(decoded.Damage, "ends before the end of") ||
                            Has(decoded.Damage, "ends before its value");
@@ -91,8 +91,10 @@ TEST(Decode, SaysWhatReadersDo)
         if (fails) continue;
         ++taken;
         const bool lost = Has(decoded.Damage, "drop its last byte");
-        const std::string wanted = decoded.Value.substr(0, decoded.Value.size() - (lost ? 1 : 0));
-        const bool takesRest = decoded.Format == E_Format::NAMED && decoded.Kind == E_Kind::TEXT;
+        const S_Value& seen = decoded.Message.Value;
+        const std::string whole = seen.Kind == E_Kind::BOOL ? std::string(1, seen.Bool ? '\1' : '\0') : seen.Bytes;
+        const std::string wanted = whole.substr(0, whole.size() - (lost ? 1 : 0));
+        const bool takesRest = decoded.Format == E_Format::NAMED && decoded.Message.Value.Kind == E_Kind::TEXT;
         EXPECT_EQ(takesRest ? value->substr(0, wanted.size()) : *value, wanted);
     }
     EXPECT_GT(taken, 5000U);

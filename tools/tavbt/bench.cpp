@@ -39,7 +39,7 @@ void Make_RoundTrip(C_TAV_Bluetooth& bluetooth, int socket, const std::string& p
     const S_Wanted wanted = Get_Wanted();
     Send(bluetooth, socket, peer, wanted.Format, wanted.Id, text);
     const std::vector<S_Message> answers = Read(bluetooth, socket, peer, wanted, ANSWER_TIMEOUT_MS);
-    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    Stop_If_Asked();
     if (answers.empty())
         throw S_Failure{TIMED_OUT, Printable(peer) + " does not answer",
                         "on " + Printable(peer) + ": tavbt bench --serve"};

@@ -107,7 +107,7 @@ void Run_Chat(const S_Options& options)
     Note("waiting for " + Printable(options.From) + " to call; Ctrl-C ends it");
     while (server.Get_Clients().empty()) {
         server.Wait(C_Deadline(0).Get_Left());
-        if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+        Stop_If_Asked();
     }
     Talk_ToTheEnd(bluetooth, server.Get_Clients()[0].Socket, options.From);
 }

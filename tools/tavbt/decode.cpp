@@ -1,6 +1,6 @@
 // decode
 #include "tools/tavbt/failures.h"
-#include "tools/tavbt/format.h"
+#include "tools/tavbt/message.h"
 #include "tools/tavbt/terminal.h"
 #include "tools/tavbt/verbs.h"
 
@@ -53,40 +53,35 @@ std::string Shorten(std::string_view bytes)
     return bytes.size() > SHOWN_BYTES ? shown + " ..." : shown;
 }
 
-void Print_Text(const S_Decoded& message, std::string_view bytes, std::size_t start)
+void Print_Text(const S_Decoded& decoded, std::string_view bytes, std::size_t start)
 {
     Print(Paint(E_Paint::BOLD,
-                std::string(Get_Word(message.Format)) + " " + Get_Word(message.Kind) + " message, " +
-                    Count_Of(message.Size, "byte"),
+                std::string(Get_Word(decoded.Format)) + " " + Get_Word(decoded.Message.Value.Kind) + " message, " +
+                    Count_Of(decoded.Size, "byte"),
                 STDOUT_FILENO));
     std::vector<std::vector<std::string>> rows;
-    for (const S_Field& field : message.Fields)
+    for (const S_Field& field : decoded.Fields)
         rows.push_back({std::to_string(start + field.Offset), Shorten(bytes.substr(field.Offset, field.Size)),
                         field.Name, field.Value});
     Print_Table({"OFFSET", "BYTES", "FIELD", "VALUE"}, rows);
-    for (const std::string& what : message.Damage)
+    for (const std::string& what : decoded.Damage)
         Print(Paint(E_Paint::RED, "damaged:", STDOUT_FILENO) + " " + what);
-    for (const std::string& what : message.Odd)
+    for (const std::string& what : decoded.Odd)
         Print(Paint(E_Paint::YELLOW, "odd:", STDOUT_FILENO) + " " + what);
 }
 
-void Print_Json(const S_Decoded& message, std::string_view bytes, std::size_t start)
+void Print_Json(const S_Decoded& decoded, std::string_view bytes, std::size_t start)
 {
-    nlohmann::ordered_json object = {{"format", Get_Word(message.Format)}, {"kind", Get_Word(message.Kind)}};
-    if (message.Format == E_Format::NAMED) object["sender"] = message.Sender;
-    object["id"] = message.Id;
-    if (message.Kind == E_Kind::BOOL)
-        object["value"] = message.Value == std::string(1, '\1');
-    else
-        object["value"] = message.Kind == E_Kind::TEXT ? message.Value : To_Hex(message.Value);
+    nlohmann::ordered_json object = {{"format", Get_Word(decoded.Format)}};
+    object.update(To_Json(decoded.Message));
     object["fields"] = nlohmann::ordered_json::array();
-    for (const S_Field& field : message.Fields)
+    for (const S_Field& field : decoded.Fields)
         object["fields"].push_back({{"offset", start + field.Offset},
                                     {"bytes", To_Hex(bytes.substr(field.Offset, field.Size))},
                                     {"field", field.Name},
                                     {"value", field.Value}});
-    object["damaged"] = message.Damage;
-    object["odd"] = message.Odd;
+    object["damaged"] = decoded.Damage;
+    object["odd"] = decoded.Odd;
     Print(object);
 }
 
@@ -100,17 +95,17 @@ bool Decode_Receive(const S_Options& options, const std::string& bytes)
         const E_Format format = options.Named     ? E_Format::NAMED
                                 : options.Classic ? E_Format::CLASSIC
                                                   : Guess_Format(rest).value_or(E_Format::NAMED);
-        const S_Decoded message = Decode(format, rest);
+        const S_Decoded decoded = Decode(format, rest);
         if (start > 0 && !Style().Json)
             Print("\n" + Paint(E_Paint::YELLOW, "joined:", STDOUT_FILENO) + " " + Count_Of(rest.size(), "byte") +
                   " behind it in one receive: a text reader of the named format takes them into the text, others drop "
                   "them");
         if (Style().Json)
-            Print_Json(message, rest, start);
+            Print_Json(decoded, rest, start);
         else
-            Print_Text(message, rest, start);
-        whole = whole && message.Damage.empty();
-        start += message.Size;
+            Print_Text(decoded, rest, start);
+        whole = whole && decoded.Damage.empty();
+        start += decoded.Size;
     }
     return whole;
 }

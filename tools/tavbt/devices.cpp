@@ -38,10 +38,10 @@ void Run_Scan()
     std::error_code none;
     const bool kept = !file.empty() && std::filesystem::last_write_time(file, none) >= start - std::chrono::seconds(1);
     const std::string folder = Get_ListFolder();
-    Note(Count_Of(count, "device") + (kept ? ", kept in " + file
-                                      : folder.empty()
-                                          ? "; to keep the list for other verbs: " + std::string(MAKE_LIST_FOLDER)
-                                          : ", not kept: " + folder + " is not writable"));
+    std::string fate = ", not kept: " + folder + " is not writable";
+    if (kept) fate = ", kept in " + file;
+    if (folder.empty()) fate = "; to keep the list for other verbs: " + std::string(MAKE_LIST_FOLDER);
+    Note(Count_Of(count, "device") + fate);
 }
 
 void Run_Devices()

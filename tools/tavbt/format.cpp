@@ -19,23 +19,29 @@ constexpr std::size_t BOOL_READER_SIZE = 32;
 class C_Dissection
 {
 public:
-    C_Dissection(E_Format format, std::string_view bytes) : m_Bytes(bytes) { Message.Format = format; }
+    C_Dissection(E_Format format, std::string_view bytes) : m_Bytes(bytes) { m_Decoded.Format = format; }
+    C_Dissection(const C_Dissection&) = delete;
+    C_Dissection& operator=(const C_Dissection&) = delete;
 
-    S_Decoded Message;
+    S_Message& Get_Message() { return m_Decoded.Message; }
+    const std::vector<std::string>& Get_Damage() const { return m_Decoded.Damage; }
 
     std::size_t Get_Pos() const { return m_Pos; }
     std::size_t Get_Left() const { return m_Bytes.size() - m_Pos; }
     char Get_Byte(std::size_t ahead) const { return m_Bytes[m_Pos + ahead]; }
+    std::string Get_Bytes(std::size_t size) const { return std::string(m_Bytes.substr(m_Pos, size)); }
 
-    void Damaged(const std::string& what) { Message.Damage.push_back(what); }
-    void Odd(const std::string& what) { Message.Odd.push_back(what); }
+    void Damaged(const std::string& what) { m_Decoded.Damage.push_back(what); }
+    void Odd(const std::string& what) { m_Decoded.Odd.push_back(what); }
 
-    std::string_view Take(const char* name, std::size_t size, const std::string& value)
+    void Take(const char* name, std::size_t size, const std::string& value)
     {
-        if (size > 0) Message.Fields.push_back({m_Pos, size, name, value});
+        if (size > 0) m_Decoded.Fields.push_back({m_Pos, size, name, value});
         m_Pos += size;
-        return m_Bytes.substr(m_Pos - size, size);
     }
+
+    // Other words for the field that was taken last.
+    void Name_Last(const std::string& value) { m_Decoded.Fields.back().Value = value; }
 
     void Take_Rest(const char* name)
     {
@@ -69,23 +75,25 @@ public:
 
     void Take_Bool()
     {
-        Message.Kind = E_Kind::BOOL;
+        S_Value& value = Get_Message().Value;
+        value.Kind = E_Kind::BOOL;
         if (Get_Left() == 0) return Damaged("ends before its value");
         const unsigned int byte = static_cast<unsigned char>(Get_Byte(0));
         if (byte > 1) Odd("its value is " + std::to_string(byte) + ", which readers take for true");
-        Message.Value = std::string(1, byte != 0 ? '\1' : '\0');
-        Take("bool", 1, byte != 0 ? "true" : "false");
+        value.Bool = byte != 0;
+        Take("bool", 1, value.Bool ? "true" : "false");
     }
 
     S_Decoded Finish()
     {
-        Message.Size = m_Pos;
-        return std::move(Message);
+        m_Decoded.Size = m_Pos;
+        return std::move(m_Decoded);
     }
 
 private:
-    std::string_view m_Bytes;
+    const std::string_view m_Bytes;
     std::size_t m_Pos = 0;
+    S_Decoded m_Decoded;
 };
 
 // ---- Named format ---------------------------------------------------------------------------------------------------
@@ -96,10 +104,8 @@ void Take_NamedData(C_Dissection& in)
     if (!in.Take_Number("size", 4, size)) return;
     const std::size_t here = std::min(size, in.Get_Left());
     const std::size_t behind = in.Get_Left() - here;
-    in.Message.Value = std::string(here, '\0');
-    for (std::size_t i = 0; i < here; ++i)
-        in.Message.Value[i] = in.Get_Byte(i);
-    if (here > 0) in.Take("data", here, Count_Of(here, "byte"));
+    in.Get_Message().Value.Bytes = in.Get_Bytes(here);
+    in.Take("data", here, Count_Of(here, "byte"));
     if (size == 0 && behind == 0)
         in.Damaged("has no data: readers fail, as they want a byte behind the size");
     else if (here == 0 && size > 0)
@@ -122,11 +128,12 @@ S_Decoded Decode_Named(std::string_view bytes)
         in.Damaged("its type is " + std::to_string(type) + ", which is none of 1 (text), 3 (bool) and 4 (data)");
         return in.Finish();
     }
-    in.Message.Kind = kind;
+    S_Message& message = in.Get_Message();
+    message.Value.Kind = kind;
     in.Take("type", 1, std::to_string(type) + ", " + Get_Word(kind));
-    if (!in.Take_Text("sender", in.Message.Sender)) {
+    if (!in.Take_Text("sender", message.Sender)) {
         in.Damaged("no NUL ends its sender: readers fail");
-    } else if (!in.Take_Text("id", in.Message.Id)) {
+    } else if (!in.Take_Text("id", message.Id)) {
         in.Damaged("no NUL ends its id: readers fail");
     } else if (kind == E_Kind::BOOL) {
         in.Take_Bool();
@@ -134,7 +141,7 @@ S_Decoded Decode_Named(std::string_view bytes)
         Take_NamedData(in);
     } else if (in.Get_Left() == 0) {
         in.Damaged("ends before its text: readers take an empty one");
-    } else if (!in.Take_Text("text", in.Message.Value)) {
+    } else if (!in.Take_Text("text", message.Value.Bytes)) {
         in.Damaged("no NUL ends its text: readers drop its last byte");
     }
     return in.Finish();
@@ -160,9 +167,8 @@ bool Take_ClassicId(C_Dissection& in)
         return false;
     }
     if (in.Get_Byte(size - 1) != '\0') in.Odd("the last byte of its id is not NUL; readers drop it all the same");
-    for (std::size_t i = 0; i + 1 < size; ++i)
-        in.Message.Id += in.Get_Byte(i);
-    in.Take("id", size, Quoted(in.Message.Id));
+    in.Get_Message().Id = in.Get_Bytes(size - 1);
+    in.Take("id", size, Quoted(in.Get_Message().Id));
     return true;
 }
 
@@ -171,7 +177,8 @@ void Take_ClassicPayload(C_Dissection& in)
     std::size_t size = 0;
     if (!in.Take_Number("payload length", 2, size)) return;
     if (size == 1) return in.Take_Bool();
-    in.Message.Kind = E_Kind::TEXT;
+    S_Value& value = in.Get_Message().Value;
+    value.Kind = E_Kind::TEXT;
     if (size == 0 || size > in.Get_Left()) {
         in.Damaged(size == 0 ? "its payload length is 0: a text reader takes all that follows"
                              : "has " + std::to_string(in.Get_Left()) + " of the " + Count_Of(size, "byte") +
@@ -180,9 +187,8 @@ void Take_ClassicPayload(C_Dissection& in)
         return;
     }
     if (in.Get_Byte(size - 1) != '\0') in.Odd("the last byte of its text is not NUL; readers drop it all the same");
-    for (std::size_t i = 0; i + 1 < size; ++i)
-        in.Message.Value += in.Get_Byte(i);
-    in.Take("text", size, Quoted(in.Message.Value));
+    value.Bytes = in.Get_Bytes(size - 1);
+    in.Take("text", size, Quoted(value.Bytes));
 }
 
 S_Decoded Decode_Classic(std::string_view bytes)
@@ -200,15 +206,15 @@ S_Decoded Decode_Classic(std::string_view bytes)
         !in.Take_Number("command", 2, command))
         return in.Finish();
     if (counter != 1) in.Odd("its counter is " + std::to_string(counter) + ", not 1; readers do not look at it");
-    in.Message.Fields.back().Value = command == WRITE_MAILBOX ? "write mailbox, no reply" : "not 81 9E, write mailbox";
+    in.Name_Last(command == WRITE_MAILBOX ? "write mailbox, no reply" : "not 81 9E, write mailbox");
     if (command != WRITE_MAILBOX) in.Odd("its command is not 81 9E; readers do not look at it");
     if (!Take_ClassicId(in)) return in.Finish();
     Take_ClassicPayload(in);
     const std::size_t rest = in.Get_Pos() - start - 2;
-    if (in.Message.Damage.empty() && length != rest)
+    if (in.Get_Damage().empty() && length != rest)
         in.Odd("its length is " + std::to_string(length) + ", not " + std::to_string(rest) +
                "; readers do not compare");
-    if (in.Message.Kind == E_Kind::BOOL && in.Get_Pos() > BOOL_READER_SIZE)
+    if (in.Get_Message().Value.Kind == E_Kind::BOOL && in.Get_Pos() > BOOL_READER_SIZE)
         in.Odd("a bool reader receives 32 bytes of it, without the value");
     return in.Finish();
 }

@@ -23,6 +23,20 @@ enum class E_Kind
     UNKNOWN
 };
 
+struct S_Value
+{
+    E_Kind Kind = E_Kind::UNKNOWN;
+    bool Bool = false;
+    std::string Bytes;  // text or data
+};
+
+struct S_Message
+{
+    std::string Sender;  // named format only
+    std::string Id;
+    S_Value Value;
+};
+
 struct S_Field
 {
     std::size_t Offset;
@@ -34,10 +48,7 @@ struct S_Field
 struct S_Decoded
 {
     E_Format Format = E_Format::NAMED;
-    E_Kind Kind = E_Kind::UNKNOWN;
-    std::string Sender;  // named format only
-    std::string Id;
-    std::string Value;     // text or data; "\0" or "\1" of a bool
+    S_Message Message;     // as far as it can be told
     std::size_t Size = 0;  // bytes that belong to it
     std::vector<S_Field> Fields;
     std::vector<std::string> Damage;  // bytes are missing, or no reader takes it

@@ -85,7 +85,7 @@ void Scan(C_TAV_Bluetooth& bluetooth)
         count = bluetooth.BT_Scan();
     }
     if (count < 0) throw Explain(Take_Reason(), "", 0);
-    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    Stop_If_Asked();
 }
 
 unsigned int Find_Brick(C_TAV_Bluetooth& bluetooth, const std::string& name, const std::string& address)

@@ -21,7 +21,6 @@ class C_Deadline
 public:
     explicit C_Deadline(double seconds);
     bool Is_Over() const { return Get_Left() == 0; }
-    bool Is_Endless() const { return m_Endless; }
     int Get_Left() const;
 
 private:

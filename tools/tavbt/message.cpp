@@ -17,7 +17,7 @@ constexpr unsigned int RECEIVE_SIZE = 65536;  // a message has about 23000 bytes
 constexpr std::size_t SHOWN_SIZE = 256;
 constexpr unsigned int LOGGED_SIZE = 835;  // the largest maxSize with which all readers log what does not match
 constexpr std::size_t MAX_CLASSIC_ID = 254;
-constexpr std::size_t FRAME_SIZE = 1000;  // what one frame carries, on most controllers
+constexpr std::size_t LONG_VALUE = 900;  // with sender and id, about what one frame carries on most controllers
 
 bool Send_Value(C_TAV_Bluetooth& bluetooth, int socket, E_Format format, const std::string& id, const S_Value& value)
 {
@@ -117,17 +117,14 @@ std::vector<S_Message> Read_Any(C_TAV_Bluetooth& bluetooth, int socket, const st
     std::vector<S_Message> messages;
     if (wanted.AsBytes) return {{"", "", {E_Kind::UNKNOWN, false, std::string(bytes)}}};
     while (!bytes.empty()) {
-        const S_Decoded message = Decode(Guess_Format(bytes).value_or(wanted.Format), bytes);
-        const bool isBool = message.Kind == E_Kind::BOOL;
-        if (message.Damage.empty())
-            messages.push_back({message.Sender,
-                                message.Id,
-                                {message.Kind, isBool && message.Value == std::string(1, '\1'), message.Value}});
+        const S_Decoded decoded = Decode(Guess_Format(bytes).value_or(wanted.Format), bytes);
+        if (decoded.Damage.empty())
+            messages.push_back(decoded.Message);
         else
-            Note("damaged, " + message.Damage[0] +
+            Note("damaged, " + decoded.Damage[0] +
                  (bytes.size() > SHOWN_SIZE ? "; --dump shows its bytes"
                                             : "; to take it apart: tavbt decode " + To_Hex(bytes)));
-        bytes.remove_prefix(message.Size);
+        bytes.remove_prefix(decoded.Size);
     }
     return messages;
 }
@@ -142,14 +139,13 @@ unsigned char Get_Channel(E_Format format)
 void Send(C_TAV_Bluetooth& bluetooth, int socket, const std::string& peer, E_Format format, const std::string& id,
           const S_Value& value)
 {
-    if (value.Bytes.size() > FRAME_SIZE - 100)
-        Note("a message of more than about 1000 bytes may reach a waiting reader cut");
+    if (value.Bytes.size() > LONG_VALUE) Note("a message of more than about 1000 bytes may reach a waiting reader cut");
     const std::string flaw = Get_Flaw(format, id, value);
     if (!flaw.empty()) Note("no reader takes " + flaw);
     Take_Reason();
     if (Send_Value(bluetooth, socket, format, id, value)) return;
     const S_Reason reason = Take_Reason();
-    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    Stop_If_Asked();
     if (reason.Call.empty() && !reason.NoName)
         throw S_Failure{FAILED,
                         "only the beginning of the message was sent: it is longer than a connection takes at once",
@@ -194,6 +190,19 @@ void Run_Server(C_TAV_Bluetooth& bluetooth, C_Server& server, const S_Wanted& wa
         }
 }
 
+nlohmann::ordered_json To_Json(const S_Message& message)
+{
+    const S_Value& value = message.Value;
+    nlohmann::ordered_json object = {{"kind", Get_Word(value.Kind)}};
+    if (!message.Sender.empty()) object["sender"] = message.Sender;
+    object["id"] = message.Id;
+    if (value.Kind == E_Kind::BOOL)
+        object["value"] = value.Bool;
+    else
+        object["value"] = value.Kind == E_Kind::TEXT ? value.Bytes : To_Hex(value.Bytes);
+    return object;
+}
+
 void Print_Message(const S_Message& message, bool whole, bool raw)
 {
     const S_Value& value = message.Value;
@@ -203,10 +212,7 @@ void Print_Message(const S_Message& message, bool whole, bool raw)
     if (Style().Json && value.Kind == E_Kind::UNKNOWN) {
         Print({{"bytes", word}});
     } else if (Style().Json) {
-        nlohmann::ordered_json object = {{"kind", Get_Word(value.Kind)}, {"id", message.Id}};
-        if (!message.Sender.empty()) object["sender"] = message.Sender;
-        object["value"] = isBool ? nlohmann::ordered_json(value.Bool) : nlohmann::ordered_json(word);
-        Print(object);
+        Print(To_Json(message));
     } else if (raw) {
         Print_Bytes(isBool ? word : value.Bytes);
     } else if (whole && value.Kind != E_Kind::UNKNOWN) {

@@ -11,20 +11,6 @@
 
 namespace tavbt {
 
-struct S_Value
-{
-    E_Kind Kind = E_Kind::UNKNOWN;
-    bool Bool = false;
-    std::string Bytes;  // text or data
-};
-
-struct S_Message
-{
-    std::string Sender;
-    std::string Id;
-    S_Value Value;
-};
-
 // What is to be read.
 struct S_Wanted
 {
@@ -41,9 +27,9 @@ unsigned char Get_Channel(E_Format format);
 void Send(C_TAV_Bluetooth& bluetooth, int socket, const std::string& peer, E_Format format, const std::string& id,
           const S_Value& value);
 
-// Takes one receive and returns the messages in it that are wanted, usually one. The module's readers would lose those
-// that are joined to another. Empty when nothing came within `timeout` ms, or nothing that is wanted, of which a note
-// tells. Throws S_Failure when the connection has ended.
+// Takes one receive and returns the messages that the module's reader of the wanted kind takes from it, usually one;
+// notes tell of what is lost to it. Empty when nothing came within `timeout` ms, or nothing that is wanted. Throws
+// S_Failure when the connection has ended.
 std::vector<S_Message> Read(C_TAV_Bluetooth& bluetooth, int socket, const std::string& peer, const S_Wanted& wanted,
                             int timeout);
 
@@ -55,6 +41,8 @@ void Send_Back(C_TAV_Bluetooth& bluetooth, const S_BT_ScanDevice& client, E_Form
 void Run_Server(C_TAV_Bluetooth& bluetooth, C_Server& server, const S_Wanted& wanted, const C_Deadline& deadline,
                 const std::function<bool()>& is_done,
                 const std::function<void(const S_BT_ScanDevice& client, const S_Message& message)>& take);
+
+nlohmann::ordered_json To_Json(const S_Message& message);
 
 // A message as a result: its value alone, or as JSON; with `whole` also sender, kind and id.
 void Print_Message(const S_Message& message, bool whole, bool raw);

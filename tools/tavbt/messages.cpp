@@ -120,7 +120,7 @@ S_Wanted Get_Wanted(const S_Options& options)
 void Check_End(const S_Options& options, std::size_t count)
 {
     if (options.Count == 0 ? count > 0 || Is_Stopped() : count >= options.Count) return;
-    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    Stop_If_Asked();
     char time[32] = {};
     snprintf(time, sizeof(time), "%g s", options.Seconds);
     const bool any = options.IsAny || options.IsDump;
@@ -152,7 +152,7 @@ void Run_Send(const S_Options& options)
             Print_Message(answer, true, false);
         if (!answers.empty()) return;
     }
-    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    Stop_If_Asked();
     throw S_Failure{TIMED_OUT, Quoted(options.Name) + " did not answer in time"};
 }
 
@@ -203,7 +203,7 @@ void Run_Broadcast(const S_Options& options)
     Note("waiting for " + Count_Of(options.Clients, "client"));
     const auto is_done = [&] { return server.Get_Clients().size() >= options.Clients; };
     Run_Server(bluetooth, server, {}, C_Deadline(options.Seconds), is_done, [](const auto&, const auto&) {});
-    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    Stop_If_Asked();
     if (!is_done())
         throw S_Failure{TIMED_OUT,
                         std::to_string(server.Get_Clients().size()) + " of " + Count_Of(options.Clients, "client") +

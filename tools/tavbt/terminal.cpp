@@ -131,7 +131,7 @@ void Print_Bytes(std::string_view bytes)
 {
     std::cout << bytes << std::flush;
     if (std::cout) return;
-    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    Stop_If_Asked();
     if (errno == EPIPE) throw S_Failure{FAILED, ""};  // as in "| head": the reader has what it wants
     throw std::system_error(errno, std::generic_category(), "cannot write to stdout");
 }
@@ -160,7 +160,7 @@ std::string Read_File(const std::string& path)
     ssize_t count = -1;
     while (file >= 0 && (count = read(file, buffer, sizeof(buffer))) > 0)
         bytes.append(buffer, static_cast<std::size_t>(count));
-    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
+    Stop_If_Asked();
     if (count < 0)
         throw S_Failure{FAILED,
                         "cannot read " + (path == "-" ? "stdin" : Printable(path)) + ": " + std::strerror(errno)};
@@ -265,6 +265,11 @@ void Watch_Signals()
 bool Is_Stopped()
 {
     return g_Stopped != 0;
+}
+
+void Stop_If_Asked()
+{
+    if (Is_Stopped()) throw S_Failure{INTERRUPTED, "interrupted"};
 }
 
 int Get_StopPipe()

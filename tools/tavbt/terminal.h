@@ -89,6 +89,7 @@ void Prepare_Descriptors();
 // The first SIGINT, SIGTERM or SIGHUP interrupts the operation of the module that waits; the second ends the program.
 void Watch_Signals();
 bool Is_Stopped();
-int Get_StopPipe();  // becomes readable with the signal, for poll
+void Stop_If_Asked();  // throws S_Failure when one came
+int Get_StopPipe();    // becomes readable with the signal, for poll
 
 }  // namespace tavbt
