@@ -3,8 +3,8 @@
 ///
 /// The module only declares these four; whoever links it defines them. A brick's firmware brings its own definitions, a
 /// stand-alone program links the default ones of host/, or the library `tav-bluetooth-host` with them. Those log to the
-/// file that `TAV_LOG` names, to stderr if that is `-`, and take the name from `TAV_BRICK_NAME`, else from the adapter,
-/// else from the host.
+/// file that `TAV_LOG` names, or to stderr if that is `-` or empty or the file does not open, and take the name from
+/// `TAV_BRICK_NAME`, else from the adapter, else from the host.
 /// @man{tav_api}
 #pragma once
 

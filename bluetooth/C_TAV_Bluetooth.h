@@ -8,9 +8,14 @@
 /// An object finds devices, connects to them, exchanges messages with them, and serves those that connect to it.
 ///
 /// **Results.** Failures are values: false, or -1 where a socket, an index or a count is returned. Nothing throws,
-/// short of running out of memory. The reason is in the debug log (api/tav_c_api.h).
+/// short of running out of memory. The reason is in the debug log (api/tav_c_api.h), except for what fails in silence:
+/// - Disconnect(), the operations that close clients and servers, and those that only look something up
+/// - a thread that does not start, and a receive buffer that no memory is found for
+/// - a bool of the named format that is sent without a name of this brick
+/// - a message of the named format that does not match, in a bool reader and in one that asks for more than 1024 bytes
+/// - a message of either format that is cut behind its id
 ///
-/// **Time-outs.** Milliseconds, unsigned. 0 polls once (the server's reads: for 1 ms).
+/// **Time-outs.** Milliseconds, unsigned. 0 looks once; the server's reads look again and again for a millisecond.
 ///
 /// **Texts.** Names, message ids and texts are byte strings without NUL, compared exactly (case matters).
 ///
@@ -34,6 +39,8 @@
 /// - EINTR: a signal came during a wait, which is not taken up again
 /// - EMFILE: the process has too many descriptors open
 #pragma once
+
+#include "bluetooth/tav_version.h"
 
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/sdp.h>
@@ -62,7 +69,8 @@ struct S_BT_ScanDevice
 };
 
 /// Summary of one SDP service record. ServiceId and PortRFCOMM have a defined value only when the record carries the
-/// attribute; do not rely on them otherwise.
+/// attribute; do not rely on them otherwise. A protocol list tells no channel when it has no RFCOMM, when its RFCOMM
+/// has none, and when it is a list of alternatives.
 /// @alsoman{tav_services}
 struct S_BT_ServicesData
 {
@@ -72,7 +80,7 @@ struct S_BT_ServicesData
     std::string Name;                              ///< Primary ServiceName.
     std::string Description;                       ///< Primary ServiceDescription.
     std::string Provider;                          ///< Primary ProviderName.
-    int PortRFCOMM;                                ///< RFCOMM channel; 0: a protocol list without RFCOMM.
+    int PortRFCOMM;                                ///< RFCOMM channel; 0: a protocol list that tells none.
 };
 
 class C_TAV_Bluetooth
@@ -156,7 +164,7 @@ public:
     /// @{
 
     /// Connects to a device by name. A name that is not listed is looked for in the device list file, then by an
-    /// inquiry (which replaces the list). Blocks up to `timeout`, and for an unlisted device for BT_Scan() before.
+    /// inquiry (which replaces the list). Blocks up to `timeout`, and for a device in neither for BT_Scan() before.
     /// Arguments and errors are those of Connect_Index(), which it ends in.
     /// @return As Connect_Index(); -1 also when the device is not found.
     int Connect(const std::string& name, unsigned char channel, unsigned long timeout);
@@ -164,7 +172,7 @@ public:
     /// Opens an RFCOMM connection to a listed device and stores socket and channel in its record. The caller closes the
     /// socket with Disconnect(); Close() does not. Blocks up to `timeout`.
     ///
-    /// A device that refuses, or that is not in range (seen after the page time-out of 5.12 s), still yields a socket:
+    /// A device that refuses, or that is not in range (known after the page time-out, 5.12 s), still yields a socket:
     /// the failure shows at the first transfer. A device that is connected already is connected once more, and the
     /// earlier socket stays open.
     /// @param index    position in m_ScanDevices
@@ -174,7 +182,7 @@ public:
     /// the record unchanged.
     /// @errors
     /// - EBUSY: this channel of the device is connected already, or the last connection to a device that fell silent is
-    ///   not given up yet, which takes 20 s (`connect`)
+    ///   not given up yet (`connect`)
     /// - EHOSTUNREACH: there is no adapter, it is down, or the address is its own (`connect`)
     /// - EINVAL: the channel is not one of 1 to 30 (`connect`)
     int Connect_Index(unsigned int index, unsigned char channel, unsigned long timeout);
@@ -201,6 +209,9 @@ public:
     /// A message carries this brick's name (Get_TAVBrickName()), a message id and a value; it is sent by one send. A
     /// reader takes one receive and expects in it one message of its kind, from the sender `name`, with the id `msgId`;
     /// what was received is consumed, matching or not. The sender's name is a claim, not a proof.
+    ///
+    /// `maxSize` is no place for "no limit": what is asked for wraps at 32 bits, and the largest number receives 184
+    /// bytes of a text and 188 of data. The rest spoils the next read.
     /// @man{tav_named_messages}
     /// @errors Those of Connect_Index() while connecting, of WriteData() while sending, of ReadData() while reading. A
     /// message that does not match fails without an errno.
@@ -254,8 +265,9 @@ public:
     /// Receives up to 32 bytes: ids of up to 21 bytes. @return As ReadMsg_TAV_Bool().
     bool ReadMsg_TAVOrg_Bool(const std::string& name, const std::string& msgId, bool& value, unsigned long timeout);
 
-    /// Receives up to 1024 bytes, or maxSize + 74 for a maxSize above 950. `maxSize` does not limit the text. A message
-    /// whose length field has a low byte of 0 is not understood, since one leading zero byte is skipped.
+    /// Receives up to 1024 bytes, or maxSize + 74 for a maxSize above 950, which wraps as those of the named format do.
+    /// `maxSize` does not limit the text. A message whose length field has a low byte of 0 is not understood, since one
+    /// leading zero byte is skipped.
     /// @return As ReadMsg_TAV_String().
     int ReadMsg_TAVOrg_String(const std::string& name, const std::string& msgId, std::string& text,
                               unsigned int maxSize, unsigned long timeout);
@@ -268,7 +280,8 @@ public:
     /// @{
 
     /// Opens the server (OpenServer() on channel 16) and starts the accept thread (`pthread_create`), which is neither
-    /// joined nor detached. Call it only while m_ServerSocket is -1.
+    /// joined nor detached: its stack, 8 MB of address space by default, stays when it has ended. Call it only while
+    /// m_ServerSocket is -1.
     /// @return False when the server does not open (the channel is taken, there is no Bluetooth) or the thread does not
     /// start; in the latter case the socket stays open.
     /// @errors As of OpenServer(). A thread that does not start leaves nothing in the log.
@@ -276,7 +289,8 @@ public:
 
     /// Stops the accept thread, waiting up to about a second, and closes the server with its clients (CloseServer()).
     /// Called right after OpenServer_TAV(), before the thread runs (m_AcceptRunning), it does not wait: the thread then
-    /// lives for one more cycle of up to a second, during which the object must not go.
+    /// lives for one more cycle of up to a second, during which the object must not go, nor the server be opened again,
+    /// or two threads accept its clients.
     /// @return False when no client was ever accepted: the socket then stays open, m_ServerSocket keeps it, nobody
     /// accepts any more, and the server's messages do not open it again. To start anew, close that socket and set
     /// m_ServerSocket to -1.
@@ -294,7 +308,7 @@ public:
     ///
     /// On Linux a client that hung up can hold this for ever: its accepted socket is blocking, stays readable, and the
     /// receive that follows the first failed one does not return. Close such a client with CloseClient().
-    /// @return As ReadMsg_TAV_Bool(), with one exception: true when the clock fails between clients.
+    /// @return As ReadMsg_TAV_Bool(), with one exception: true when the clock fails while there are clients.
     /// @errors Those of OpenServer() while opening, of ReadData() while reading.
     bool Server_ReadMsg_TAV_Bool(const std::string& name, const std::string& msgId, bool& value, unsigned long timeout);
     /// As Server_ReadMsg_TAV_Bool(), with a text. @return As ReadMsg_TAV_String(), also when the clock fails.
@@ -338,7 +352,7 @@ public:
     bool CloseAllServer();
 
     /// Entry of the accept thread: accepts clients of m_ServerSocket of `object`, a C_TAV_Bluetooth, in cycles of 1000
-    /// ms until m_StopAccept. @return Always null.
+    /// ms until m_StopAccept. Running out of memory there ends the process: nobody can catch it. @return Always null.
     static void* Thread_AcceptClient(void* object);
 
     /// @}
@@ -352,8 +366,9 @@ public:
     /// group) and keeps their summaries in m_Services, which every call empties first. A name that is not listed is
     /// looked for in the device list file and, only if BT_ParseFileDevices() returned true, by an inquiry.
     ///
-    /// Blocks for the SDP connection (5.12 s for a device that is not in range) and the search (BlueZ waits up to 20 s
-    /// for an answer), and for BT_Scan() before. The session of a successful query stays open: one descriptor a call.
+    /// Blocks for BT_Scan() if that was needed, for the SDP connection (the page time-out for a device that is not in
+    /// range) and for the search, in which BlueZ waits up to 20 s for each answer: a hostile device may never come to
+    /// an end. The session of a successful query stays open: one descriptor a call.
     /// @return False when the device is not found, or connection or search fail.
     /// @errors
     /// - ECONNREFUSED: the device has no SDP server (`sdp_connect`)

@@ -1,5 +1,6 @@
 // Outgoing connections, the listening server with its accept thread, and the server's messages.
 #include "bluetooth/C_TAV_Bluetooth.h"
+#include "bluetooth/constants.h"
 #include "bluetooth/system_calls.h"
 
 #include <bluetooth/hci.h>
@@ -7,46 +8,24 @@
 #include <bluetooth/rfcomm.h>
 #include <cstdint>
 #include <fcntl.h>
+#include <optional>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace tav_c_api_impl {
 
+using namespace bluetooth_calls;
 using tav_c_api::WriteLog_Dbg;
 
 namespace {
 
-constexpr unsigned char SERVER_CHANNEL = 16;
 constexpr unsigned long ACCEPT_CYCLE_MS = 1000;
 constexpr int LISTEN_BACKLOG = 1;
 constexpr useconds_t POLL_PAUSE_US = 500;
 
 // ---- Sockets --------------------------------------------------------------------------------------------------------
-
-// Closes its socket unless it was released: for the early returns of a socket under construction.
-class C_SocketGuard
-{
-public:
-    explicit C_SocketGuard(int socket) : m_Socket(socket) {}
-    ~C_SocketGuard()
-    {
-        if (m_Socket >= 0) close(m_Socket);
-    }
-    C_SocketGuard(const C_SocketGuard&) = delete;
-    C_SocketGuard& operator=(const C_SocketGuard&) = delete;
-
-    int Get() const { return m_Socket; }
-    int Release()
-    {
-        const int socket = m_Socket;
-        m_Socket = -1;
-        return socket;
-    }
-
-private:
-    int m_Socket;
-};
 
 int Open_Socket()
 {
@@ -77,7 +56,7 @@ void Fill_Address(sockaddr_rc& address, const bdaddr_t& device, unsigned char ch
 // decides both options; whether they were taken is not looked at.
 void Set_Security(int socket)
 {
-    constexpr int LINK_MODES[] = {
+    static constexpr int LINK_MODES[] = {
         0,                                                      // BT_SECURITY_SDP
         RFCOMM_LM_AUTH,                                         // BT_SECURITY_LOW
         RFCOMM_LM_AUTH | RFCOMM_LM_ENCRYPT,                     // BT_SECURITY_MEDIUM
@@ -88,6 +67,13 @@ void Set_Security(int socket)
     setsockopt(socket, SOL_BLUETOOTH, BT_SECURITY, &security, sizeof(security));
     const int linkMode = LINK_MODES[security.level];
     setsockopt(socket, SOL_RFCOMM, RFCOMM_LM, &linkMode, sizeof(linkMode));
+}
+
+// All that the accept thread does with the lists of clients, unguarded: the user program's thread walks them meanwhile.
+// The record is copied, so that what they hold is written here, too.
+void Append_Client(C_TAV_Bluetooth& bluetooth, int serverSocket, const S_BT_ScanDevice& client)
+{
+    bluetooth.m_ServerClients[serverSocket].push_back(S_BT_ScanDevice(client));
 }
 
 // ---- Server messages ------------------------------------------------------------------------------------------------
@@ -126,9 +112,12 @@ bool Get_Time(timeval& time)
     return gettimeofday(&time, nullptr) == 0;
 }
 
-// Whole milliseconds from `start` to `now`: 32 bits, wrapping; a clock that was set back counts as no time.
-std::uint32_t Get_Elapsed(const timeval& start, const timeval& now)
+// Whole milliseconds since `start`: 32 bits, wrapping; a clock that was set back counts as no time. Nothing when the
+// clock fails.
+std::optional<std::uint32_t> Get_Elapsed(const timeval& start)
 {
+    timeval now{};
+    if (!Get_Time(now)) return std::nullopt;
     const std::uint32_t seconds = static_cast<std::uint32_t>(now.tv_sec) - static_cast<std::uint32_t>(start.tv_sec);
     const auto microseconds = static_cast<std::int32_t>(now.tv_usec - start.tv_usec);
     const double elapsed = static_cast<std::int32_t>(seconds * 1000U) + microseconds / 1000.0;
@@ -147,19 +136,20 @@ template <typename READ>
 E_Poll Poll_Clients(C_TAV_Bluetooth& bluetooth, unsigned long timeout, READ read)
 {
     timeval start{};
-    timeval now{};
     if (!Open_IfClosed(bluetooth) || !Get_Time(start)) return E_Poll::FAILED;
     for (;;) {
         const auto* const clients = Get_Clients(bluetooth);
         if (!clients) {
-            if (!Get_Time(now) || Get_Elapsed(start, now) > timeout) return E_Poll::FAILED;
+            const auto elapsed = Get_Elapsed(start);
+            if (!elapsed || *elapsed > timeout) return E_Poll::FAILED;
             usleep(POLL_PAUSE_US);
             continue;
         }
         const std::size_t count = clients->size();
         for (std::size_t i = 0; i < count; ++i) {
-            if (!Get_Time(now)) return E_Poll::CLOCK_FAILED;
-            if (Get_Elapsed(start, now) > timeout) return E_Poll::FAILED;
+            const auto elapsed = Get_Elapsed(start);
+            if (!elapsed) return E_Poll::CLOCK_FAILED;
+            if (*elapsed > timeout) return E_Poll::FAILED;
             const int socket = (*Get_Clients(bluetooth))[i].Socket;
             if (socket >= 0 && read(socket)) return E_Poll::TAKEN;
         }
@@ -187,7 +177,7 @@ int C_TAV_Bluetooth::Connect_Index(unsigned int index, unsigned char channel, un
     WriteLog_Dbg("C_TAV_Bluetooth::Connect_Index - Start");
     if (index >= m_ScanDevices.size()) return -1;
     WriteLog_Dbg("C_TAV_Bluetooth::Connect_Index - 1");
-    C_SocketGuard guard(Open_Socket());
+    C_Guard<close> guard(Open_Socket());
     const int socket = guard.Get();
     if (socket < 0) return Fail_Call(OPERATION, "socket");
     WriteLog_Dbg("C_TAV_Bluetooth::Connect_Index - 2");
@@ -209,9 +199,11 @@ int C_TAV_Bluetooth::Connect_Index(unsigned int index, unsigned char channel, un
     }
     // Writable is connected: SO_ERROR is not read, on purpose. A refusal shows at the first transfer.
     WriteLog_Dbg("C_TAV_Bluetooth::Connect_Index - 4b(%d)", ready);
+    // May run out of memory, so before the record names the socket.
+    const auto entry = m_ClientSockets.insert({socket, index}).first;
     m_ScanDevices[index].Socket = socket;
     m_ScanDevices[index].Port = channel;
-    m_ClientSockets[socket] = index;
+    entry->second = index;  // in place of an earlier connection's
     return guard.Release();
 }
 
@@ -238,7 +230,7 @@ int C_TAV_Bluetooth::OpenServer(unsigned char channel)
 {
     constexpr const char* OPERATION = "OpenServer";
     WriteLog_Dbg("C_TAV_Bluetooth::OpenServer - Start(%d)", channel);
-    C_SocketGuard guard(Open_Socket());
+    C_Guard<close> guard(Open_Socket());
     const int socket = guard.Get();
     if (socket < 0) return Fail_Call(OPERATION, "socket");
     WriteLog_Dbg("C_TAV_Bluetooth::OpenServer - 1");
@@ -258,7 +250,7 @@ int C_TAV_Bluetooth::OpenServer(unsigned char channel)
 bool C_TAV_Bluetooth::OpenServer_TAV()
 {
     m_StopAccept = false;
-    m_ServerSocket = OpenServer(SERVER_CHANNEL);
+    m_ServerSocket = OpenServer(bluetooth_constants::NAMED_CHANNEL);
     if (m_ServerSocket < 0) return false;
     pthread_t thread{};  // neither joined nor detached: its end is learnt from m_AcceptRunning alone
     return pthread_create(&thread, nullptr, Thread_AcceptClient, this) == 0;
@@ -297,7 +289,8 @@ int C_TAV_Bluetooth::AcceptClient(int serverSocket, unsigned long timeout)
     WriteLog_Dbg("C_TAV_Bluetooth::AcceptClient - 3");
     sockaddr_rc peer{};
     socklen_t peerLength = sizeof(peer);
-    const int client = accept(serverSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength);
+    C_Guard<close> guard(accept(serverSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength));
+    const int client = guard.Get();
     if (client < 0) return Fail_Call(OPERATION, "accept");
     WriteLog_Dbg("C_TAV_Bluetooth::AcceptClient - 4");
     S_BT_ScanDevice device;
@@ -308,16 +301,16 @@ int C_TAV_Bluetooth::AcceptClient(int serverSocket, unsigned long timeout)
     WriteLog_Dbg("C_TAV_Bluetooth::AcceptClient - 5(Device Name : %s)", device.Name.c_str());
     char addrText[128] = {};
     ba2str(&peer.rc_bdaddr, addrText);
-    device.AddrText = Get_Text(addrText);
+    device.AddrText = addrText;
     device.Addr = peer.rc_bdaddr;
     WriteLog_Dbg("C_TAV_Bluetooth::AcceptClient - 5(Addr : %s)", device.AddrText.c_str());
     device.Socket = client;
     WriteLog_Dbg("C_TAV_Bluetooth::AcceptClient - 5(Socket : %d)", device.Socket);
     device.Port = peer.rc_channel;
     WriteLog_Dbg("C_TAV_Bluetooth::AcceptClient - 5(Port : %d)", device.Port);
-    m_ServerClients[serverSocket].push_back(device);
+    Append_Client(*this, serverSocket, device);
     WriteLog_Dbg("C_TAV_Bluetooth::AcceptClient - End(Client : %d)", client);
-    return client;
+    return guard.Release();
 }
 
 bool C_TAV_Bluetooth::CloseServer_TAV()
@@ -378,7 +371,7 @@ bool C_TAV_Bluetooth::CloseClient(int socket)
         for (S_BT_ScanDevice& client : clients) {
             if (client.Socket != socket) continue;
             Shut_And_Close(socket);
-            client = clients.back();
+            client = std::move(clients.back());  // not copied, which may run out of memory
             clients.pop_back();
             return true;
         }

@@ -1,5 +1,6 @@
 // Inquiry, the device list and its file, and the service query.
 #include "bluetooth/C_TAV_Bluetooth.h"
+#include "bluetooth/constants.h"
 #include "bluetooth/system_calls.h"
 #include "util/file_readers.h"
 
@@ -9,31 +10,32 @@
 #include <cstdint>
 #include <cstdio>
 #include <fcntl.h>
+#include <memory>
 #include <unistd.h>
 #include <utility>
 
 namespace tav_c_api_impl {
 
+using namespace bluetooth_calls;
+using namespace bluetooth_constants;
 using tav_c_api::WriteLog_Dbg;
 
 namespace {
 
 // ---- Device list file -----------------------------------------------------------------------------------------------
 
-// A record of the file: name, NUL | 1C | address text, NUL | 1A. Nothing stands before, between or behind records.
-// Robot2: 52 6F 62 6F 74 32 00 | 1C | 31 32 3A 33 34 3A 35 36 3A 37 38 3A 39 41 3A 42 43 00 | 1A
-
-constexpr const char* DEVICE_FOLDERS[] = {"../prjs/SD_Card/", "../prjs/"};  // memory card first
-constexpr const char* DEVICE_FILE = "__BTScan__";
-constexpr char FIELD_SEPARATOR = 0x1C;
-constexpr char RECORD_END = 0x1A;
 constexpr unsigned int TEXT_LIMIT = 256;  // without effect, see File_Read_String
+
+std::string Get_DevicePath(const char* folder)
+{
+    return std::string(folder) + DEVICE_FILE;
+}
 
 // Deletes and creates the file in the first folder that lets it be opened. Its descriptor, or -1.
 int Create_DeviceFile()
 {
     for (const char* folder : DEVICE_FOLDERS) {
-        const std::string path = std::string(folder) + DEVICE_FILE;
+        const std::string path = Get_DevicePath(folder);
         DeleteFile(path);
         const int file = open(path.c_str(), O_WRONLY | O_CREAT, 0666);
         if (file >= 0) return file;
@@ -55,7 +57,7 @@ void Write_DeviceRecord(int file, const S_BT_ScanDevice& device)
 FILE* Open_DeviceFile()
 {
     for (const char* folder : DEVICE_FOLDERS) {
-        const std::string path = std::string(folder) + DEVICE_FILE;
+        const std::string path = Get_DevicePath(folder);
         FILE* const file = fopen(path.c_str(), "rb");
         if (file) {
             WriteLog_Dbg("C_TAV_Bluetooth::BT_ParseFileDevices - Open file %s OK", path.c_str());
@@ -74,7 +76,6 @@ bool Read_Mark(FILE* file, char mark)
 
 // ---- Inquiry --------------------------------------------------------------------------------------------------------
 
-constexpr int INQUIRY_LENGTH = 8;  // x 1.28 s
 constexpr int MAX_RESPONSES = 255;
 constexpr int NAME_SIZE = 248;  // the longest name of a device
 
@@ -89,8 +90,9 @@ void Append_All(const sdp_list_t* list, std::vector<VALUE>& values)
 }
 
 // Reads a text attribute and logs it as `what`; a missing one leaves `text` as it is.
-void Read_Text(const sdp_record_t* record, int (*get)(const sdp_record_t*, char*, int), const char* what,
-               std::string& text)
+// The type of `get` differs between versions of BlueZ: it takes its buffer's size as int or as size_t.
+template <typename GET>
+void Read_Text(const sdp_record_t* record, GET get, const char* what, std::string& text)
 {
     char buffer[512] = {};
     get(record, buffer, sizeof(buffer));
@@ -143,8 +145,8 @@ int Search_Services(sdp_session_t* session, sdp_list_t*& responses)
 }
 
 // Copies one field of service `index`; false when there is none.
-template <typename VALUE>
-bool Copy_Field(const C_TAV_Bluetooth& bluetooth, unsigned int index, VALUE S_BT_ServicesData::*field, VALUE& value)
+template <typename FIELD, typename VALUE>
+bool Copy_Field(const C_TAV_Bluetooth& bluetooth, unsigned int index, FIELD field, VALUE& value)
 {
     if (index >= bluetooth.m_Services.size()) return false;
     value = bluetooth.m_Services[index].*field;
@@ -161,29 +163,24 @@ int C_TAV_Bluetooth::BT_Scan()
     WriteLog_Dbg("C_TAV_Bluetooth::BT_Scan - Start");
     const int adapter = hci_get_route(nullptr);
     if (adapter < 0) return Fail_Call(OPERATION, "hci_get_route");
-    const int device = hci_open_dev(adapter);
-    if (device < 0) return Fail_Call(OPERATION, "hci_open_dev");
-    std::vector<inquiry_info> responses(MAX_RESPONSES);
-    inquiry_info* buffer = responses.data();
+    const C_Guard<hci_close_dev> device(hci_open_dev(adapter));
+    if (device.Get() < 0) return Fail_Call(OPERATION, "hci_open_dev");
+    auto responses = std::make_unique<inquiry_info[]>(MAX_RESPONSES);
+    inquiry_info* buffer = responses.get();
     const int count = hci_inquiry(adapter, INQUIRY_LENGTH, MAX_RESPONSES, nullptr, &buffer, IREQ_CACHE_FLUSH);
-    if (count < 0) {
-        Fail_Call(OPERATION, "hci_inquiry");
-        hci_close_dev(device);
-        return -1;
-    }
-    const int file = Create_DeviceFile();
+    if (count < 0) return Fail_Call(OPERATION, "hci_inquiry");
+    const C_Guard<close> file(Create_DeviceFile());
     m_ScanDevices.clear();  // connected ones too; their sockets stay open
     for (int i = 0; i < count; ++i) {
         const bdaddr_t address = buffer[i].bdaddr;
         char addrText[32] = {};
         ba2str(&address, addrText);
         char name[NAME_SIZE] = {};
-        if (hci_read_remote_name(device, &address, NAME_SIZE, name, 0) != 0) continue;
-        m_ScanDevices.emplace_back(address, Get_Text(addrText), Get_Text(name));
-        if (file >= 0) Write_DeviceRecord(file, m_ScanDevices.back());
+        if (hci_read_remote_name(device.Get(), &address, NAME_SIZE, name, 0) != 0) continue;
+        m_ScanDevices.push_back(S_BT_ScanDevice(address, addrText, std::string(Get_Text(name))));
+        if (file.Get() >= 0) Write_DeviceRecord(file.Get(), m_ScanDevices.back());
     }
-    if (file >= 0) close(file);
-    hci_close_dev(device);
+    responses.reset();  // before the file and the adapter are closed
     return static_cast<int>(m_ScanDevices.size());
 }
 

@@ -1,6 +1,6 @@
 // The two message formats: builders, readers, and the public operations that connect on demand.
 #include "bluetooth/C_TAV_Bluetooth.h"
-#include "bluetooth/system_calls.h"
+#include "bluetooth/constants.h"
 #include "util/binary_dump.h"
 #include "util/number_codecs.h"
 
@@ -11,14 +11,11 @@
 
 namespace tav_c_api_impl {
 
+using namespace bluetooth_constants;
 using tav_c_api::WriteLog_Dbg;
 using tav_c_api::WriteLogBinaryData_Dbg;
 
 namespace {
-
-constexpr unsigned char CLASSIC_CHANNEL = 1;
-constexpr unsigned char NAMED_CHANNEL = 16;
-constexpr unsigned long CONNECT_TIMEOUT_MS = 20000;
 
 // ---- Steps in the log -----------------------------------------------------------------------------------------------
 
@@ -66,17 +63,13 @@ std::string Build_TAVOrg(const std::string& msgId, std::string_view payload)
     message.reserve(2 + rest);
     Append_Num16(message, rest);
     Append_Num16(message, 1);
-    message += "\x81\x9E";  // system command without reply, write mailbox
+    message += WRITE_MAILBOX;
     message += static_cast<char>((msgId.size() + 1) & 0xFFU);
     message += With_Nul(msgId);
     Append_Num16(message, payload.size());
     message += payload;
     return message;
 }
-
-constexpr unsigned char TYPE_TEXT = 0x01;
-constexpr unsigned char TYPE_BOOL = 0x03;
-constexpr unsigned char TYPE_DATA = 0x04;
 
 // Named message: type | sender, NUL | id, NUL     | value: bool 1 byte; text, NUL; or data size (4 bytes), data.
 // Bool true:      03  |  41 42 00   | 61 62 63 00 | 01
@@ -174,59 +167,55 @@ bool Receive(C_TAV_Bluetooth& bluetooth, const S_Receiver& receiver, int socket,
     return count >= 0;
 }
 
-// A position in received bytes. Every step takes a value and moves on, or returns false and stays.
+// Received bytes, taken from the front. Every step takes a value, or returns false and takes nothing.
 struct S_Cursor
 {
-    std::string_view Bytes;
-    std::size_t Pos = 0;  // never beyond the end
-
-    std::size_t Left() const { return Bytes.size() - Pos; }
-    std::string_view Rest() const { return Bytes.substr(Pos); }
+    std::string_view Left;
 
     bool Skip(std::size_t count)
     {
-        if (count > Left()) return false;
-        Pos += count;
+        if (count > Left.size()) return false;
+        Left.remove_prefix(count);
         return true;
     }
 
     bool Take_Byte(unsigned char& value)
     {
-        if (Left() > 0) value = static_cast<unsigned char>(Bytes[Pos]);
+        if (!Left.empty()) value = static_cast<unsigned char>(Left[0]);
         return Skip(1);
     }
 
     bool Take_Num(unsigned int nbytes, unsigned int& value)
     {
-        if (nbytes <= Left()) Write_BufByte_To_NumDec(Bytes.data() + Pos, nbytes, value);
+        if (nbytes <= Left.size()) Write_BufByte_To_NumDec(Left.data(), nbytes, value);
         return Skip(nbytes);
     }
 
     // A text up to its NUL.
     bool Take_Text(std::string_view& text)
     {
-        const std::size_t end = Bytes.find('\0', Pos);
+        const std::size_t end = Left.find('\0');
         if (end == std::string_view::npos) return false;
-        text = Bytes.substr(Pos, end - Pos);
-        return Skip(text.size() + 1);
+        text = Left.substr(0, end);
+        return Skip(end + 1);
     }
 };
 
-// The first bytes of `rest`, all but one of `size`; a size of 0 wraps around and gives all of them.
-std::string_view Without_Last(std::string_view rest, std::size_t size)
+// The first bytes of `left`, all but one of `size`; a size of 0 wraps around and gives all of them.
+std::string_view Without_Last(std::string_view left, std::size_t size)
 {
-    return rest.substr(0, size - 1);
+    return left.substr(0, size - 1);
 }
 
 // Takes a classic message up to its payload length. False: too short, or another id.
 bool Take_TAVOrgId(const char* operation, S_Cursor& in, const std::string& msgId)
 {
     unsigned char size = 0;
-    if (in.Left() > 0 && in.Bytes[0] == 0) in.Skip(1);  // one zero byte is skipped, whatever caused it
+    if (!in.Left.empty() && in.Left[0] == 0) in.Skip(1);  // one zero byte is skipped, whatever caused it
     if (!in.Skip(6) || !in.Take_Byte(size)) return false;
     WriteLog_Dbg("C_TAV_Bluetooth::%s - Length of MsgId : %lu", operation, static_cast<unsigned long>(size));
-    if (size > in.Left()) return false;
-    const std::string_view received = Without_Last(in.Rest(), size);
+    if (size > in.Left.size()) return false;
+    const std::string_view received = Without_Last(in.Left, size);
     WriteLog_Dbg("C_TAV_Bluetooth::%s - MsgId : %.*s", operation, static_cast<int>(received.size()), received.data());
     if (received == msgId) return in.Skip(size);
     Log_Step(operation, "Error (Msg Id)");
@@ -354,7 +343,7 @@ bool C_TAV_Bluetooth::_SendMsg_TAV_String(int socket, const std::string& msgId, 
 int C_TAV_Bluetooth::_ReadMsg_TAV_Data(int socket, const std::string& name, const std::string& msgId, std::string& data,
                                        unsigned int maxSize, unsigned long timeout)
 {
-    constexpr S_Receiver RECEIVER = {"_ReadMsg_TAV_Data", "Read Data", 835};
+    constexpr S_Receiver RECEIVER = {"_ReadMsg_TAV_Data", "Read Data", FIXED_DATA_LIMIT};
     Log_Step(RECEIVER.Operation, "Start");
     data.clear();
     S_Received received;
@@ -362,8 +351,8 @@ int C_TAV_Bluetooth::_ReadMsg_TAV_Data(int socket, const std::string& name, cons
     S_Cursor in{received.Get_Bytes()};
     if (!Take_TAVHeader(received.IsFixed ? RECEIVER.Operation : nullptr, READ_DATA, in, name, msgId)) return -1;
     unsigned int size = 0;
-    if (!in.Take_Num(4, size) || in.Left() == 0) return -1;  // at least one byte must follow the size
-    data = in.Rest().substr(0, std::min(maxSize, size));
+    if (!in.Take_Num(4, size) || in.Left.empty()) return -1;  // at least one byte must follow the size
+    data = in.Left.substr(0, std::min(maxSize, size));
     return static_cast<int>(data.size());
 }
 
@@ -383,14 +372,14 @@ bool C_TAV_Bluetooth::_ReadMsg_TAV_Bool(int socket, const std::string& name, con
 int C_TAV_Bluetooth::_ReadMsg_TAV_String(int socket, const std::string& name, const std::string& msgId,
                                          std::string& text, unsigned int maxSize, unsigned long timeout)
 {
-    constexpr S_Receiver RECEIVER = {"_ReadMsg_TAV_String", "1", 839};
+    constexpr S_Receiver RECEIVER = {"_ReadMsg_TAV_String", "1", FIXED_TEXT_LIMIT};
     Log_Step(RECEIVER.Operation, "Start");
     S_Received received;
     if (!Receive(*this, RECEIVER, socket, maxSize, timeout, received)) return -1;
     const char* const operation = received.IsFixed ? RECEIVER.Operation : nullptr;
     S_Cursor in{received.Get_Bytes()};
     if (!Take_TAVHeader(operation, READ_TEXT, in, name, msgId)) return -1;
-    text = Without_Last(in.Rest(), in.Left());  // the last byte is dropped, whatever it holds
+    text = Without_Last(in.Left, in.Left.size());  // the last byte is dropped, whatever it holds
     Log_Text(operation, "5", text);
     return static_cast<int>(text.size());
 }
@@ -433,7 +422,7 @@ bool C_TAV_Bluetooth::_ReadMsg_TAVOrg_Bool(int socket, const std::string& /*name
 int C_TAV_Bluetooth::_ReadMsg_TAVOrg_String(int socket, const std::string& /*name*/, const std::string& msgId,
                                             std::string& text, unsigned int maxSize, unsigned long timeout)
 {
-    constexpr S_Receiver RECEIVER = {"_ReadMsg_TAVOrg_String", "1", 950};
+    constexpr S_Receiver RECEIVER = {"_ReadMsg_TAVOrg_String", "1", FIXED_CLASSIC_TEXT_LIMIT};
     Log_Step(RECEIVER.Operation, "Start");
     S_Received received;
     if (!Receive(*this, RECEIVER, socket, maxSize, timeout, received)) return -1;
@@ -443,8 +432,8 @@ int C_TAV_Bluetooth::_ReadMsg_TAVOrg_String(int socket, const std::string& /*nam
     if (!Take_TAVOrgId(RECEIVER.Operation, in, msgId) || !in.Take_Num(2, size)) return -1;
     WriteLog_Dbg("C_TAV_Bluetooth::%s - Length of Msg Text : %lu", RECEIVER.Operation,
                  static_cast<unsigned long>(size));
-    if (size > in.Left()) return -1;
-    text = Without_Last(in.Rest(), size);
+    if (size > in.Left.size()) return -1;
+    text = Without_Last(in.Left, size);
     WriteLog_Dbg("C_TAV_Bluetooth::%s - Msg Text : %s", RECEIVER.Operation, text.c_str());
     return static_cast<int>(text.size());
 }

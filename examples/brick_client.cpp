@@ -1,34 +1,43 @@
 // A brick that looks for another brick, sends it messages and checks that each comes back unchanged.
 #include "api/tav_c_api.h"
 #include "bluetooth/C_TAV_Bluetooth.h"
+#include "host/printable.h"
 
 #include <csignal>
 #include <future>
 #include <iostream>
 #include <thread>
 
+using tav_host::Printable;  // what other devices say may hold anything
+
+static int Fail(const std::string& what)
+{
+    std::cerr << what << '\n';
+    return 1;
+}
+
 int main(int argc, char** argv)
 {
-    if (argc != 2) return std::cerr << "usage: brick_client NAME    (the brick that runs brick_server)\n", 2;
+    if (argc != 2) return Fail("usage: brick_client NAME    (the brick that runs brick_server)");
     const std::string other = argv[1];
     std::string self;
     tav_c_api_impl::Get_TAVBrickName(self);
     signal(SIGPIPE, SIG_IGN);
     tav_c_api_impl::C_TAV_Bluetooth bluetooth;
-    std::cout << self << "  looks around " << std::flush;  // for 10.24 s
+    std::cout << self << "  looks around " << std::flush;  // for the whole inquiry
     auto scan = std::async(std::launch::async, [&] { return bluetooth.BT_Scan(); });
     while (scan.wait_for(std::chrono::milliseconds(500)) != std::future_status::ready)
         std::cout << "." << std::flush;
     std::cout << std::endl;
-    if (scan.get() < 0) return std::cerr << "There is no Bluetooth adapter that works (TAV_LOG=- shows why)\n", 1;
+    if (scan.get() < 0) return Fail("There is no Bluetooth adapter that works (TAV_LOG=- shows why)");
     for (const auto& device : bluetooth.m_ScanDevices)
-        std::cout << self << "    sees " << device.Name << " at " << device.AddrText << std::endl;
-    if (bluetooth.Get_IndexScanDevice(other) < 0) return std::cerr << other << " was not found\n", 1;
+        std::cout << self << "    sees " << Printable(device.Name) << " at " << device.AddrText << std::endl;
+    if (bluetooth.Get_IndexScanDevice(other) < 0) return Fail(other + " was not found");
     const auto index = static_cast<std::size_t>(bluetooth.Get_IndexScanDevice(other));
 
     std::cout << self << "    services of " << other << ": " << bluetooth.Get_BT_Services_Count(other) << std::endl;
     for (const auto& service : bluetooth.m_Services)
-        std::cout << self << "      channel " << service.PortRFCOMM << "  " << service.Name << std::endl;
+        std::cout << self << "      channel " << service.PortRFCOMM << "  " << Printable(service.Name) << std::endl;
 
     bool allUnchanged = true;
     const auto check = [&](const char* what, bool unchanged) {

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The radio of the lab: Bluetooth 2.0 BR/EDR controllers that reach each other, each behind a UNIX socket.
 
-    radio.py [--trace DIR] [--speed N] DIR NAME=ADDRESS ...
+    radio.py [--speed N] DIR NAME=ADDRESS ...
 
 Each controller listens on DIR/NAME and speaks HCI over H4 to the one host that connects there. Stdout says "ready" once
 all of them listen. Then every line on stdin is a command, answered by one line, "ok" or "error: <reason>":
@@ -11,23 +11,31 @@ all of them listen. Then every line on stdin is a command, answered by one line,
     nameless NAME | named NAME   the device ignores name requests, answers them again
     refuse NAME | accept NAME    the device refuses every connection (limited resources), is asked again
     slow NAME BYTES_PER_SECOND   each link of the device carries ACL data at this rate, each way; 0: as fast as it can
+    trace DIR                    from now on, the HCI packets of each controller are written to DIR/NAME.btsnoop
 
 The radio ends with its stdin, so it never outlives its parent. Inquiry, paging and supervision take the times of the
 Core specification, but a device in page scan answers a page within a moment, and nothing is lost or repeated on the
 air. --speed divides all times, those of slow links too. There is no pairing, encryption, role switch, SCO or low power.
 """
+
+from __future__ import annotations
+
 import argparse
 import asyncio
 import contextlib
+import functools
 import io
 import os
 import re
+import shlex
 import signal
 import struct
 import sys
 import threading
 import time
 from collections import deque
+from collections.abc import Callable
+from typing import Any, NoReturn, TypeVar
 
 # H4 packet types, and the struct of what follows the type byte: the last field is the length of the rest
 H4_COMMAND, H4_ACL, H4_SCO, H4_EVENT = 1, 2, 3, 4
@@ -51,6 +59,7 @@ EV_CLOCK_OFFSET, EV_PACKET_TYPE_CHANGED = 0x1C, 0x1D
 
 # Status and reason codes
 SUCCESS, UNKNOWN_COMMAND, UNKNOWN_CONNECTION, PAGE_TIMED_OUT, CONNECTION_TIMED_OUT = 0x00, 0x01, 0x02, 0x04, 0x08
+LIMIT_EXCEEDED = 0x09
 ACL_ALREADY_EXISTS, COMMAND_DISALLOWED, REJECTED_LIMITED_RESOURCES, ACCEPT_TIMED_OUT = 0x0B, 0x0C, 0x0D, 0x10
 INVALID_PARAMETERS, ENDED_BY_LOCAL_HOST = 0x12, 0x16
 
@@ -59,6 +68,7 @@ INQUIRY_UNIT = 1.28  # seconds
 PAGE_LATENCY = 0.02  # seconds at any speed; a blocking connect of Linux 6.1 misses a faster refusal and waits 31 s
 INQUIRY_SCAN, PAGE_SCAN = 1, 2  # bits of Write Scan Enable
 LINK_TYPE_ACL = 1
+MAX_LINKS = 7  # of a piconet
 MAX_HANDLE = 0x0EFF
 PB_MASK, PB_START = 0x3000, 0x2000  # packet boundary flag, above the handle in an ACL header
 NAME_SIZE = 248
@@ -117,11 +127,11 @@ class Trace:
     UNIX_EPOCH = 0x00DCDDB30F2F8000  # 1970 in microseconds since the year 0, from where btsnoop counts
     H4_DATALINK = 1002
 
-    def __init__(self, path):
+    def __init__(self, path: str) -> None:
         self.file = open(path, "wb", buffering=0)  # complete at any moment, however the radio ends
         self.file.write(b"btsnoop\0" + struct.pack(">II", 1, self.H4_DATALINK))
 
-    def write(self, packet, to_host):
+    def write(self, packet: bytes, to_host: bool) -> None:
         flags = (1 if to_host else 0) | (2 if packet[0] in (H4_COMMAND, H4_EVENT) else 0)
         stamp = self.UNIX_EPOCH + time.time_ns() // 1000
         self.file.write(struct.pack(">IIIIq", len(packet), len(packet), flags, 0, stamp) + packet)
@@ -130,9 +140,7 @@ class Trace:
 class Device:
     """A device on the air. By itself it is a bare one, with no host behind it, that never accepts a connection."""
 
-    answers_pages = False  # for a connection
-
-    def __init__(self, radio, name, address):
+    def __init__(self, radio: Radio, name: str, address: bytes) -> None:
         self.radio = radio
         self.name = name.encode()  # what it tells in answer to a name request
         self.address = address  # 6 bytes, the last of the text form first, as in HCI
@@ -142,34 +150,34 @@ class Device:
         self.tells_name = True
         self.refuses = False
         self.rate = 0  # bytes a second on each link, 0: no limit
-        self.ends = {}  # its ends of links, by handle
+        self.ends: dict[int, LinkEnd] = {}  # its ends of links, by handle
 
-    def padded_name(self):
+    def padded_name(self) -> bytes:
         return self.name[:NAME_SIZE].ljust(NAME_SIZE, b"\0")
 
-    def end_towards(self, other):
+    def end_towards(self, other: Device | None) -> LinkEnd | None:
         return next((end for end in self.ends.values() if end.peer.device is other), None)
 
 
 class LinkEnd:
     """One end of an ACL link, and the packets of its host that the other end has not yet acknowledged."""
 
-    def __init__(self, link, device):
+    def __init__(self, link: Link, device: Controller) -> None:
         self.link = link
         self.device = device
         self.handle = device.free_handle()
-        self.peer = None  # the other end, which stays known when it is closed
+        self.peer: LinkEnd  # the other end, which stays known when it is closed
         self.open = True
-        self.unacknowledged = deque()  # (packet boundary flag, data)
-        self.slow_delivery = None  # timer
-        self.supervision = None  # timer, runs while the other end is silent
+        self.unacknowledged: deque[tuple[int, bytes]] = deque()  # (packet boundary flag, data)
+        self.slow_delivery: asyncio.TimerHandle | None = None
+        self.supervision: asyncio.TimerHandle | None = None  # runs while the other end is silent
         device.ends[self.handle] = self
 
-    def send(self, flag, data):
+    def send(self, flag: int, data: bytes) -> None:
         self.unacknowledged.append((flag, data))
         self.deliver()
 
-    def deliver(self):
+    def deliver(self) -> None:
         """Delivers all that can be delivered now, and sets a timer for the next packet of a slow link."""
         while self.unacknowledged and not self.slow_delivery and self.can_deliver():
             rate = self.link.rate()
@@ -179,27 +187,27 @@ class LinkEnd:
             else:
                 self.deliver_one()
 
-    def deliver_slowly(self):
+    def deliver_slowly(self) -> None:
         self.slow_delivery = None
         if self.can_deliver():  # else it stays unacknowledged
             self.deliver_one()
         self.deliver()
 
-    def deliver_one(self):
+    def deliver_one(self) -> None:
         flag, data = self.unacknowledged.popleft()
         self.device.event(EV_COMPLETED_PACKETS, struct.pack("<BHH", 1, self.handle, 1))
         self.peer.device.send(struct.pack("<BHH", H4_ACL, self.peer.handle | flag, len(data)) + data)
 
-    def can_deliver(self):
+    def can_deliver(self) -> bool:
         return self.link.carries() and not self.peer.device.host_stalls
 
-    def change_rate(self):
+    def change_rate(self) -> None:
         if self.slow_delivery:
             self.slow_delivery.cancel()
             self.slow_delivery = None
         self.deliver()
 
-    def supervise(self):
+    def supervise(self) -> None:
         """Called whenever one end may have become silent or audible to the other."""
         if self.supervision and (self.link.carries() or not self.open):
             self.supervision.cancel()
@@ -209,7 +217,7 @@ class LinkEnd:
             self.supervision = self.device.radio.later(seconds, self.close, CONNECTION_TIMED_OUT)
         self.deliver()
 
-    def close(self, reason=None):
+    def close(self, reason: int | None = None) -> None:
         """Ends the link here, telling the host why unless it is past caring. The other end notices by itself."""
         if not self.open:
             return
@@ -225,16 +233,16 @@ class LinkEnd:
 class Link:
     """An ACL link: two ends, each of which outlives the other until it notices its silence."""
 
-    def __init__(self, master, slave):
+    def __init__(self, master: Controller, slave: Controller) -> None:
         self.supervision_timeout = 0x7D00  # slots, 20 s; 0: none
         self.master, self.slave = LinkEnd(self, master), LinkEnd(self, slave)
         self.master.peer, self.slave.peer = self.slave, self.master
 
-    def carries(self):
+    def carries(self) -> bool:
         master, slave = self.master, self.slave
         return master.open and slave.open and master.device.in_range and slave.device.in_range
 
-    def rate(self):
+    def rate(self) -> int:
         """Bytes a second: of the slower end; 0 if both are fast."""
         rates = self.master.device.rate, self.slave.device.rate
         return min(rates) or max(rates)
@@ -243,14 +251,18 @@ class Link:
 class Page:
     """One controller's page of a device, for its name or a connection, repeated until it is answered or times out."""
 
-    def __init__(self, pager, address, for_name):
+    def __init__(self, pager: Controller, address: bytes, for_name: bool) -> None:
         self.pager, self.address, self.for_name = pager, address, for_name
         self.over = False
-        self.asked = None  # the device that answered and now waits for its host to accept the connection
+        self.asked: Controller | None = (
+            None  # the device that answered and now waits for its host to accept the connection
+        )
         self.timer = pager.radio.later(pager.page_timeout * SLOT, self.finish, PAGE_TIMED_OUT)
 
-    def attempt(self):
+    def attempt(self) -> None:
         device = self.pager.radio.find(self.address)
+        if not self.over and not self.for_name and len(self.pager.ends) >= MAX_LINKS:
+            self.finish(LIMIT_EXCEEDED)
         if self.over or self.asked or not device or not self.pager.hears(device):
             return
         linked = device.end_towards(self.pager)
@@ -259,32 +271,32 @@ class Page:
         if self.for_name:
             if device.tells_name:
                 self.finish(SUCCESS, device.padded_name())
-        elif device.refuses:
+        elif device.refuses or (not linked and len(device.ends) >= MAX_LINKS):
             self.finish(REJECTED_LIMITED_RESOURCES)
         elif linked:  # the device has not yet noticed that the last link is gone
             self.finish(ACL_ALREADY_EXISTS)
-        elif device.answers_pages:
+        elif isinstance(device, Controller):
             self.ask(device)
 
-    def ask(self, device):
+    def ask(self, device: Controller) -> None:
         self.asked = device
         self.timer.cancel()
-        self.timer = self.pager.radio.later(device.accept_timeout * SLOT, self.not_accepted)
+        self.timer = self.pager.radio.later(device.accept_timeout * SLOT, self.not_accepted, device)
         caller = self.pager.address + self.pager.device_class + bytes([LINK_TYPE_ACL])
         device.event(EV_CONNECTION_REQUEST, caller)
 
-    def not_accepted(self):
-        self.asked.connection_complete(ACCEPT_TIMED_OUT, self.pager.address)
+    def not_accepted(self, device: Controller) -> None:
+        device.connection_complete(ACCEPT_TIMED_OUT, self.pager.address)
         self.finish(ACCEPT_TIMED_OUT)
 
-    def finish(self, status, name=b""):
+    def finish(self, status: int, name: bytes = b"") -> None:
         self.cancel()
         if self.for_name:
             self.pager.event(EV_REMOTE_NAME, bytes([status]) + self.address + name.ljust(NAME_SIZE, b"\0"))
         else:
             self.pager.connection_complete(status, self.address)
 
-    def cancel(self):
+    def cancel(self) -> None:
         self.over = True
         self.timer.cancel()
         del self.pager.pages[self.address, self.for_name]
@@ -293,20 +305,18 @@ class Page:
 class Controller(Device):
     """A device with a host: the HCI commands of the host, and what the host is told."""
 
-    answers_pages = True
-
-    def __init__(self, radio, name, address):
+    def __init__(self, radio: Radio, name: str, address: bytes) -> None:
         super().__init__(radio, name, address)
-        self.trace = None
-        self.host = None
+        self.trace: Trace | None = None
+        self.host: HostPort | None = None
         self.host_stalls = False  # the host does not read what it is sent
-        self.pages = {}  # by address and whether for the name
-        self.inquiry_timers = []
+        self.pages: dict[tuple[bytes, bool], Page] = {}  # by address and whether for the name
+        self.inquiry_timers: list[asyncio.TimerHandle] = []
         self.last_handle = 0
         self.opcode = 0  # of the command that is being answered
         self.reset()
 
-    def reset(self):
+    def reset(self) -> None:
         """Back to the defaults. Links vanish without a word on the air, as when the power fails."""
         for end in list(self.ends.values()):
             end.close()
@@ -321,39 +331,39 @@ class Controller(Device):
 
     # The host
 
-    def set_host(self, host):
+    def set_host(self, host: HostPort | None) -> None:
         """A host connects, or disconnects (None), which switches the device off."""
         self.host = host
         self.host_stalls = False
         self.reset()
 
-    def stall(self, stalls):
+    def stall(self, stalls: bool) -> None:
         """While the host does not read, its controller acknowledges nothing: the senders wait, not this process."""
         self.host_stalls = stalls
         for end in list(self.ends.values()):
             end.peer.deliver()
 
-    def send(self, packet):
+    def send(self, packet: bytes) -> None:
         if self.host:
             self.host.send(packet)
 
-    def event(self, code, parameters):
+    def event(self, code: int, parameters: bytes) -> None:
         self.send(bytes([H4_EVENT, code, len(parameters)]) + parameters)
 
-    def complete(self, parameters=b"", status=SUCCESS):
+    def complete(self, parameters: bytes = b"", status: int = SUCCESS) -> None:
         self.event(EV_COMMAND_COMPLETE, struct.pack("<BHB", 1, self.opcode, status) + parameters)
 
-    def status(self, status=SUCCESS):
+    def status(self, status: int = SUCCESS) -> None:
         self.event(EV_COMMAND_STATUS, struct.pack("<BBH", status, 1, self.opcode))
 
-    def receive(self, packet_type, field, payload):
+    def receive(self, packet_type: int, field: int, payload: bytes) -> None:
         """Takes a packet of the host; field is the opcode, or the handle with its flags."""
         if packet_type == H4_COMMAND:
             self.command(field, payload)
         elif packet_type == H4_ACL and (end := self.ends.get(field & 0x0FFF)):
             end.send(field & PB_MASK or PB_START, payload)  # a host may mark a start with 0, a controller may not
 
-    def command(self, opcode, parameters):
+    def command(self, opcode: int, parameters: bytes) -> None:
         self.opcode = opcode
         try:
             if opcode in FIXED_ANSWERS:
@@ -376,63 +386,65 @@ class Controller(Device):
         except HciError as error:
             self.status(error.args[0])
 
-    def check_handle(self, parameters):
+    def check_handle(self, parameters: bytes) -> None:
         self.find_end(*struct.unpack_from("<H", parameters))
 
-    def find_end(self, handle):
+    def find_end(self, handle: int) -> LinkEnd:
         if handle not in self.ends:
             raise HciError(UNKNOWN_CONNECTION)
         return self.ends[handle]
 
-    def free_handle(self):
+    def free_handle(self) -> int:
         """The next handle that is not in use: one just closed is not soon reused, for the host may still send on it."""
         self.last_handle = self.last_handle % MAX_HANDLE + 1
         return self.last_handle if self.last_handle not in self.ends else self.free_handle()
 
     # The air
 
-    def hears(self, device):
+    def hears(self, device: Device) -> bool:
         return device is not self and device.in_range and self.in_range
 
-    def connection_complete(self, status, address, handle=0):
+    def connection_complete(self, status: int, address: bytes, handle: int = 0) -> None:
         self.event(EV_CONNECTION_COMPLETE, struct.pack("<BH6sBB", status, handle, address, LINK_TYPE_ACL, 0))
 
-    def start_page(self, address, for_name):
+    def start_page(self, address: bytes, for_name: bool) -> None:
         if (address, for_name) in self.pages:
             raise HciError(COMMAND_DISALLOWED)
         self.status()
         page = self.pages[address, for_name] = Page(self, address, for_name)
         self.radio.loop.call_later(PAGE_LATENCY, page.attempt)
 
-    def cancel_page(self, address, for_name):
+    def cancel_page(self, address: bytes, for_name: bool) -> None:
         page = self.pages.get((address, for_name))
         self.complete(address, SUCCESS if page else UNKNOWN_CONNECTION)
         if page:
             page.finish(UNKNOWN_CONNECTION)
 
-    def page_from(self, address):
+    def page_from(self, address: bytes) -> Page | None:
         """The page of the device with this address that waits for the answer of this controller's host, or None."""
         pager = self.radio.find(address)
-        page = pager.pages.get((self.address, False)) if isinstance(pager, Controller) else None
-        return page if page and page.asked is self and self.hears(pager) else None
+        if not isinstance(pager, Controller) or not self.hears(pager):
+            return None
+        page = pager.pages.get((self.address, False))
+        return page if page and page.asked is self else None
 
-    def inquiry_result(self, device):
+    def inquiry_result(self, device: Device) -> None:
         if self.hears(device) and device.scan & INQUIRY_SCAN:
             found = device.address + bytes([1, 0, 0]) + device.device_class + bytes(2)  # page scan R1, clock offset 0
             self.event(EV_INQUIRY_RESULT, b"\1" + found)
 
-    def inquiry_over(self):
+    def inquiry_over(self) -> None:
         self.stop_inquiry()
         self.event(EV_INQUIRY_COMPLETE, bytes([SUCCESS]))
 
-    def stop_inquiry(self):
+    def stop_inquiry(self) -> None:
         for timer in self.inquiry_timers:
             timer.cancel()
         self.inquiry_timers = []
 
     # Handlers of commands
 
-    def inquiry(self, _access_code, length, most):
+    def inquiry(self, _access_code: bytes, length: int, most: int) -> None:
         """Each device answers once, spread over the first half; the inquiry lasts to its end even if none is left."""
         if self.inquiry_timers:
             raise HciError(COMMAND_DISALLOWED)
@@ -445,16 +457,16 @@ class Controller(Device):
             self.inquiry_timers.append(self.radio.later(step * (i + 1), self.inquiry_result, device))
         self.inquiry_timers.append(self.radio.later(seconds, self.inquiry_over))
 
-    def inquiry_cancel(self):
+    def inquiry_cancel(self) -> None:
         self.stop_inquiry()
         self.complete()
 
-    def create_connection(self, address, *_):
+    def create_connection(self, address: bytes, *_: int) -> None:
         if any(end.peer.device.address == address for end in self.ends.values()):
             raise HciError(ACL_ALREADY_EXISTS)
         self.start_page(address, for_name=False)
 
-    def accept_connection(self, address, _role):
+    def accept_connection(self, address: bytes, _role: int) -> None:
         page = self.page_from(address)
         if not page and self.end_towards(self.radio.find(address)):
             raise HciError(ACL_ALREADY_EXISTS)  # the two paged each other, and the other host was faster
@@ -469,13 +481,13 @@ class Controller(Device):
         if own_page := self.pages.get((address, False)):
             own_page.finish(ACL_ALREADY_EXISTS)
 
-    def reject_connection(self, address, reason):
+    def reject_connection(self, address: bytes, reason: int) -> None:
         self.status()
         if page := self.page_from(address):
             page.finish(reason)
         self.connection_complete(reason, address)
 
-    def disconnect(self, handle, reason):
+    def disconnect(self, handle: int, reason: int) -> None:
         end = self.find_end(handle)
         self.status()
         heard = end.link.carries()
@@ -483,33 +495,33 @@ class Controller(Device):
         if heard:
             end.peer.close(reason)
 
-    def role_discovery(self, handle):
+    def role_discovery(self, handle: int) -> None:
         end = self.find_end(handle)
         self.complete(struct.pack("<HB", handle, 0 if end is end.link.master else 1))
 
-    def hci_reset(self):
+    def hci_reset(self) -> None:
         self.reset()
         self.complete()
 
-    def write_scan_enable(self, scan):
+    def write_scan_enable(self, scan: int) -> None:
         self.scan = scan
         self.complete()
         self.radio.repeat_pages()
 
-    def read_supervision_timeout(self, handle):
+    def read_supervision_timeout(self, handle: int) -> None:
         self.complete(struct.pack("<HH", handle, self.find_end(handle).link.supervision_timeout))
 
-    def write_supervision_timeout(self, handle, slots):
+    def write_supervision_timeout(self, handle: int, slots: int) -> None:
         self.find_end(handle).link.supervision_timeout = slots  # the link managers tell each other
         self.complete(struct.pack("<H", handle))
 
-    def set_value(self, attribute, value):
+    def set_value(self, attribute: str, value: int | bytes) -> None:
         setattr(self, attribute, value)
         self.complete()
 
 
 # Opcode -> handler and the layout of its parameters. Parameters of another length are refused before the handler.
-HANDLERS = {
+HANDLERS: dict[int, tuple[Callable[..., object], str]] = {
     INQUIRY: (Controller.inquiry, "3sBB"),
     INQUIRY_CANCEL: (Controller.inquiry_cancel, ""),
     CREATE_CONNECTION: (Controller.create_connection, "6sHBBHB"),
@@ -540,32 +552,34 @@ HANDLERS = {
 class HostPort(asyncio.Protocol):
     """One connection of a host to a controller's socket: cuts the byte stream into H4 packets."""
 
-    def __init__(self, controller, name):
+    def __init__(self, controller: Controller, name: str) -> None:
         self.controller, self.name = controller, name
         self.buffer = bytearray()
+        self.transport: asyncio.Transport
 
-    def connection_made(self, transport):
+    def connection_made(self, transport: asyncio.BaseTransport) -> None:
+        assert isinstance(transport, asyncio.Transport)
         self.transport = transport
         if self.controller.host:
             self.drop("it has a host already")
         else:
             self.controller.set_host(self)
 
-    def connection_lost(self, _exception):
+    def connection_lost(self, _exception: Exception | None) -> None:
         if self.controller.host is self:
             self.controller.set_host(None)
 
-    def pause_writing(self):
+    def pause_writing(self) -> None:
         self.controller.stall(True)
 
-    def resume_writing(self):
+    def resume_writing(self) -> None:
         self.controller.stall(False)
 
-    def drop(self, reason):
+    def drop(self, reason: str) -> None:
         print(f"radio.py: {self.name}: host dropped: {reason}", file=sys.stderr, flush=True)
         self.transport.abort()
 
-    def data_received(self, data):
+    def data_received(self, data: bytes) -> None:
         self.buffer += data
         start = 0
         while start < len(self.buffer):
@@ -586,46 +600,49 @@ class HostPort(asyncio.Protocol):
             start = end
         del self.buffer[:start]
 
-    def send(self, packet):
+    def send(self, packet: bytes) -> None:
         if self.controller.trace:
             self.controller.trace.write(packet, to_host=True)
         self.transport.write(packet)
 
 
+SomeDevice = TypeVar("SomeDevice", bound=Device)
+
+
 class Radio:
     """All devices that are on the air, and the commands that move them about."""
 
-    def __init__(self, loop, speed):
+    def __init__(self, loop: asyncio.AbstractEventLoop, speed: float) -> None:
         self.loop, self.speed = loop, speed
-        self.devices = {}  # by name
+        self.devices: dict[str, Device] = {}  # by name
 
-    def later(self, seconds, function, *arguments):
+    def later(self, seconds: float, function: Callable[..., None], *arguments: Any) -> asyncio.TimerHandle:
         return self.loop.call_later(seconds / self.speed, function, *arguments)
 
-    def find(self, address):
+    def find(self, address: bytes) -> Device | None:
         return next((device for device in self.devices.values() if device.address == address), None)
 
-    def repeat_pages(self):
+    def repeat_pages(self) -> None:
         """Pages go on all the time until their time-out; this makes the one that a change of the air lets through."""
         for device in self.devices.values():
             for page in list(device.pages.values()) if isinstance(device, Controller) else ():
                 page.attempt()
 
-    def add(self, kind, name, address):
+    def add(self, kind: type[SomeDevice], name: str, address: str) -> SomeDevice:
         if name in self.devices:
             raise Refusal(f"there is a {name} already")
         if not re.fullmatch("([0-9A-Fa-f]{2}:){5}[0-9A-Fa-f]{2}", address):
             raise Refusal(f"{address} is no address")
-        address = bytes.fromhex(address.replace(":", ""))[::-1]
-        if self.find(address):
+        bytes_of_address = bytes.fromhex(address.replace(":", ""))[::-1]
+        if self.find(bytes_of_address):
             raise Refusal(f"two devices with the address of {name}")
-        device = self.devices[name] = kind(self, name, address)
+        device = self.devices[name] = kind(self, name, bytes_of_address)
         return device
 
-    def command(self, line):
+    def command(self, line: bytes) -> None:
         """Does what a line on stdin says, and answers it."""
-        word, *arguments = line.decode(errors="replace").split() or [""]
         try:
+            word, *arguments = shlex.split(line.decode(errors="replace")) or [""]
             action, count = RADIO_COMMANDS.get(word, (None, 0))
             if not action:
                 raise Refusal(f"unknown command '{word}'")
@@ -634,22 +651,30 @@ class Radio:
             action(self, *arguments)
             self.repeat_pages()
             say("ok")
-        except Refusal as refusal:
+        except (Refusal, ValueError) as refusal:  # a quote without its end
             say(f"error: {refusal}")
 
-    def device(self, name):
+    def device(self, name: str) -> Device:
         if name not in self.devices:
             raise Refusal(f"there is no {name}")
         return self.devices[name]
 
-    def move(self, name, in_range):
+    def move(self, name: str, in_range: bool) -> None:
         device = self.device(name)
         device.in_range = in_range
         for end in list(device.ends.values()):
             end.supervise()
             end.peer.supervise()
 
-    def slow(self, name, rate):
+    def trace(self, folder: str) -> None:
+        for name, device in self.devices.items():
+            try:
+                if isinstance(device, Controller):
+                    device.trace = Trace(os.path.join(folder, name + ".btsnoop"))
+            except OSError as error:
+                raise Refusal(f"{error.filename}: {error.strerror}") from error
+
+    def slow(self, name: str, rate: str) -> None:
         if not re.fullmatch("[0-9]{1,9}", rate):
             raise Refusal(f"{rate} is no number of bytes a second")
         device = self.device(name)
@@ -660,7 +685,7 @@ class Radio:
 
 
 # Word on stdin -> action and the number of its arguments
-RADIO_COMMANDS = {
+RADIO_COMMANDS: dict[str, tuple[Callable[..., object], int]] = {
     "out": (lambda radio, name: radio.move(name, False), 1),
     "back": (lambda radio, name: radio.move(name, True), 1),
     "device": (lambda radio, name, address: radio.add(Device, name, address), 2),
@@ -669,15 +694,16 @@ RADIO_COMMANDS = {
     "refuse": (lambda radio, name: setattr(radio.device(name), "refuses", True), 1),
     "accept": (lambda radio, name: setattr(radio.device(name), "refuses", False), 1),
     "slow": (Radio.slow, 2),
+    "trace": (Radio.trace, 1),
 }
 
 
-def say(text):
+def say(text: str) -> None:
     with contextlib.suppress(BrokenPipeError):  # who does not listen any more closes stdin soon
         os.write(1, text.encode() + b"\n")
 
 
-def read_commands(loop, radio, stop):
+def read_commands(loop: asyncio.AbstractEventLoop, radio: Radio, stop: asyncio.Event) -> None:
     """Runs in a thread of its own, since stdin may be anything: a pipe, a terminal, a file."""
     with contextlib.suppress(RuntimeError, OSError):  # the loop has ended meanwhile; no stdin at all
         for line in io.FileIO(0, closefd=False):  # unbuffered: holds no lock that the end of the program would need
@@ -686,7 +712,9 @@ def read_commands(loop, radio, stop):
         loop.call_soon_threadsafe(stop.set)
 
 
-async def listen(loop, radio, controllers, folder, trace_folder, sockets):
+async def listen(
+    radio: Radio, loop: asyncio.AbstractEventLoop, controllers: list[str], folder: str, sockets: list[str]
+) -> None:
     """Puts the controllers on the air; appends the paths of their sockets to sockets."""
     for argument in controllers:
         name, separator, address = argument.partition("=")
@@ -695,23 +723,21 @@ async def listen(loop, radio, controllers, folder, trace_folder, sockets):
         controller = radio.add(Controller, name, address)
         path = os.path.join(folder, name)
         try:
-            if trace_folder:
-                controller.trace = Trace(os.path.join(trace_folder, name + ".btsnoop"))
-            await loop.create_unix_server(lambda c=controller, n=name: HostPort(c, n), path)
+            await loop.create_unix_server(functools.partial(HostPort, controller, name), path)
         except OSError as error:
             raise Refusal(f"{error.filename or path}: {error.strerror or error}") from error
         sockets.append(path)
 
 
-async def run(arguments):
+async def run(arguments: argparse.Namespace) -> None:
     loop = asyncio.get_running_loop()
     stop = asyncio.Event()
     for number in signal.SIGTERM, signal.SIGINT:
         loop.add_signal_handler(number, stop.set)
     radio = Radio(loop, arguments.speed)
-    sockets = []
+    sockets: list[str] = []
     try:
-        await listen(loop, radio, arguments.controllers, arguments.folder, arguments.trace, sockets)
+        await listen(radio, loop, arguments.controllers, arguments.folder, sockets)
         say("ready")
         threading.Thread(target=read_commands, args=(loop, radio, stop), daemon=True).start()
         await stop.wait()
@@ -724,13 +750,12 @@ async def run(arguments):
 class Parser(argparse.ArgumentParser):
     """Says what is wrong in one line, without the usage."""
 
-    def error(self, message):
+    def error(self, message: str) -> NoReturn:
         self.exit(2, f"radio.py: {message}\n")
 
 
-def main():
+def main() -> None:
     parser = Parser(description="The radio of the lab: emulated Bluetooth controllers that reach each other.")
-    parser.add_argument("--trace", metavar="DIR", help="write the HCI packets of each controller to DIR/NAME.btsnoop")
     parser.add_argument("--speed", metavar="N", type=float, default=1, help="divide all times of the radio by N")
     parser.add_argument("folder", metavar="DIR", help="where the sockets DIR/NAME are made")
     parser.add_argument("controllers", metavar="NAME=ADDRESS", nargs="+")

@@ -1,4 +1,12 @@
-# find_package(TavBluetooth): the targets TavBluetooth::host, TavBluetooth::host_static and TavBluetooth::bluetooth.
+# find_package(TavBluetooth): the targets TavBluetooth::host, TavBluetooth::host_static and TavBluetooth::bluetooth; where
+# the simulated air is installed, too, TavBluetooth::air and the function tav_add_air_test.
 include(CMakeFindDependencyMacro)
 find_dependency(Threads)
+list(APPEND CMAKE_MODULE_PATH ${CMAKE_CURRENT_LIST_DIR})
+find_dependency(BlueZ)
+list(POP_BACK CMAKE_MODULE_PATH)
 include(${CMAKE_CURRENT_LIST_DIR}/TavBluetoothTargets.cmake)
+if(EXISTS ${CMAKE_CURRENT_LIST_DIR}/TavBluetoothAirTargets.cmake)
+  include(${CMAKE_CURRENT_LIST_DIR}/TavBluetoothAirTargets.cmake)
+  include(${CMAKE_CURRENT_LIST_DIR}/TavAirTest.cmake)
+endif()

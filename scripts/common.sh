@@ -1,11 +1,62 @@
+# shellcheck shell=bash
 # Shared by the scripts beside it; sourced, not run.
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-lab_packages=(python3 qemu-system-x86 cpio kmod binutils) # and qemu-system-arm for ARM
+# shellcheck disable=SC2034  # for those that source this
+lab_packages=(python3 qemu-system-x86 cpio kmod binutils zstd) # and qemu-system-arm for ARM
 
 fail() {
   echo "$(basename "$0"): $*" >&2
   exit 1
+}
+
+# Shows that $1 goes on, until whoever calls this closes the pipe on stdin: a line that moves on a terminal; elsewhere
+# one line, and one more every half minute.
+show_life() {
+  local begun=$SECONDS seconds=0 status=0
+  [ -t 2 ] || echo "$1 ..." >&2
+  while :; do
+    [ ! -t 2 ] || printf '\r\e[K%s ... %s s' "$1" $((SECONDS - begun)) >&2
+    read -rt 1 || status=$?
+    [ "$status" -gt 128 ] || break # otherwise a second has passed
+    [ -t 2 ] || [ $((++seconds % 30)) -ne 0 ] || echo "$1 ... $((SECONDS - begun)) s" >&2
+  done
+  [ ! -t 2 ] || echo >&2
+}
+
+# quietly WHAT COMMAND ...: shows that the command goes on, and of its output only the end, when it fails. The log has no
+# name: nothing stays behind, however this ends.
+quietly() {
+  local what=$1 name log life shower status=0
+  shift
+  name=$(mktemp) || fail "cannot write to ${TMPDIR:-/tmp}"
+  exec {log}<>"$name"
+  rm "$name"
+  exec {life}> >(exec {log}>&- && show_life "$what")
+  shower=$!
+  "$@" >&"$log" 2>&1 {log}>&- {life}>&- || status=$?
+  exec {life}>&-
+  wait "$shower" || true
+  [ "$status" -eq 0 ] || tail -n 60 "/proc/self/fd/$log" >&2
+  exec {log}>&-
+  return "$status"
+}
+
+# start COMMAND ...: beside all else, as a group of processes of its own, which ends with this script, however that ends.
+groups=()
+start() {
+  set -m # gives it a group, and Ctrl-C its meaning
+  (set +m && "$@") </dev/null &
+  set +m
+  groups+=($!)
+  trap end_groups EXIT
+}
+
+end_groups() {
+  local group
+  for group in "${groups[@]}"; do
+    kill -- "-$group" 2>/dev/null || true
+  done
 }
 
 # Installs the Debian packages named, if one is missing.
@@ -17,36 +68,34 @@ need() {
   [ ${#missing[@]} -gt 0 ] || return 0
   command -v apt-get >/dev/null ||
     fail "these Debian packages are needed, and there is no apt-get to install them: ${missing[*]}"
-  local as_root=()
+  as_root=()
   if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || fail "these packages are needed; install them as root: apt-get install ${missing[*]}"
+    sudo -v || fail "these packages are needed, and sudo does not let you install them: ${missing[*]}"
     as_root=(sudo)
   fi
-  echo "Installing ${missing[*]} ..."
-  local log
-  log=$(mktemp)
-  if ! { "${as_root[@]}" apt-get update &&
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"; } \
-    >"$log" 2>&1; then
-    tail -n 15 "$log" >&2
-    rm -f "$log"
-    fail "apt-get could not install ${missing[*]}; its last lines are above"
-  fi
-  rm -f "$log"
+  quietly "Installing ${missing[*]}" install_packages "${missing[@]}" ||
+    fail "apt-get could not install ${missing[*]}; its last lines are above. Is there a network?"
 }
 
-# Configures and builds a preset; says nothing unless it fails.
+install_packages() {
+  "${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600 update &&
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 install -y \
+      --no-install-recommends "$@"
+}
+
+# Configures and builds a preset; shows nothing of it unless it fails. It is nice to tests that run meanwhile.
 build() {
   command -v g++ >/dev/null || fail "there is no C++ compiler (g++); on Debian: apt-get install g++"
   command -v cmake >/dev/null || fail "there is no cmake; on Debian: apt-get install cmake"
-  mkdir -p "$root/build" 2>/dev/null && [ -w "$root/build" ] || fail "there is no permission to write to $root/build"
-  local preset=$1 log
+  { mkdir -p "$root/build" && [ -w "$root/build" ]; } 2>/dev/null ||
+    fail "there is no permission to write to $root/build"
+  quietly "Building the preset $1" build_preset "$@" ||
+    fail "building the preset $1 failed; the compiler's last lines are above"
+}
+
+build_preset() {
+  local preset=$1
   shift
-  log=$(mktemp)
-  if ! { (cd "$root" && cmake --preset "$preset" "$@" && cmake --build --preset "$preset"); } >"$log" 2>&1; then
-    tail -n 60 "$log" >&2
-    rm -f "$log"
-    fail "building the preset $preset failed; the compiler's last lines are above"
-  fi
-  rm -f "$log"
+  cd "$root" && nice cmake --preset "$preset" "$@" && nice cmake --build --preset "$preset"
 }

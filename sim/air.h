@@ -19,6 +19,7 @@ struct S_Service
     std::string Provider;
     int Channel = 0;       // RFCOMM channel; 0: L2CAP only; -1: no protocol list
     std::uint16_t Id = 0;  // ServiceID as a 16-bit UUID; 0: none
+    std::string Hex = {};  // bytes to send instead of a record of all that, which need not make sense; empty: none
 };
 
 // One Bluetooth device.
@@ -38,13 +39,14 @@ struct S_Brick
 std::string Get_Address(const std::string& name);
 
 // Enters the air of this name; all that was put there or opened before by this process is gone. Time on the air runs
-// `speed` times as fast as on a real one. Returns false when the name is not 1 to 30 letters, digits, '-', '_' or '.',
-// or when `speed` is below 0.001.
-bool Enter(const std::string& air, double speed);
+// `speed` times as fast as on a real one. Bricks of other users of this machine are not there, unless both sides share
+// the air. Returns false when the name is not 1 to 30 letters, digits, '-', '_' or '.', or when `speed` is below 0.001.
+bool Enter(const std::string& air, double speed, bool isShared = false);
 
 // Puts a brick on the air, or changes the one with this address. One that ceases to be present falls silent: its peers
-// notice after the link supervision time-out of 20 s.
-void Put(const S_Brick& brick);
+// notice after the link supervision time-out of 20 s; one that is present again by then keeps its links. Returns false
+// when another user has a brick of this address on the air.
+bool Put(const S_Brick& brick);
 
 // The brick whose adapter the calling thread's next sockets and HCI calls use; "": a brick without an adapter. A thread
 // that never called this uses the brick that this process put on the air first.

@@ -1,5 +1,5 @@
 // Faults on request, and the trace.
-#include "sim/air_state.h"
+#include "sim/internals.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -33,6 +33,8 @@ struct S_Watch
     bool On = false;
     std::vector<std::string> Lines;
 };
+
+thread_local int t_Inside = 0;  // how deep in BlueZ's library
 
 S_Watch& Watch()
 {
@@ -125,13 +127,24 @@ std::vector<std::string> Get_Trace()
     return Watch().Lines;
 }
 
-S_Fault Begin_Call(const char* call, const std::string& arguments)
+C_Inside::C_Inside()
 {
+    ++t_Inside;
+}
+
+C_Inside::~C_Inside()
+{
+    --t_Inside;
+}
+
+S_Fault Begin(const char* call, const std::string& arguments, int fd)
+{
+    if (t_Inside > 0) return {};
     static const bool print = getenv("TAV_AIR_TRACE") != nullptr;
     const std::string line = std::string(call) + "(" + arguments + ")";
     Record(line);
     S_Fault fault;
-    const std::lock_guard lock(State().Mutex);
+    std::unique_lock lock(State().Mutex);
     for (S_Rule& rule : Watch().Rules) {
         if (rule.Call != call || (++rule.Count != rule.At && rule.At != 0)) continue;
         fault.Error = rule.Fault.Error ? rule.Fault.Error : fault.Error;
@@ -141,7 +154,19 @@ S_Fault Begin_Call(const char* call, const std::string& arguments)
     if (print)
         fprintf(stderr, "air: %s%s%s%s\n", line.c_str(), fault.Vanish ? ", the brick falls silent" : "",
                 fault.Limit < SIZE_MAX ? ", cut short" : "", fault.Error ? ", told to fail" : "");
+    if (fault.Vanish) {
+        const SocketPointer socket = Find_Socket(fd);
+        Fall_Silent(socket ? socket->Own : Get_Acting());
+        Wake_Thread();
+    }
     return fault;
+}
+
+bool Fails(const char* call, const std::string& arguments, int fd)
+{
+    const int error = Begin(call, arguments, fd).Error;
+    if (error) errno = error;
+    return error != 0;
 }
 
 }  // namespace tav_air

@@ -1,19 +1,25 @@
-// Puts a program on the air as one brick, as the environment says, before its main starts (libtav_air.so only).
-#include "sim/air.h"
+// Puts a program on the air as one brick, as the environment says, before its main starts, and takes orders while it
+// runs (libtav_air.so only).
+#include "sim/internals.h"
 
-#include <bluetooth/bluetooth.h>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
+#include <thread>
 #include <unistd.h>
 
 namespace {
 
+constexpr std::size_t LONGEST_ORDER = 256;
+
 tav_air::S_Brick* g_Brick = nullptr;  // what this program is
+int g_Orders = -1;                    // socket that takes orders
 
 [[noreturn]] void Refuse(const char* variable, const std::string& why)
 {
-    fprintf(stderr, "air: %s: %s\n", variable, why.c_str());
+    fprintf(stderr, "tav-air: %s: %s\n", variable, why.c_str());
     _exit(2);
 }
 
@@ -40,6 +46,10 @@ std::vector<tav_air::S_Service> Parse_Services(const std::string& text)
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         if (line.empty()) continue;
+        if (line.compare(0, 2, "0x") == 0 && line.find_first_not_of("0123456789abcdefABCDEF", 2) == std::string::npos) {
+            services.emplace_back().Hex = line.substr(2);
+            continue;
+        }
         const std::size_t equals = line.rfind('=');
         const std::string number = equals == std::string::npos ? "" : line.substr(equals + 1);
         const bool valid = !number.empty() && number.size() <= 2 &&
@@ -75,6 +85,54 @@ void Set_State(tav_air::S_Brick& brick, const std::string& text)
     }
 }
 
+// ---- Orders ---------------------------------------------------------------------------------------------------------
+//
+// tav-air/AIR/ADDRESS!PROCESS is a socket that takes a new TAV_AIR_STATE from programs of the same user, and answers
+// when it is in force. Each program of a brick has one.
+
+bool Is_SameUser(int fd)
+{
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    return tav_air::Real().Getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == geteuid();
+}
+
+void Take_Orders()
+{
+    for (;;) {
+        int order = tav_air::Accept_Caller(g_Orders, -1);
+        if (order < 0 && (errno == EINTR || errno == ECONNABORTED)) continue;
+        if (order < 0) return;  // the program has closed all descriptors
+        order = tav_air::Put_Away(order);
+        std::string words(LONGEST_ORDER, '\0');
+        const ssize_t count = Is_SameUser(order) ? tav_air::Real().Recv(order, words.data(), words.size(), 0) : -1;
+        if (count >= 0) {
+            words.resize(static_cast<std::size_t>(count));
+            tav_air::S_Brick brick = *g_Brick;
+            brick.Powered = brick.Present = brick.Discoverable = brick.TellsName = brick.HasSdpServer = true;
+            Set_State(brick, words);
+            tav_air::Put(*g_Brick = brick);
+            tav_air::Real().Send(order, "done", 4, MSG_NOSIGNAL);
+        }
+        tav_air::Close_Own(order);
+    }
+}
+
+// The program's signals stay the program's, and a child of it takes no orders.
+void Await_Orders()
+{
+    g_Orders = tav_air::Open_UnixSocket(SOCK_SEQPACKET);
+    const std::string name = g_Brick->Address + "!" + std::to_string(getpid());
+    if (tav_air::Bind_Name(g_Orders, name) < 0 || tav_air::Real().Listen(g_Orders, 1) < 0) return;
+    pthread_atfork(nullptr, nullptr, [] { tav_air::Close_Own(g_Orders); });
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread(Take_Orders).detach();
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 __attribute__((constructor)) void Start()
 {
     const std::string speedText = Get_Variable("TAV_AIR_SPEED", "1");
@@ -82,8 +140,12 @@ __attribute__((constructor)) void Start()
     const double speed = strtod(speedText.c_str(), &end);
     if (speedText.empty() || *end != 0 || !(speed >= 0.001 && speed <= 1e6))
         Refuse("TAV_AIR_SPEED", "'" + speedText + "' is not a number from 0.001 to 1000000");
-    if (!tav_air::Enter(Get_Variable("TAV_AIR", "air"), speed))
-        Refuse("TAV_AIR", "'" + Get_Variable("TAV_AIR") + "' is not 1 to 30 letters, digits, '-', '_' or '.'");
+    const std::string shared = Get_Variable("TAV_AIR_SHARED");
+    if (shared != "" && shared != "0" && shared != "1") Refuse("TAV_AIR_SHARED", "'" + shared + "' is neither 0 nor 1");
+    const bool isShared = shared == "1";
+    const std::string air = Get_Variable("TAV_AIR", isShared ? "air" : "air-" + std::to_string(geteuid()));
+    if (!tav_air::Enter(air, speed, isShared))
+        Refuse("TAV_AIR", "'" + air + "' is not 1 to 30 letters, digits, '-', '_' or '.'");
     const std::string wrong = tav_air::Add_Faults(Get_Variable("TAV_AIR_FAULTS"));
     if (!wrong.empty()) Refuse("TAV_AIR_FAULTS", wrong);
     tav_air::S_Brick brick;
@@ -95,16 +157,10 @@ __attribute__((constructor)) void Start()
     brick.Services = Parse_Services(Get_Variable("TAV_AIR_SERVICES"));
     Set_State(brick, Get_Variable("TAV_AIR_STATE"));
     if (brick.Name.empty()) return;  // there is no adapter
-    tav_air::Put(brick);
+    if (!tav_air::Put(brick))
+        Refuse("TAV_AIR_BRICK", "another user has a brick " + brick.Address + " on the air " + air);
     g_Brick = new tav_air::S_Brick(brick);
+    Await_Orders();
 }
 
 }  // namespace
-
-// For programs that look for it with dlsym: the brick falls silent, as by the fault `vanish`.
-extern "C" void tav_air_vanish()
-{
-    if (!g_Brick) return;
-    g_Brick->Present = false;
-    tav_air::Put(*g_Brick);
-}

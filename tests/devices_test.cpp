@@ -98,19 +98,4 @@ TEST(DeviceFile, DevicesAndEveryLine)
     }
 }
 
-TEST(DeviceFile, EveryPrefixOfTwoRecords)
-{
-    const std::string record = "Robot2#>12:34:56:78:9A:BC#!";
-    const std::string file = File_Of(record + "Robot3" + record.substr(6));
-    C_ProjectFolder folder(false);
-    for (std::size_t size = 0; size <= file.size(); ++size) {
-        C_ProjectFolder::Write_List(C_ProjectFolder::BRICK, file.substr(0, size));
-        C_TAV_Bluetooth bluetooth;
-        EXPECT_EQ(bluetooth.BT_ParseFileDevices(), size <= 6 || size >= record.size()) << size;
-        ASSERT_EQ(bluetooth.m_ScanDevices.size(), size / record.size()) << size;
-        for (const S_BT_ScanDevice& device : bluetooth.m_ScanDevices)
-            EXPECT_EQ(std::string(device.Addr.b, device.Addr.b + 6), Bytes("BC 9A 78 56 34 12"));
-    }
-}
-
 }  // namespace

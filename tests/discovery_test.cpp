@@ -153,35 +153,6 @@ TEST_F(Services, SummariesOfAllRecords)
     EXPECT_EQ(port, 16);
 }
 
-TEST_F(Services, FailedQueryLeavesNothing)
-{
-    tav_air::S_Brick closed = {ROBOT2, "Robot2"};
-    closed.HasSdpServer = false;
-    const struct
-    {
-        const char *What, *Fault;
-        const tav_air::S_Brick* Brick;
-        const char* Line;
-        long Closes;
-    } CASES[] = {
-        {"connection", "sdp_connect:1=EHOSTDOWN", nullptr, "sdp_connect(Error Code 112 : Host is down)", 0},
-        {"search", "sdp_service_search_attr_req:1=EIO", nullptr,
-         "sdp_service_search_attr_req(Error Code 5 : Input/output error)", 1},
-        {"no server", "", &closed, "sdp_connect(Error Code 111 : Connection refused)", 0},
-    };
-    for (const auto& test : CASES) {
-        SCOPED_TRACE(test.What);
-        m_One.m_Services.resize(3);
-        if (test.Brick) tav_air::Put(*test.Brick);
-        Ask_Faults(test.Fault);
-        EXPECT_EQ(m_One.Get_BT_Services_Count("Robot2"), -1);
-        EXPECT_EQ(Log_Lines().back(), std::string("C_TAV_Bluetooth::Get_BT_Services - Error in fce ") + test.Line);
-        EXPECT_EQ(Count("sdp_close"), test.Closes);
-        EXPECT_TRUE(m_One.m_Services.empty());
-        EXPECT_TRUE(tav_air::Get_Open().empty());
-    }
-}
-
 TEST_F(Services, QueryLooksInListThenFileThenAir)
 {
     const std::string file = Bytes("47 68 6F 73 74 00 1C 30 00 1A");

@@ -88,7 +88,7 @@ TEST(FileReaders, StopAtTheEndAndAtAnError)
     char read = '?';
     EXPECT_TRUE(File_Read_String(file, 1, text) && text == "ab" && File_Read_Character(file, read) && read == 'c');
     EXPECT_TRUE(!File_Read_String(file, 9, text) && text == "d" && !File_Read_Character(file, read) && read == 'c');
-    rewind(file);
+    fseek(file, 0, SEEK_SET);
     fputc('x', file);  // fails on this stream: it is in error from here on, its bytes still readable
     EXPECT_FALSE(File_Read_Character(file, read) || File_Read_String(file, 9, text) || !text.empty());
     fclose(file);

@@ -15,11 +15,10 @@ void Convert_BinaryDataToText(const BYTE* data, unsigned int len, std::string& t
     constexpr const char* DIGITS = "0123456789abcdef";
     text.clear();
     if (data == nullptr || len == 0) return;
-    text.reserve(std::string::size_type{2} * len);
-    for (unsigned int i = 0; i < len; ++i) {
-        const auto byte = static_cast<unsigned char>(data[i]);
-        text += DIGITS[byte >> 4];
-        text += DIGITS[byte & 0x0F];
+    text.resize(std::string::size_type{2} * len);
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(data[i / 2]);
+        text[i] = DIGITS[i % 2 == 0 ? byte >> 4 : byte & 0x0F];
     }
 }
 

@@ -2,10 +2,11 @@
 // play:
 //   manual Robot2         serves
 //   manual Robot1 Robot2  looks for Robot2 and talks to it
-// Like a firmware it brings the four things that api/ asks for, and
-// links the module alone.
+// Like a firmware it brings the four things that api/ asks for.
 #include "api/tav_c_api.h"
 #include "bluetooth/C_TAV_Bluetooth.h"
+#include "host/descriptors.h"
+#include "host/printable.h"
 
 #include <algorithm>
 #include <chrono>
@@ -22,6 +23,7 @@
 using namespace tav_c_api_impl;
 using std::string;
 using std::this_thread::sleep_for;
+using tav_host::Printable;
 
 static string g_BrickName;
 
@@ -34,11 +36,12 @@ void tav_c_api::WriteLog_Dbg(const char* format, ...)
     static std::mutex mutex;  // the accept thread logs, too
     const std::lock_guard lock(mutex);
     if (!g_isLog_Quorvant_TAV) return;
+    char line[2000];
     va_list arguments;
     va_start(arguments, format);
-    vfprintf(stderr, format, arguments);
+    vsnprintf(line, sizeof(line), format, arguments);
     va_end(arguments);
-    fputc('\n', stderr);
+    std::cerr << Printable(line) << '\n';  // peers are quoted in it
 }
 
 bool tav_c_api_impl::Get_TAVBrickName(string& name)
@@ -65,7 +68,7 @@ static bool Greet(const string& brick)
     if (bluetooth.SendMsg_TAV_String(brick, "question", "How are you?"))
         bluetooth.ReadMsg_TAV_String(brick, "answer", answer, 100,
                                      5000);
-    std::cout << brick << " says " << answer << '\n';
+    std::cout << brick << " says " << Printable(answer) << '\n';
     // Neither Close() nor the destructor would close this connection.
     bluetooth.Disconnect(socket);
     return !answer.empty();
@@ -80,7 +83,8 @@ static bool Look_Around(C_TAV_Bluetooth& bluetooth)
     if (!bluetooth.BT_ParseFileDevices() && bluetooth.BT_Scan() < 0)
         return false;  // no adapter that works
     for (const S_BT_ScanDevice& device : bluetooth.m_ScanDevices)
-        std::cout << device.AddrText << "  " << device.Name << '\n';
+        std::cout << device.AddrText << "  " << Printable(device.Name)
+                  << '\n';
     return true;
 }
 //! [tav_devices]
@@ -290,6 +294,7 @@ int main(int argc, char** argv)
 {
     if (argc != 2 && argc != 3) return 2;
     g_BrickName = argv[1];
+    tav_host::Limit_Descriptors();
     C_TAV_Bluetooth bluetooth;
     const bool played = argc == 3 ? Play_Robot1(bluetooth, argv[2])
                                   : Play_Robot2(bluetooth);

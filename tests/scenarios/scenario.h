@@ -1,6 +1,5 @@
-// Scenarios: stories that several bricks play step by step, written once and played on the simulated air and on the
-// real Linux Bluetooth stack. The conductor (lab/scenarios.py) gives the steps out in order; scenario_brick plays one
-// brick's.
+// Scenarios: what several bricks do step by step, written once and played on the simulated air and on the real Linux
+// Bluetooth stack. The runner (runner.py) gives the steps out in order; scenario_brick does one brick's.
 #pragma once
 
 #include "bluetooth/C_TAV_Bluetooth.h"
@@ -39,6 +38,7 @@ struct S_Robot : tav_c_api_impl::C_TAV_Bluetooth
     std::string Read_Bool(const std::string& from, unsigned long timeout);
     bool Say_Classic(const std::string& text);
     std::string Read_Classic(unsigned int size, unsigned long timeout);
+    std::string Read_ClassicBool(unsigned long timeout);
 
     // Bare receives on Link: one; all until one fails, and why.
     int Receive(unsigned int size, unsigned long timeout);
@@ -57,11 +57,11 @@ struct S_Step
     std::string Log = "*";                    // of the playing thread, in the same way; "*": not looked at
     double Least = 0;                         // seconds
     double Most = 10;
-    bool Begins = false;  // the story goes on while this step lasts
+    bool Begins = false;  // the next ones begin while this step lasts
     int Places = BOTH;
     int Line = 0;  // in the source of the scenarios
 };
-using S_Story = std::vector<S_Step>;
+using S_Steps = std::vector<S_Step>;
 
 constexpr const char* HANGS = "hangs";  // result of a step that does not return
 
@@ -72,7 +72,7 @@ struct S_Scenario
     // Each brick and its traits: card, sdp (an SDP server with a serial port on channels 1 and 16), python, no-adapter
     // (on the simulated air), device (nobody runs it), nameless.
     std::vector<std::string> Bricks;
-    S_Story Story;
+    S_Steps Steps;
     int Places = BOTH;
     bool IsCore = false;  // also where time is short
 };
@@ -95,36 +95,36 @@ inline std::string Text(int number)
     return std::to_string(number);
 }
 
-S_Story Make_Step(const std::string& who, const std::string& result, const std::string& log,
+S_Steps Make_Step(const std::string& who, const std::string& result, const std::string& log,
                   std::function<std::string(S_Robot&)> action, int line);
 
 // A brick does something, and this comes of it.
 template <typename ACTION>
-S_Story Do(const std::string& who, const std::string& result, const std::string& log, ACTION action,
+S_Steps Do(const std::string& who, const std::string& result, const std::string& log, const ACTION& action,
            int line = __builtin_LINE())
 {
-    return Make_Step(
-        who, result, log, [action](S_Robot& robot) { return Text(action(robot)); }, line);
+    const auto say = [action](S_Robot& robot) { return Text(action(robot)); };
+    return Make_Step(who, result, log, say, line);
 }
 
 template <typename ACTION>
-S_Story Do(const std::string& who, const std::string& result, ACTION action, int line = __builtin_LINE())
+S_Steps Do(const std::string& who, const std::string& result, const ACTION& action, int line = __builtin_LINE())
 {
     return Do(who, result, "*", action, line);
 }
 
 // A command of the system, in the brick's folder; what it says must contain `result`.
-S_Story Shell(const std::string& who, const std::string& command, const std::string& result,
+S_Steps Shell(const std::string& who, const std::string& command, const std::string& result,
               int line = __builtin_LINE());
 
-S_Story Pause(double seconds);
-S_Story Radio(const std::string& command);
-S_Story Kill(const std::string& who);  // the brick's program; a new one goes on
+S_Steps Pause(double seconds);
+S_Steps Radio(const std::string& command);
+S_Steps Kill(const std::string& who);  // the brick's program; a new one goes on
 
-S_Story Meanwhile(S_Story story);  // the story goes on while the step lasts
-S_Story Takes(double least, double most, S_Story story);
-S_Story Only(E_Place place, S_Story story);
-S_Story Join(std::initializer_list<S_Story> parts);
+S_Steps Meanwhile(S_Steps steps);  // the next ones begin while the step lasts
+S_Steps Takes(double least, double most, S_Steps steps);
+S_Steps Only(E_Place place, S_Steps steps);
+S_Steps Join(std::initializer_list<S_Steps> parts);
 
 // What the accept thread logged of clients that came since the last call (scenario_brick.cpp).
 std::string Take_AcceptLog();

@@ -1,6 +1,6 @@
 // Plays one brick of a scenario: takes the numbers of its steps on stdin and answers each on stdout.
 //   scenario_brick --list                        all scenarios, a line for each thing
-//   scenario_brick SCENARIO BRICK                orders: a step's number, "vanish", or "kill", as does the input's end
+//   scenario_brick SCENARIO BRICK                orders: a step's number, or "kill", as does the input's end
 #include "api/tav_c_api.h"
 #include "tests/scenarios/scenario.h"
 
@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
-#include <dlfcn.h>
 #include <iostream>
 #include <mutex>
 #include <thread>
@@ -66,8 +65,8 @@ bool Is_As_Expected(const std::string& text, const std::string& expected)
 
 std::string One_Line(std::string text)
 {
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char byte) { return byte < ' '; }, '~');
+    const auto isControl = [](unsigned char byte) { return byte < ' '; };
+    std::replace_if(text.begin(), text.end(), isControl, '~');
     return text;
 }
 
@@ -93,12 +92,6 @@ void Play(std::size_t number, const S_Step& step, S_Robot& robot)
               << std::flush;
 }
 
-// On the simulated air: this brick is there no more, but its program goes on.
-void Fall_Silent()
-{
-    if (void* const vanish = dlsym(RTLD_DEFAULT, "tav_air_vanish")) reinterpret_cast<void (*)()>(vanish)();
-}
-
 void List()
 {
     for (const S_Scenario& scenario : All_Scenarios()) {
@@ -106,10 +99,10 @@ void List()
                   << scenario.Title << '\n';
         for (const std::string& brick : scenario.Bricks)
             std::cout << "brick\t" << Get_Address(brick.substr(0, brick.find(' '))) << '\t' << brick << '\n';
-        for (const S_Step& step : scenario.Story)
+        for (const S_Step& step : scenario.Steps)
             std::cout << "step\t" << step.Who << '\t' << step.Places << '\t' << step.Begins << '\t'
-                      << (step.Result == HANGS) << '\t' << step.Most << '\t' << step.Line << '\t' << step.Command
-                      << '\n';
+                      << (step.Result == HANGS) << '\t' << step.Least << '\t' << step.Most << '\t' << step.Line << '\t'
+                      << step.Command << '\n';
     }
 }
 
@@ -185,15 +178,11 @@ int main(int argc, char** argv)
             const std::size_t number = orders.front();
             orders.pop_front();
             lock.unlock();
-            Play(number, scenario->Story[number], robot);
+            Play(number, scenario->Steps[number], robot);
         }
     }).detach();
     std::cout << "ready" << std::endl;
     for (std::string order; std::getline(std::cin, order) && order != "kill";) {
-        if (order == "vanish") {
-            Fall_Silent();
-            continue;
-        }
         const std::lock_guard<std::mutex> lock(mutex);
         orders.push_back(std::stoul(order));
         ordered.notify_one();

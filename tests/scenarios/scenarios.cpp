@@ -1,7 +1,10 @@
 #include "tests/scenarios/scenario.h"
 
+#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <poll.h>
 #include <thread>
 #include <unistd.h>
@@ -26,15 +29,15 @@ std::string Send_Fails(const std::string& error)
     return "WriteData: Start(12)|1(1)|Error in fce send(Error Code " + error + ")|2(-1)";
 }
 
-// ---- What many stories have in common -------------------------------------------------------------------------------
+// ---- What many scenarios have in common -----------------------------------------------------------------------------
 
-S_Story Open(const std::string& who, unsigned char channel, int line = __builtin_LINE())
+S_Steps Open(const std::string& who, unsigned char channel, int line = __builtin_LINE())
 {
     const auto open = [=](S_Robot& robot) { return robot.Open(channel); };
     return Do(who, "#", "OpenServer: Start(" + Text(channel) + ")|1|2|3|4", open, line);
 }
 
-S_Story Reach(const std::string& who, const std::string& whom, unsigned char channel, int line = __builtin_LINE())
+S_Steps Reach(const std::string& who, const std::string& whom, unsigned char channel, int line = __builtin_LINE())
 {
     const auto reach = [=](S_Robot& robot) { return robot.Reach(whom, channel, 20000); };
     return Do(who, "#", LINKED, reach, line);
@@ -46,19 +49,19 @@ std::string Accepted(const std::string& whom, unsigned char channel)
            ")|5(Socket : #)|5(Port : " + Text(channel) + ")|End(Client : #)";
 }
 
-S_Story Accept(const std::string& who, const std::string& whom, unsigned char channel, int line = __builtin_LINE())
+S_Steps Accept(const std::string& who, const std::string& whom, unsigned char channel, int line = __builtin_LINE())
 {
     const auto accept = [](S_Robot& robot) { return robot.Accept(); };
     return Do(who, "#", Accepted(whom, channel), accept, line);
 }
 
 // Robot1 is connected to Robot2.
-S_Story Connected(unsigned char channel, int line = __builtin_LINE())
+S_Steps Connected(unsigned char channel, int line = __builtin_LINE())
 {
     return Join({Open(R2, channel, line), Reach(R1, R2, channel, line), Accept(R2, R1, channel, line)});
 }
 
-S_Story Hang_Up(const std::string& who, int line = __builtin_LINE())
+S_Steps Hang_Up(const std::string& who, int line = __builtin_LINE())
 {
     const auto hangUp = [](S_Robot& robot) { return robot.Hang_Up(); };
     return Join({Do(who, "true", "", hangUp, line), Pause(0.4)});
@@ -68,7 +71,7 @@ S_Story Hang_Up(const std::string& who, int line = __builtin_LINE())
 
 const std::string LAMP_AND_2 = "Lamp 02:00:00:00:00:21, Robot2 02:00:00:00:00:02";
 
-S_Story Inquiry()
+S_Steps Inquiry()
 {
     const auto scan = [](S_Robot& robot) { return robot.BT_Scan(); };
     return Join({
@@ -84,7 +87,7 @@ S_Story Inquiry()
     });
 }
 
-S_Story Nobody()
+S_Steps Nobody()
 {
     return Join({
         Takes(10.2, 13, Do(R1, "-1", [](S_Robot& robot) { return robot.Connect("Robot2", 16, 2000); })),
@@ -94,7 +97,7 @@ S_Story Nobody()
 }
 
 // Without an adapter, or with one that is down.
-S_Story Without_Adapter()
+S_Steps Without_Adapter()
 {
     return Join({
         Do(R1, "-1", "BT_Scan: Start|Error in fce hci_get_route(Error Code 19 : No such device)",
@@ -107,16 +110,20 @@ S_Story Without_Adapter()
     });
 }
 
-S_Story Adapter_Down()
+S_Steps Adapter_Down()
 {
     return Join({
-        Only(LAB, Shell(R1, "hciconfig hci0 down && echo down", "down")),
+        Connected(16),
+        Shell(R1, "hciconfig hci0 down && echo down", "down"),
+        Do(R1, "false", Receive_Fails("103 : Software caused connection abort"),
+           [](S_Robot& robot) { return robot.Read_Bool(R2, 500); }),
+        Do(R1, "false", Send_Fails("107 : Transport endpoint is not connected"), SAY_TRUE),
         Without_Adapter(),
-        Only(LAB, Shell(R1, "hciconfig hci0 up && hciconfig hci0 piscan && echo up", "up")),
+        Shell(R1, "hciconfig hci0 up && hciconfig hci0 piscan && hciconfig hci0", "UP RUNNING PSCAN ISCAN"),
     });
 }
 
-S_Story Adapter_Absent()
+S_Steps Adapter_Absent()
 {
     const std::string attach = "(setsid btattach -B /dev/hvc0 -P h4 >/dev/null 2>&1 &); "
                                "while ! hciconfig hci0 up 2>/dev/null; do usleep 50000; done; "
@@ -128,7 +135,7 @@ S_Story Adapter_Absent()
     });
 }
 
-S_Story Connect()
+S_Steps Connect()
 {
     const auto connect = [](S_Robot& robot) { return robot.Dial("Robot2", 16, 20000); };
     const auto read = [](S_Robot& robot) { return robot.Read_Bool(R2, 500); };
@@ -178,7 +185,7 @@ S_Story Connect()
     });
 }
 
-S_Story Refused()
+S_Steps Refused()
 {
     const auto reach = [](S_Robot& robot) { return robot.Reach("Robot2", 5, 20000); };
     const auto read = [](S_Robot& robot) { return robot.Read_Bool("Robot2", 500); };
@@ -194,7 +201,7 @@ S_Story Refused()
     });
 }
 
-S_Story Absent()
+S_Steps Absent()
 {
     const auto read = [](S_Robot& robot) { return robot.Read_Bool("Nobody", 500); };
     return Join({
@@ -233,24 +240,24 @@ std::string Sent(std::size_t size)
 }
 
 // Named messages over the brick's link; what is said is given time to arrive.
-S_Story Says(const std::string& who, const std::string& text, int line = __builtin_LINE())
+S_Steps Says(const std::string& who, const std::string& text, int line = __builtin_LINE())
 {
     const auto send = [=](S_Robot& robot) { return robot.Say(text); };
     return Join({Do(who, "true", send, line), Pause(0.1)});
 }
 
-S_Story Says_True(const std::string& who, int line = __builtin_LINE())
+S_Steps Says_True(const std::string& who, int line = __builtin_LINE())
 {
     return Join({Do(who, "true", Sent(12), SAY_TRUE, line), Pause(0.1)});
 }
 
-S_Story Hears(const std::string& who, const std::string& from, const std::string& text, int line = __builtin_LINE())
+S_Steps Hears(const std::string& who, const std::string& from, const std::string& text, int line = __builtin_LINE())
 {
     const auto read = [=](S_Robot& robot) { return robot.Read_Text(from, 100, 3000); };
     return Do(who, std::to_string(text.size()) + " " + text, read, line);
 }
 
-S_Story Hears_True(const std::string& who, const std::string& from, int line = __builtin_LINE())
+S_Steps Hears_True(const std::string& who, const std::string& from, int line = __builtin_LINE())
 {
     const auto read = [=](S_Robot& robot) { return robot.Read_Bool(from, 3000); };
     return Do(who, "true true", "...ReadData: Start(1024)|1(1)|2(", read, line);
@@ -263,7 +270,7 @@ double Settle(unsigned int size)
 }
 
 // A raw data and a text message of `size` bytes. A reader logs its steps up to its limit, beyond it only the transfer.
-S_Story Exchange_Named(const std::string& who, unsigned int size)
+S_Steps Exchange_Named(const std::string& who, unsigned int size)
 {
     const std::string reader = who == R1 ? R2 : R1, value = Letters(size), count = std::to_string(size);
     const std::size_t dataSize = 1 + 7 + 3 + 4 + size, textSize = 1 + 7 + 3 + size + 1;
@@ -285,18 +292,18 @@ S_Story Exchange_Named(const std::string& who, unsigned int size)
     });
 }
 
-S_Story Named()
+S_Steps Named()
 {
-    S_Story story = Connected(16);
+    S_Steps steps = Connected(16);
     for (const std::string who : {R1, R2}) {
         for (const unsigned int size : {0u, 1u, 100u, 835u, 836u, 837u, 838u, 839u, 840u, 1000u, 4000u})
-            story = Join({story, Exchange_Named(who, size)});
-        story = Join({story, Says_True(who), Hears_True(who == R1 ? R2 : R1, who)});
+            steps = Join({steps, Exchange_Named(who, size)});
+        steps = Join({steps, Says_True(who), Hears_True(who == R1 ? R2 : R1, who)});
     }
-    return story;
+    return steps;
 }
 
-S_Story Exchange_Classic(const std::string& who, unsigned int size)
+S_Steps Exchange_Classic(const std::string& who, unsigned int size)
 {
     const std::string value = Letters(size), count = std::to_string(14 + size);
     return Join({
@@ -311,26 +318,23 @@ S_Story Exchange_Classic(const std::string& who, unsigned int size)
     });
 }
 
-S_Story Classic()
+S_Steps Classic()
 {
     const auto send = [](S_Robot& robot) { return robot._SendMsg_TAVOrg_Bool(robot.Link, "abc", true); };
-    const auto read = [](S_Robot& robot) {
-        bool value = false;
-        return Text(robot._ReadMsg_TAVOrg_Bool(robot.Link, "", "abc", value, 5000) && value);
-    };
-    S_Story story = Connected(1);
+    const auto read = [](S_Robot& robot) { return robot.Read_ClassicBool(5000); };
+    S_Steps steps = Connected(1);
     for (const std::string who : {R1, R2}) {
         for (const unsigned int size : {0u, 1u, 100u, 244u, 950u, 951u, 1000u, 4000u})
-            story = Join({story, Exchange_Classic(who, size)});
+            steps = Join({steps, Exchange_Classic(who, size)});
         const std::string log = "_ReadMsg_TAVOrg_Bool: Start; " + Received(32, 14) +
                                 "; _ReadMsg_TAVOrg_Bool: 1(14)|Length of MsgId : 4|MsgId : abc|Bool Value : 1";
-        story = Join({story, Do(who, "true", send), Pause(0.05), Do(who == R1 ? R2 : R1, "true", log, read)});
+        steps = Join({steps, Do(who, "true", send), Pause(0.05), Do(who == R1 ? R2 : R1, "true true", log, read)});
     }
-    return story;
+    return steps;
 }
 
 // How receives cut and join messages on a stream.
-S_Story Stream()
+S_Steps Stream()
 {
     const auto receive = [](unsigned int size) { return [size](S_Robot& robot) { return robot.Receive(size, 3000); }; };
     const auto readBool = [](S_Robot& robot) { return robot.Read_Bool("Robot1", 200); };
@@ -360,8 +364,8 @@ S_Story Stream()
 }
 
 // 40000 bytes are more than a send buffer takes. A socket of Connect does not block and takes what fits, so that the
-// message fails in its middle; the blocking one of an accepted client sends nothing and does not return.
-S_Story Big()
+// message fails in its middle; the blocking one of an accepted client sends nothing and returns when the peer leaves.
+S_Steps Big()
 {
     const auto send = [](S_Robot& robot) { return robot.Say(Letters(40000)); };
     const auto sendData = [](S_Robot& robot) { return robot.Say_Data(Letters(40000)); };
@@ -374,28 +378,29 @@ S_Story Big()
         Do(R1, "false", sendData),
         Pause(0.5),
         Do(R2, "23368", [](S_Robot& robot) { return robot.Receive(40012, 500); }),
-        Meanwhile(Do(R2, HANGS, send)),
+        Meanwhile(Do(R2, "false", "...Error in fce send(Error Code 107 : Transport endpoint is not connected)", send)),
         Do(R1, "-1", [](S_Robot& robot) { return robot.Receive(40012, 3000); }),
+        Hang_Up(R1),
     });
 }
 
 // ---- Servers --------------------------------------------------------------------------------------------------------
 
-S_Story Opens_Server(const std::string& who, int line = __builtin_LINE())
+S_Steps Opens_Server(const std::string& who, int line = __builtin_LINE())
 {
     const auto open = [](S_Robot& robot) { return robot.OpenServer_TAV(); };
     return Do(who, "true", "OpenServer: Start(16)|1|2|3|4", open, line);
 }
 
 // A brick connects to the built-in server of Robot1, which then has these clients.
-S_Story Joins(const std::string& who, const std::string& clients, int line = __builtin_LINE())
+S_Steps Joins(const std::string& who, const std::string& clients, int line = __builtin_LINE())
 {
     const auto look = [size = clients.size()](S_Robot& robot) { return robot.Clients(size); };
     return Join({Reach(who, R1, 16, line), Do(R1, clients, look, line)});
 }
 
 // What the built-in server of Robot1 reads within 2 s.
-S_Story Server_Hears(const std::string& from, const std::string& result, int line = __builtin_LINE())
+S_Steps Server_Hears(const std::string& from, const std::string& result, int line = __builtin_LINE())
 {
     const auto read = [from](S_Robot& robot) {
         std::string text;
@@ -406,7 +411,7 @@ S_Story Server_Hears(const std::string& from, const std::string& result, int lin
 
 // A client of the built-in server leaves while the server waits for its messages: the accepted socket is blocking and
 // stays readable, and the receive after the first failed one does not return.
-S_Story Leaves()
+S_Steps Leaves()
 {
     return Join({
         Opens_Server(R1),
@@ -421,7 +426,7 @@ S_Story Leaves()
 
 // The same with a thread that watches the client. A shutdown or close of the socket does not end the read that hangs; a
 // signal does, and if the socket has been made non-blocking before, reading goes on until the time is out.
-S_Story Watched()
+S_Steps Watched()
 {
     const auto serve = [](S_Robot& robot) {
         struct sigaction action = {};
@@ -449,7 +454,7 @@ S_Story Watched()
 }
 
 // The example server of the safe kind survives clients that come, leave, are killed and fall silent.
-S_Story Safe()
+S_Steps Safe()
 {
     const auto ask = [](const char* who, const char* what) {
         const auto send = [=](S_Robot& robot) {
@@ -490,7 +495,7 @@ S_Story Safe()
 }
 
 // Three clients of the built-in server.
-S_Story Server()
+S_Steps Server()
 {
     const auto stop = [](S_Robot& robot) { return robot.CloseServer_TAV(); };
     const auto sendAll = [](S_Robot& robot) { return robot.Server_SendMsg_TAV_String("id", "to all"); };
@@ -531,9 +536,9 @@ S_Story Server()
     });
 }
 
-S_Story Seven()
+S_Steps Seven()
 {
-    S_Story arrive, hear;
+    S_Steps arrive, hear;
     std::string clients;
     for (const std::string who : {"Robot2", "Robot3", "Robot4", "Robot5", "Robot6", "Robot7", "Robot8"}) {
         clients += (clients.empty() ? "" : " ") + who;
@@ -545,16 +550,171 @@ S_Story Seven()
         arrive,
         Do(R1, "true", [](S_Robot& robot) { return robot.Server_SendMsg_TAV_Bool("id", true); }),
         hear,
+        // An eighth link is one too many.
+        Do(R1, "true",
+           [](S_Robot& robot) {
+               return robot.Reach("Lamp", 16, 20000) == "#" && !robot.Say_True() && errno == EMLINK;
+           }),
         Says("Robot8", "last"),
         Server_Hears("Robot8", "4 last"),
         Do(R1, "true", [](S_Robot& robot) { return robot.CloseServer_TAV(); }),
     });
 }
 
+// ---- Clients that mean no good
+// ----------------------------------------------------------------------------------------
+
+// How often hostile things are done, by play --times, so many times what is done every day.
+int Times(int everyDay)
+{
+    int times = 1;
+    std::ifstream("times") >> times;
+    return times * everyDay;
+}
+
+constexpr double FOR_EVER = 10000;  // s, for steps whose length goes by Times
+
+int Count_Descriptors()
+{
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<int>(std::distance(begin(all), end(all)));
+}
+
+// One of three clients is killed: the server goes on sending to all, closes the one that is gone, and takes it back.
+S_Steps Killed()
+{
+    const auto sendAll = [](S_Robot& robot) { return robot.Server_SendMsg_TAV_String("id", "to all"); };
+    const auto closeGone = [](S_Robot& robot) {
+        for (const auto& client : robot.m_ServerClients[robot.m_ServerSocket]) {
+            pollfd state = {client.Socket, 0, 0};
+            if (poll(&state, 1, 2000) == 1) return robot.CloseClient(client.Socket);
+        }
+        return false;
+    };
+    return Join({
+        Opens_Server(R1),
+        Joins(R2, "Robot2"),
+        Joins(R3, "Robot2 Robot3"),
+        Joins(R4, "Robot2 Robot3 Robot4"),
+        Kill(R3),
+        Pause(0.5),
+        Do(R1, "true", sendAll),
+        Hears(R2, R1, "to all"),
+        Hears(R4, R1, "to all"),
+        // Not in the order of the clients, as those that are there are waited for first.
+        Takes(0, 15, Do(R1, "true", closeGone)),
+        Joins(R3, "Robot2 Robot4 Robot3"),
+        Do(R1, "true", sendAll),
+        Hears(R3, R1, "to all"),
+        Says(R4, "four"),
+        Server_Hears(R4, "4 four"),
+        Do(R1, "true", [](S_Robot& robot) { return robot.CloseServer_TAV(); }),
+    });
+}
+
+// A client that never reads fills its socket, and holds up nobody whose server asks before it sends.
+S_Steps Deaf()
+{
+    // The bytes that were sent whole, each message only when the socket took data.
+    const auto fill = [](S_Robot& robot) {
+        fcntl(robot.Link, F_SETFL, O_NONBLOCK);
+        int sent = 0;
+        for (pollfd state = {robot.Link, POLLOUT, 0}; poll(&state, 1, 300) == 1 && robot.Say(Letters(488));)
+            sent += 500;
+        return sent >= 20000;
+    };
+    const auto isWhole = [](S_Robot& robot) {
+        std::string text;
+        int whole = 0;
+        while (robot.Receive(500, 1000) == 500)
+            ++whole;
+        return whole >= 40;
+    };
+    return Join({
+        Connected(16),
+        Takes(0, 20, Do(R2, "true", fill)),
+        Reach(R3, R2, 16),
+        Accept(R2, R3, 16),
+        Says(R2, "you hear"),
+        Hears(R3, R2, "you hear"),
+        // It was only slow: what was sent whole arrives.
+        Takes(0, 20, Do(R1, "true", isWhole)),
+    });
+}
+
+// A client that connects and leaves, again and again.
+S_Steps Restless()
+{
+    const int times = Times(20);
+    const auto serve = [times](S_Robot& robot) {
+        const int before = Count_Descriptors();
+        int came = 0;
+        for (; came < times && robot.AcceptClient(robot.Listening, 20000) >= 0; ++came)
+            robot.CloseClient(robot.m_ServerClients[robot.Listening][0].Socket);
+        // Of hundreds, one may be reset before it is accepted: it came too soon after the last.
+        return Text(came >= times - times / 100) + ", " + std::to_string(Count_Descriptors() - before) +
+               " descriptors more, clients: " + std::to_string(robot.m_ServerClients[robot.Listening].size());
+    };
+    // Too soon after it has left it is refused; then it waits a little longer.
+    const auto come = [times](S_Robot& robot) {
+        const int before = Count_Descriptors();
+        const int most = 10 * times;  // on a busy machine it takes longer
+        int refused = 0;
+        for (int left = times; left > 0 && refused < most;) {
+            const bool connected =
+                robot.Reach(R2, 16, 20000) == "#" && robot.Receive(1, 5000) < 0 && errno == ECONNRESET;
+            connected ? --left : ++refused;
+            robot.Disconnect(robot.Link);
+            usleep(connected ? 100000 : 300000);
+        }
+        return (refused < most ? "true, " : "refused too often, ") + std::to_string(Count_Descriptors() - before) +
+               " descriptors more";
+    };
+    return Join({
+        Open(R2, 16),
+        Meanwhile(Takes(0, FOR_EVER, Do(R2, "true, 0 descriptors more, clients: 0", serve))),
+        Takes(0, FOR_EVER, Do(R1, "true, 0 descriptors more", come)),
+    });
+}
+
+// PyBluez sends messages of both formats with bytes changed, cut and doubled, and compares what the readers make of
+// each with what its own decoder makes of it.
+S_Steps Mutants()
+{
+    const int times = Times(300);
+    const auto judge = [times](S_Robot& robot) {
+        fcntl(robot.Link, F_SETFL, O_NONBLOCK);  // so that this ends when the peer has given up
+        for (int i = 0; i < times; ++i) {
+            std::string result;
+            if (i % 5 == 0) result = robot.Read_Text(R1, 500, 30000);
+            if (i % 5 == 1) result = robot.Read_Data(R1, 500, 30000);
+            if (i % 5 == 2) result = robot.Read_Bool(R1, 30000);
+            if (i % 5 == 3) result = robot.Read_Classic(500, 30000);
+            if (i % 5 == 4) result = robot.Read_ClassicBool(30000);
+            const std::size_t blank = result.find(' ');
+            const std::string value = result.substr(blank + 1);
+            const bool failed = result.rfind("-1", 0) == 0 || result == "false";
+            const bool isBool = i % 5 == 2 || i % 5 == 4;
+            while (robot.Receive(1024, 0) > 0) {
+            }  // what a reader has left
+            if (!robot.Say_Data(failed ? "-" : "+" + (isBool ? std::string(1, value == "true" ? '\1' : '\0') : value)))
+                return false;
+        }
+        return true;
+    };
+    const std::string command = "python3 ./peer.py mutants " + Get_Address(R2) + " " + std::to_string(times);
+    return Join({
+        Open(R2, 16),
+        Meanwhile(Takes(0, FOR_EVER, Shell(R1, command, "all well"))),
+        Accept(R2, R1, 16),
+        Takes(0, FOR_EVER, Do(R2, "true", judge)),
+    });
+}
+
 // ---- Radio ----------------------------------------------------------------------------------------------------------
 
 // A brick is switched off: its peer notices after the link supervision time-out of 20 s, and sends in vain until then.
-S_Story Switched_Off()
+S_Steps Switched_Off()
 {
     const auto receive = [](S_Robot& robot) { return robot.Receive_All(); };
     return Join({
@@ -574,7 +734,7 @@ S_Story Switched_Off()
 
 // Out of range for five seconds: nothing is lost. Who hangs up meanwhile cannot connect anew before the silent link has
 // been given up, or the other is back.
-S_Story Out_And_Back()
+S_Steps Out_And_Back()
 {
     return Join({
         Connected(16),
@@ -594,7 +754,7 @@ S_Story Out_And_Back()
     });
 }
 
-S_Story Page_Refused()
+S_Steps Page_Refused()
 {
     return Join({
         Radio("refuse Robot2"),
@@ -608,7 +768,7 @@ S_Story Page_Refused()
 
 // ---- Peers that nobody here wrote -----------------------------------------------------------------------------------
 
-S_Story Services()
+S_Steps Services()
 {
     const auto ask = [](const char* whom) {
         return [=](S_Robot& robot) {
@@ -616,6 +776,7 @@ S_Story Services()
             return robot.Get_BT_Services_Count(whom);
         };
     };
+    const auto askEnough = [=](S_Robot& robot) { return ask(R2)(robot) >= 5; };
     const auto service = [](int channel) {
         return "|Service Name : Serial Port|Service Description : COM Port|Service Provider : BlueZ|Port : " +
                Text(channel);
@@ -624,12 +785,9 @@ S_Story Services()
         // Before anything else: over a link that is up already, Linux may miss a refusal and wait for 41 s.
         Do(R2, "-1", "Get_BT_Services: Start|Error in fce sdp_connect(Error Code 111 : Connection refused)", ask(R1)),
         Only(AIR, Do(R1, "2", "Get_BT_Services: Start" + service(1) + service(16), ask(R2))),
-        // bluetoothd has records of its own, and one without a protocol list.
-        Only(LAB, Do(R1, "5",
-                     "Get_BT_Services: Start|Service Name : AVRCP CT|Port : 0|Service Name : AVRCP TG|Port : 0|"
-                     "Service ID : 1101" +
-                         service(1) + "|Service ID : 1101" + service(16),
-                     ask(R2))),
+        // bluetoothd has records of its own before these, that of Debian 13 more of them: some without a channel.
+        Only(LAB, Do(R1, "true", "...Get_BT_Services: Start|Service Name : AVRCP CT|Port : 0|", askEnough)),
+        Only(LAB, Do(R1, "true", "...|Service ID : 1101" + service(1) + "|Service ID : 1101" + service(16), askEnough)),
         Takes(5.1, 7,
               Do(R1, "-1", "Get_BT_Services: Start|Error in fce sdp_connect(Error Code 112 : Host is down)",
                  ask("Nobody"))),
@@ -639,23 +797,53 @@ S_Story Services()
     });
 }
 
-S_Story Tools()
+S_Steps Tools()
 {
-    const std::string second = Get_Address(R2);
+    const std::string first = Get_Address(R1), second = Get_Address(R2), nobody = Get_Address("Nobody");
     return Join({
+        Shell(R1, "hciconfig", "BD Address: " + first + "  ACL MTU: 1021:8"),
+        Shell(R1, "hciconfig hci0 name", "Name: 'Robot1'"),
+        Shell(R1, "hcitool dev", "hci0~" + first),
         Shell(R1, "hcitool name " + second, "Robot2"),
-        Shell(R1, "hcitool scan", second + "~Robot2"),
+        Shell(R1, "hcitool scan --length=2", second + "~Robot2"),
+        Shell(R1, "hcitool inq --length=2", second + "~clock offset"),
         Shell(R1, "l2ping -c 3 " + second, "3 sent, 3 received"),
         Shell(R1, "sdptool browse " + second, "Channel: 16"),
+        Shell(R1, "sdptool search --bdaddr " + second + " SP", "Channel: 16"),
+        Shell(R1, "sdptool records " + second, "Channel: 16"),
+        Shell(R1, "rctest -n -P 16 " + nobody + "; true", "Can't connect: Host is down (112)"),
         Open(R2, 16),
         Meanwhile(Shell(R1, "timeout 5 rctest -n -P 16 " + second + "; true", "Received 12 bytes")),
         Accept(R2, R1, 16),
+        Shell(R2, "hcitool con", "ACL " + first),
         Says_True(R2),
     });
 }
 
+// Programs that wait by asyncio, Asio, poll or not at all, as clients and servers of each other.
+S_Steps Loops()
+{
+    const std::string python = "python3 ./loops.py ", second = Get_Address(R2);
+    const struct
+    {
+        std::string Server, Client;
+    } PAIRS[] = {{python, python + "client "},
+                 {python, "./loops asio client "},
+                 {"./loops asio ", "./loops poll client "},
+                 {"./loops poll ", python + "plain "}};
+    S_Steps steps;
+    for (const auto& pair : PAIRS)
+        steps = Join({steps, Meanwhile(Shell(R2, pair.Server + "server", "3000, then ECONNRESET")), Pause(2),
+                      Shell(R1, pair.Client + second, "echoed"), Pause(0.5)});
+    return Join({
+        steps,
+        Shell(R1, "./loops poll client " + second, "ECONNREFUSED"),
+        Shell(R1, python + "client " + Get_Address("Nobody"), "EHOSTDOWN"),
+    });
+}
+
 // PyBluez builds and takes apart both formats on its own.
-S_Story Python()
+S_Steps Python()
 {
     return Join({
         Open(R2, 16),
@@ -694,7 +882,7 @@ std::vector<S_Scenario> All_Scenarios()
          BOTH,
          true},
         {"nobody", "nobody is there", {"Robot1"}, Nobody()},
-        {"adapter-down", "the adapter is down", {"Robot1 no-adapter"}, Adapter_Down()},
+        {"adapter-down", "the adapter is down", pair, Adapter_Down()},
         {"adapter-absent", "there is no adapter", {"Robot1 no-adapter"}, Adapter_Absent(), LAB},
         {"connect", "by name through inquiry, list and file; by index; twice; a channel in use", pair, Connect(), BOTH,
          true},
@@ -707,7 +895,7 @@ std::vector<S_Scenario> All_Scenarios()
         {"leaves", "a client leaves, and the waiting server hangs", pair, Leaves(), BOTH, true},
         {"watched", "a thread that watches a client frees the server that hangs", pair, Watched(), BOTH, true},
         {"switched-off", "a brick is switched off in mid-message", pair, Switched_Off()},
-        {"out-and-back", "a brick goes out of range and comes back", pair, Out_And_Back(), LAB},
+        {"out-and-back", "a brick goes out of range and comes back", pair, Out_And_Back()},
         {"page-refused", "a brick that takes no more links", pair, Page_Refused(), LAB},
         {"safe", "a server that survives whatever its clients do", {"Robot1", "Robot2", "Robot3"}, Safe(), BOTH, true},
         {"server",
@@ -716,12 +904,17 @@ std::vector<S_Scenario> All_Scenarios()
          Server(),
          BOTH,
          true},
+        {"killed", "one of three clients is killed", {"Robot1", "Robot2", "Robot3", "Robot4"}, Killed()},
+        {"deaf", "a client that does not read", {"Robot1", "Robot2", "Robot3"}, Deaf()},
+        {"restless", "a client that connects and leaves again and again", pair, Restless()},
         {"seven",
          "seven clients of the built-in server",
-         {"Robot1", "Robot2", "Robot3", "Robot4", "Robot5", "Robot6", "Robot7", "Robot8"},
+         {"Robot1", "Robot2", "Robot3", "Robot4", "Robot5", "Robot6", "Robot7", "Robot8", "Lamp device"},
          Seven()},
         {"services", "SDP with and without a server", served, Services(), BOTH, true},
-        {"tools", "BlueZ's tools as peers", served, Tools(), LAB},
-        {"python", "PyBluez as client and server of both formats", served, Python(), LAB},
+        {"tools", "BlueZ's tools as peers", served, Tools()},
+        {"python", "PyBluez as client and server of both formats", served, Python()},
+        {"mutants", "damaged messages from PyBluez, and what its decoder says of each", served, Mutants(), LAB},
+        {"loops", "asyncio, Asio, poll and plain sockets", served, Loops()},
     };
 }

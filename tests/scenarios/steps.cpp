@@ -17,7 +17,7 @@ std::string Get_Address(const std::string& name)
 
 // ---- Steps ----------------------------------------------------------------------------------------------------------
 
-S_Story Make_Step(const std::string& who, const std::string& result, const std::string& log,
+S_Steps Make_Step(const std::string& who, const std::string& result, const std::string& log,
                   std::function<std::string(S_Robot&)> action, int line)
 {
     S_Step step;
@@ -29,7 +29,7 @@ S_Story Make_Step(const std::string& who, const std::string& result, const std::
     return {step};
 }
 
-S_Story Shell(const std::string& who, const std::string& command, const std::string& result, int line)
+S_Steps Shell(const std::string& who, const std::string& command, const std::string& result, int line)
 {
     const auto run = [command](S_Robot&) {
         std::string said;
@@ -46,7 +46,7 @@ S_Story Shell(const std::string& who, const std::string& command, const std::str
 
 namespace {
 
-S_Story Make_Command(const std::string& who, const std::string& command)
+S_Steps Make_Command(const std::string& who, const std::string& command)
 {
     S_Step step;
     step.Who = who;
@@ -56,47 +56,47 @@ S_Story Make_Command(const std::string& who, const std::string& command)
 
 }  // namespace
 
-S_Story Pause(double seconds)
+S_Steps Pause(double seconds)
 {
     return Make_Command("pause", std::to_string(seconds));
 }
 
-S_Story Radio(const std::string& command)
+S_Steps Radio(const std::string& command)
 {
     return Make_Command("radio", command);
 }
 
-S_Story Kill(const std::string& who)
+S_Steps Kill(const std::string& who)
 {
     return Make_Command(who, "kill");
 }
 
-S_Story Meanwhile(S_Story story)
+S_Steps Meanwhile(S_Steps steps)
 {
-    story[0].Begins = true;
-    return story;
+    steps[0].Begins = true;
+    return steps;
 }
 
-S_Story Takes(double least, double most, S_Story story)
+S_Steps Takes(double least, double most, S_Steps steps)
 {
-    story[0].Least = least;
-    story[0].Most = most;
-    return story;
+    steps[0].Least = least;
+    steps[0].Most = most;
+    return steps;
 }
 
-S_Story Only(E_Place place, S_Story story)
+S_Steps Only(E_Place place, S_Steps steps)
 {
-    for (S_Step& step : story)
+    for (S_Step& step : steps)
         step.Places = place;
-    return story;
+    return steps;
 }
 
-S_Story Join(std::initializer_list<S_Story> parts)
+S_Steps Join(std::initializer_list<S_Steps> parts)
 {
-    S_Story story;
-    for (const S_Story& part : parts)
-        story.insert(story.end(), part.begin(), part.end());
-    return story;
+    S_Steps steps;
+    for (const S_Steps& part : parts)
+        steps.insert(steps.end(), part.begin(), part.end());
+    return steps;
 }
 
 // ---- The brick ------------------------------------------------------------------------------------------------------
@@ -114,7 +114,7 @@ std::string S_Robot::Open(unsigned char channel)
 
 std::string S_Robot::Accept()
 {
-    return Get_Result(Link = AcceptClient(Listening, 9000));
+    return Get_Result(Link = AcceptClient(Listening, 25000));
 }
 
 std::string S_Robot::Reach(const std::string& name, unsigned char channel, unsigned long timeout)
@@ -182,6 +182,13 @@ std::string S_Robot::Read_Bool(const std::string& from, unsigned long timeout)
     return Text(result) + (result ? " " + Text(value) : "");
 }
 
+std::string S_Robot::Read_ClassicBool(unsigned long timeout)
+{
+    bool value = false;
+    const bool result = _ReadMsg_TAVOrg_Bool(Link, "", "abc", value, timeout);
+    return Text(result) + (result ? " " + Text(value) : "");
+}
+
 int S_Robot::Receive(unsigned int size, unsigned long timeout)
 {
     std::string buffer(size, ' ');
@@ -200,6 +207,7 @@ std::string S_Robot::Receive_All()
 std::string S_Robot::Devices() const
 {
     std::vector<std::string> texts;
+    texts.reserve(m_ScanDevices.size());
     for (const auto& device : m_ScanDevices)
         texts.push_back(device.Name + " " + device.AddrText);
     std::sort(texts.begin(), texts.end());

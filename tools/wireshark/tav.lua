@@ -4,7 +4,9 @@
 -- A frame is shown as what it holds: messages one behind the other, or a part of one that an earlier frame began.
 -- Nothing is put together, since readers do not either.
 
-local tav = Proto("tav", "TAV Bluetooth, named messages")
+-- The installed plugin may have been loaded before this one: then that one stays.
+local is_first, tav = pcall(Proto, "tav", "TAV Bluetooth, named messages")
+if not is_first then return end
 local tav_classic = Proto("tav_classic", "TAV Bluetooth, classic messages")
 
 local TEXT, BOOL, DATA = 1, 3, 4
@@ -94,11 +96,25 @@ function Message:until_nul()
   return nul and nul - 1 - self.pos or self:left(), nul and 1 or 0
 end
 
--- `size` bytes, of which the first `shown` are a text. Where it is not UTF-8, its bytes above 7F are shown as "?".
+local function escape(bytes)
+  return (bytes:gsub(".", function(byte) return ("\\x%02X"):format(byte:byte()) end))
+end
+
+-- The text as one line that a terminal only shows: what it could obey or what is not UTF-8 becomes \x1B and the like.
+-- Characters of more than one byte that are not to be shown: C1 controls, and those that turn lines round or end them.
+local function printable(text, is_utf8)
+  text = text:gsub("[\0-\31\127]", escape)
+  if not is_utf8 then return (text:gsub("[\128-\255]", escape)) end
+  for _, unshown in ipairs {"\194[\128-\159]", "\216\156", "\226\128[\142\143\168-\174]", "\226\129[\166-\169]"} do
+    text = text:gsub(unshown, escape)
+  end
+  return text
+end
+
+-- `size` bytes, of which the first `shown` are a text.
 function Message:take_text(field, size, shown, words)
-  local text = self.buf:raw(self.pos, shown)
-  if shown > 0 and self.buf(self.pos, shown):string(ENC_UTF_8) ~= text then text = text:gsub("[\128-\255]", "?") end
-  text = text:gsub("\0", "\\0")
+  local bytes = self.buf:raw(self.pos, shown)
+  local text = printable(bytes, shown == 0 or self.buf(self.pos, shown):string(ENC_UTF_8) == bytes)
   self:take(field, size, text)
   local start = text:sub(1, 40):gsub("[\192-\255]?[\128-\191]*$", "")
   self.title = self.title .. words .. '"' .. (#text > 40 and start .. '..." (' .. shown .. " bytes)" or text .. '"')

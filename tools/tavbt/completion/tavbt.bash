@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # bash completion of tavbt, which knows its verbs, options and devices itself; files where it offers nothing.
 _tavbt() {
   local words=("${COMP_WORDS[@]:1:COMP_CWORD}") candidate

@@ -1,0 +1,175 @@
+// Descriptors: the calls underneath, the marks, those of the air's own, and what is behind a number.
+#include "sim/internals.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <sys/epoll.h>
+#include <unistd.h>
+#include <vector>
+
+namespace tav_air {
+
+namespace {
+
+constexpr int OWN_FDS = 700;  // the air's own descriptors from here on, where programs put none by number
+constexpr int FD_TIMEOUT_MS = 200;
+
+C_FdMarks g_Own;
+std::atomic<int> g_LastOwn{0};  // no own descriptor was ever above it
+
+struct S_Watch
+{
+    int Instance;
+    epoll_event Event;
+};
+
+// Who watches a descriptor by epoll, as the kernel knows it: with what is left of EPOLLONESHOT.
+std::vector<S_Watch> List_Watches(int fd)
+{
+    std::vector<S_Watch> watches;
+    DIR* const folder = opendir("/proc/self/fd");
+    for (const dirent* entry; folder && (entry = readdir(folder));) {
+        char target[32] = {};
+        if (readlinkat(dirfd(folder), entry->d_name, target, sizeof(target) - 1) < 0 ||
+            strcmp(target, "anon_inode:[eventpoll]") != 0)
+            continue;
+        std::ifstream file(std::string("/proc/self/fdinfo/") + entry->d_name);
+        for (std::string line; std::getline(file, line);) {
+            S_Watch watch{atoi(entry->d_name), {}};
+            int watched = -1;
+            unsigned long long data = 0;
+            std::uint32_t events = 0;
+            if (sscanf(line.c_str(), "tfd: %d events: %x data: %llx", &watched, &events, &data) != 3 || watched != fd)
+                continue;
+            watch.Event.events = events;
+            watch.Event.data.u64 = data;
+            watches.push_back(watch);
+        }
+    }
+    if (folder) closedir(folder);
+    return watches;
+}
+
+// A byte, and room for a descriptor beside it.
+struct S_FdMessage
+{
+    char Byte = 0;
+    iovec Part{&Byte, 1};
+    alignas(cmsghdr) char Control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr Header{};
+
+    S_FdMessage()
+    {
+        Header.msg_iov = &Part;
+        Header.msg_iovlen = 1;
+        Header.msg_control = Control;
+        Header.msg_controllen = sizeof(Control);
+    }
+    S_FdMessage(const S_FdMessage&) = delete;
+};
+
+}  // namespace
+
+C_FdMarks g_Ours;
+
+const S_Real& Real()
+{
+    static const S_Real real;
+    return real;
+}
+
+bool Is_Own(int fd)
+{
+    return g_Own.Has(fd);
+}
+
+void Close_Own(int& fd)
+{
+    g_Own.Set(fd, false);
+    if (fd >= 0) Real().Close(fd);
+    fd = -1;
+}
+
+int Put_Away(int fd)
+{
+    const int moved = Real().Fcntl(fd, F_DUPFD_CLOEXEC, OWN_FDS);
+    if (moved < 0) return fd;
+    Real().Close(fd);
+    g_Own.Set(moved, true);
+    g_LastOwn = std::max(g_LastOwn.load(), moved);
+    return moved;
+}
+
+int Open_UnixSocket(int type)
+{
+    return Put_Away(Real().Socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+}
+
+bool Open_Pair(int type, int& near, int& far)
+{
+    int ends[2] = {-1, -1};
+    if (socketpair(AF_UNIX, type, 0, ends) < 0) return false;
+    near = ends[0];
+    far = Put_Away(ends[1]);
+    return true;
+}
+
+int Close_Range(unsigned int first, unsigned int last, int flags)
+{
+    int result = 0;
+    for (auto fd = std::max<unsigned int>(first, OWN_FDS); fd <= last && static_cast<int>(fd) <= g_LastOwn; ++fd) {
+        if (!Is_Own(static_cast<int>(fd))) continue;
+        if (first < fd) result = Real().Close_range(first, fd - 1, flags);
+        first = fd + 1;
+    }
+    return first <= last ? Real().Close_range(first, last, flags) : result;
+}
+
+void Swap_In(int fd, int other)
+{
+    const int flags = Real().Fcntl(fd, F_GETFL);
+    const int descriptorFlags = Real().Fcntl(fd, F_GETFD);
+    Real().Fcntl(other, F_SETFL, flags);
+    auto watches = List_Watches(fd);  // epoll watches open files, not numbers
+    for (const S_Watch& watch : watches)
+        epoll_ctl(watch.Instance, EPOLL_CTL_DEL, fd, nullptr);
+    Real().Dup3(other, fd, (descriptorFlags & FD_CLOEXEC) ? O_CLOEXEC : 0);
+    for (S_Watch& watch : watches)
+        epoll_ctl(watch.Instance, EPOLL_CTL_ADD, fd, &watch.Event);
+}
+
+bool Send_Fd(int through, int fd)
+{
+    S_FdMessage message;
+    cmsghdr* const header = CMSG_FIRSTHDR(&message.Header);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(int));
+    memcpy(CMSG_DATA(header), &fd, sizeof(int));
+    return Real().Sendmsg(through, &message.Header, MSG_NOSIGNAL | MSG_DONTWAIT) == 1;
+}
+
+int Receive_Fd(int through)
+{
+    S_FdMessage message;
+    pollfd come{through, POLLIN, 0};
+    if (Real().Poll(&come, 1, FD_TIMEOUT_MS) <= 0 || Real().Recvmsg(through, &message.Header, MSG_DONTWAIT) != 1)
+        return -1;
+    const cmsghdr* const header = CMSG_FIRSTHDR(&message.Header);
+    if (!header || header->cmsg_type != SCM_RIGHTS) return -1;
+    int fd = -1;
+    memcpy(&fd, CMSG_DATA(header), sizeof(int));
+    return fd;
+}
+
+bool Is_Blocking(int fd, int flags)
+{
+    return (flags & MSG_DONTWAIT) == 0 && (Real().Fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
+}
+
+}  // namespace tav_air

@@ -1,0 +1,233 @@
+// What the kernel offers on HCI sockets, as far as BlueZ's library and tools ask for it; and the echo of L2CAP.
+#include "sim/internals.h"
+
+#include <algorithm>
+#include <bluetooth/hci_lib.h>
+#include <bluetooth/l2cap.h>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <sys/ioctl.h>
+
+namespace tav_air {
+
+namespace {
+
+constexpr std::uint8_t PAGE_TIMED_OUT = 0x04;  // status of events
+constexpr std::uint8_t UNKNOWN_COMMAND = 0x01;
+
+// Of Bluetooth 2.0, without simple pairing.
+constexpr std::uint8_t FEATURES[8] = {0x07, 0, 0x04, 0, 0, 0, 0, 0};  // as the lab's radio has them
+constexpr std::uint8_t VERSION[8] = {3, 0, 0, 3, 0xFF, 0xFF, 0, 0};
+constexpr std::uint16_t ACL_SIZE = 1021;
+constexpr std::uint16_t ACL_COUNT = 8;
+
+template <typename VALUE>
+std::string Bytes_Of(const VALUE& value)
+{
+    return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
+}
+
+// ---- ioctl ----------------------------------------------------------------------------------------------------------
+
+std::uint32_t Get_Flags(const S_Brick& brick)
+{
+    if (!brick.Powered) return 0;
+    return 1U << HCI_UP | 1U << HCI_RUNNING | 1U << HCI_PSCAN | (brick.Discoverable ? 1U << HCI_ISCAN : 0U);
+}
+
+void Fill_Info(const S_Brick& brick, hci_dev_info& info)
+{
+    info = {};
+    strcpy(info.name, "hci0");
+    str2ba(brick.Address.c_str(), &info.bdaddr);
+    info.flags = Get_Flags(brick);
+    memcpy(info.features, FEATURES, sizeof(FEATURES));
+    info.type = HCI_UART;
+    info.pkt_type = 0xCC18;
+    info.link_policy = HCI_LP_RSWITCH | HCI_LP_HOLD | HCI_LP_SNIFF | HCI_LP_PARK;
+    info.link_mode = HCI_LM_ACCEPT;
+    info.acl_mtu = ACL_SIZE;
+    info.acl_pkts = ACL_COUNT;
+}
+
+// The links of a brick, at most `room`.
+int List_Connections(const S_Brick& brick, hci_conn_info* infos, int room)
+{
+    const std::lock_guard lock(State().Mutex);
+    const auto names = List_Names();
+    int count = 0;
+    for (const std::string& peer : List_Links(brick.Address)) {
+        if (count == room) break;
+        hci_conn_info& info = infos[count++];
+        info = {};
+        info.handle = static_cast<std::uint16_t>(count);
+        info.type = ACL_LINK;
+        info.state = BT_CONNECTED;
+        const auto own = names.lower_bound(brick.Address + ">" + peer);
+        info.out = own != names.end() && own->rfind(brick.Address + ">" + peer, 0) == 0;
+        info.link_mode = info.out ? HCI_LM_MASTER : 0;
+        str2ba(peer.c_str(), &info.bdaddr);
+    }
+    return count;
+}
+
+// Takes the whole time that is asked for.
+int Inquire(const S_Brick& own, hci_inquiry_req& request)
+{
+    if (!own.Powered) return Fail(ENETDOWN);
+    const std::size_t most = request.num_rsp ? request.num_rsp : 255;
+    auto* const infos = reinterpret_cast<inquiry_info*>(&request + 1);
+    if (!Sleep_UntilSignal(INQUIRY_UNIT * request.length / 2)) return -1;
+    std::unique_lock lock(State().Mutex);
+    const auto names = List_Names();
+    lock.unlock();
+    std::size_t count = 0;
+    for (const std::string& address : names) {
+        if (address.size() != ADDRESS_SIZE || address == own.Address || count == most) continue;
+        const auto brick = Ask_Brick(address);
+        if (!brick || !brick->Discoverable) continue;
+        inquiry_info info{};
+        info.pscan_rep_mode = 1;
+        str2ba(address.c_str(), &info.bdaddr);
+        memcpy(&infos[count++], &info, sizeof(info));
+    }
+    request.num_rsp = static_cast<std::uint8_t>(count);
+    return Sleep_UntilSignal(INQUIRY_UNIT * request.length / 2) ? 0 : -1;
+}
+
+// ---- Commands and events --------------------------------------------------------------------------------------------
+
+// Sends an event, unless the socket's filter is against it.
+void Send_Event(const SocketPointer& socket, std::uint8_t event, const std::string& parameters, std::uint16_t opcode,
+                Clock::duration after = Clock::duration::zero())
+{
+    const bool isAnswer = event == EVT_CMD_COMPLETE || event == EVT_CMD_STATUS;
+    const std::lock_guard lock(State().Mutex);
+    const hci_filter& filter = socket->Filter;
+    const std::uint64_t events = filter.event_mask[0] | static_cast<std::uint64_t>(filter.event_mask[1]) << 32U;
+    if ((filter.type_mask >> HCI_EVENT_PKT & 1U) == 0 || (events >> (event & HCI_FLT_EVENT_BITS) & 1U) == 0) return;
+    if (isAnswer && filter.opcode != 0 && filter.opcode != opcode) return;
+    const std::string packet =
+        std::string{HCI_EVENT_PKT, static_cast<char>(event), static_cast<char>(parameters.size())} + parameters;
+    State().Later.emplace(Clock::now() + after, S_Later{socket, packet});
+    Wake_Thread();
+}
+
+// The name event follows the command's status as soon as the device has told its name, or cannot.
+void Ask_Name(const SocketPointer& socket, const std::string& parameters, std::uint16_t opcode)
+{
+    evt_remote_name_req_complete answer{};
+    memcpy(&answer.bdaddr, parameters.data(), std::min(parameters.size(), sizeof(answer.bdaddr)));
+    Send_Event(socket, EVT_CMD_STATUS, Bytes_Of(evt_cmd_status{0, 1, opcode}), opcode);
+    const auto brick = Ask_Brick(Get_Text(answer.bdaddr));
+    const bool tells = brick && brick->TellsName;
+    answer.status = tells ? 0 : PAGE_TIMED_OUT;
+    if (tells) brick->Name.copy(reinterpret_cast<char*>(answer.name), sizeof(answer.name));
+    Send_Event(socket, EVT_REMOTE_NAME_REQ_COMPLETE, Bytes_Of(answer), 0, Scaled(tells ? NAME_TIME : PAGE_TIMEOUT));
+}
+
+// What a command that is done at once returns, behind its status.
+std::optional<std::string> Do_Command(const S_Brick& own, int group, int command, const std::string& parameters)
+{
+    const std::string status(1, '\0');
+    bdaddr_t address{};
+    str2ba(own.Address.c_str(), &address);
+    if (group == OGF_INFO_PARAM) {
+        if (command == OCF_READ_LOCAL_VERSION) return status + Bytes_Of(VERSION);
+        if (command == OCF_READ_LOCAL_FEATURES) return status + Bytes_Of(FEATURES);
+        if (command == OCF_READ_BD_ADDR) return status + Bytes_Of(address);
+    } else if (group == OGF_HOST_CTL) {
+        if (command == OCF_READ_LOCAL_NAME) {
+            std::string name = own.Name;
+            name.resize(HCI_MAX_NAME_LENGTH);
+            return status + name;
+        }
+        if (command == OCF_CHANGE_LOCAL_NAME)
+            return Ask_Adapter(own.Address, "name " + std::string(parameters.c_str())), status;
+        if (command == OCF_READ_CLASS_OF_DEV) return status + std::string(3, '\0');
+        if (command == OCF_READ_SCAN_ENABLE)
+            return status + static_cast<char>(own.Discoverable ? SCAN_PAGE | SCAN_INQUIRY : SCAN_PAGE);
+        if (command == OCF_WRITE_SCAN_ENABLE && !parameters.empty())
+            return Ask_Adapter(own.Address, "scan " + std::to_string(parameters[0])), status;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+int Control_Adapter(S_Socket& socket, unsigned long request, void* argument)
+{
+    auto* const list = static_cast<hci_dev_list_req*>(argument);
+    const auto adapter = Ask_Adapter(socket.Own);
+    if (request == HCIGETDEVLIST) {
+        list->dev_num = adapter && list->dev_num > 0 ? 1 : 0;
+        if (list->dev_num > 0) list->dev_req[0] = {0, Get_Flags(*adapter)};
+        return 0;
+    }
+    // Elsewhere the adapter's number is the argument, or stands first behind it.
+    const bool isNumber = request == HCIDEVUP || request == HCIDEVDOWN || request == HCIDEVRESET ||
+                          request == HCIDEVRESTAT || request == HCISETRAW;
+    std::uint16_t number = 0;
+    if (isNumber)
+        number = static_cast<std::uint16_t>(reinterpret_cast<std::uintptr_t>(argument));
+    else
+        memcpy(&number, argument, sizeof(number));
+    if (!adapter || number != 0) return Fail(ENODEV);
+    auto* const connections = static_cast<hci_conn_list_req*>(argument);
+    switch (request) {
+    case HCIGETDEVINFO:
+        return Fill_Info(*adapter, *static_cast<hci_dev_info*>(argument)), 0;
+    case HCIGETCONNLIST:
+        connections->conn_num =
+            static_cast<std::uint16_t>(List_Connections(*adapter, connections->conn_info, connections->conn_num));
+        return 0;
+    case HCIINQUIRY:
+        return Inquire(*adapter, *static_cast<hci_inquiry_req*>(argument));
+    case HCIDEVUP:
+        return adapter->Powered ? Fail(EALREADY) : (Ask_Adapter(socket.Own, "up"), 0);
+    case HCIDEVDOWN:
+        return Ask_Adapter(socket.Own, "down"), 0;
+    case HCISETSCAN:
+        if (!adapter->Powered) return Fail(ENETDOWN);
+        return Ask_Adapter(socket.Own, "scan " + std::to_string(static_cast<hci_dev_req*>(argument)->dev_opt)), 0;
+    case HCIDEVRESET:
+        return adapter->Powered ? 0 : Fail(ENETDOWN);
+    default:
+        return Fail(EOPNOTSUPP);
+    }
+}
+
+ssize_t Send_Command(const SocketPointer& socket, const std::string& packet)
+{
+    const auto adapter = Ask_Adapter(socket->Own);
+    if (!adapter) return Fail(ENODEV);
+    if (!adapter->Powered) return Fail(ENETDOWN);
+    constexpr std::size_t HEADER = 1 + HCI_COMMAND_HDR_SIZE;
+    if (packet.size() < HEADER || packet[0] != HCI_COMMAND_PKT) return Fail(EINVAL);
+    std::uint16_t opcode = 0;
+    memcpy(&opcode, packet.data() + 1, sizeof(opcode));
+    const int group = cmd_opcode_ogf(opcode), command = cmd_opcode_ocf(opcode);
+    const std::string parameters = packet.substr(HEADER);
+    if (group == OGF_LINK_CTL && command == OCF_REMOTE_NAME_REQ) {
+        Ask_Name(socket, parameters, opcode);
+    } else {
+        const std::string unknown(1, static_cast<char>(UNKNOWN_COMMAND));
+        const std::string returned = Do_Command(*adapter, group, command, parameters).value_or(unknown);
+        Send_Event(socket, EVT_CMD_COMPLETE, Bytes_Of(evt_cmd_complete{1, opcode}) + returned, opcode);
+    }
+    return static_cast<ssize_t>(packet.size());
+}
+
+ssize_t Send_Signal(const SocketPointer& socket, const std::string& packet)
+{
+    if (!packet.empty() && packet[0] == L2CAP_ECHO_REQ && Ask_Brick(socket->Peer)) {
+        const std::lock_guard lock(State().Mutex);
+        State().Later.emplace(Clock::now() + Scaled(NAME_TIME),
+                              S_Later{socket, static_cast<char>(L2CAP_ECHO_RSP) + packet.substr(1)});
+        Wake_Thread();
+    }
+    return static_cast<ssize_t>(packet.size());
+}
+
+}  // namespace tav_air

@@ -1,0 +1,223 @@
+// The SDP server of a brick: one answer for each request, over as many PDUs as it takes.
+#include "sim/internals.h"
+
+#include <algorithm>
+#include <bluetooth/sdp.h>
+#include <bluetooth/sdp_lib.h>
+#include <cstdlib>
+
+namespace tav_air {
+
+namespace {
+
+constexpr std::uint32_t FIRST_HANDLE_OF_RECORD = 0x10000;
+constexpr std::size_t MAX_PART = 600;  // of an answer in one PDU, which fits L2CAP's default
+
+// ---- Data elements: a type with its size or the size's width, the size, the value
+// -------------------------------------
+
+std::string Number(std::size_t value, int width = 2)
+{
+    std::string bytes;
+    for (int at = width - 1; at >= 0; --at)
+        bytes += static_cast<char>(value >> (8 * at));
+    return bytes;
+}
+
+std::string Uuid(std::uint16_t value)
+{
+    return "\x19" + Number(value);
+}
+
+std::string Sequence(const std::string& elements)
+{
+    return "\x36" + Number(elements.size()) + elements;
+}
+
+// Reads bytes one after the other; what is not there is 0, and then it is not Good.
+struct S_Reader
+{
+    std::string Bytes;
+    std::size_t At = 0;
+    bool IsGood = true;
+
+    std::size_t Take_Number(std::size_t width)
+    {
+        std::size_t value = 0;
+        for (const char byte : Take(width))
+            value = value << 8U | static_cast<unsigned char>(byte);
+        return value;
+    }
+    std::string Take(std::size_t size)
+    {
+        IsGood = IsGood && size <= Bytes.size() - At;
+        if (!IsGood) return "";
+        At += size;
+        return Bytes.substr(At - size, size);
+    }
+    bool Has_More() const { return IsGood && At < Bytes.size(); }
+
+    // An element: its type, and its value without type and size.
+    std::pair<int, std::string> Take_Element()
+    {
+        const std::size_t start = Take_Number(1), index = start & 7U;
+        const int type = static_cast<int>(start >> 3U);
+        const std::size_t size = type == 0 ? 0 : index < 5 ? std::size_t{1} << index : Take_Number(1U << (index - 5));
+        return {type, Take(size)};
+    }
+    std::string Take_Whole()
+    {
+        const std::size_t before = At;
+        Take_Element();
+        return IsGood ? Bytes.substr(before, At - before) : "";
+    }
+};
+
+constexpr int TYPE_UUID = 3, TYPE_SEQUENCE = 6, TYPE_ALTERNATIVE = 7;
+
+// All UUIDs are of 128 bits, shorter ones by the base that they have in common.
+std::string Get_Full(const std::string& uuid)
+{
+    static const std::string base("\0\0\x10\0\x80\0\0\x80\x5F\x9B\x34\xFB", 12);
+    return uuid.size() == 16 ? uuid : std::string(uuid.size() < 4 ? 4 - uuid.size() : 0, '\0') + uuid + base;
+}
+
+void Collect_Uuids(const std::string& elements, std::set<std::string>& uuids)
+{
+    for (S_Reader reader{elements}; reader.Has_More();) {
+        const auto [type, value] = reader.Take_Element();
+        if (type == TYPE_UUID) uuids.insert(Get_Full(value));
+        if (type == TYPE_SEQUENCE || type == TYPE_ALTERNATIVE) Collect_Uuids(value, uuids);
+    }
+}
+
+// ---- Records --------------------------------------------------------------------------------------------------------
+
+struct S_Record
+{
+    std::uint32_t Handle = 0;
+    std::string Bytes;       // of its list of attributes
+    bool IsAsGiven = false;  // and found by every search
+};
+
+std::string Build_Record(const S_Service& service, std::uint32_t handle)
+{
+    std::string attributes;
+    const auto add = [&](std::uint16_t id, const std::string& value) { attributes += "\x09" + Number(id) + value; };
+    const auto addText = [&](std::uint16_t id, const std::string& text) {
+        if (!text.empty()) add(id, "\x26" + Number(text.size()) + text);
+    };
+    add(SDP_ATTR_RECORD_HANDLE, "\x0A" + Number(handle, 4));
+    add(SDP_ATTR_SVCLASS_ID_LIST, Sequence(Uuid(SERIAL_PORT_SVCLASS_ID)));
+    if (service.Id != 0) add(SDP_ATTR_SERVICE_ID, Uuid(service.Id));
+    std::string protocols = Sequence(Uuid(L2CAP_UUID));
+    if (service.Channel > 0) protocols += Sequence(Uuid(RFCOMM_UUID) + "\x08" + static_cast<char>(service.Channel));
+    if (service.Channel >= 0) add(SDP_ATTR_PROTO_DESC_LIST, Sequence(protocols));
+    add(SDP_ATTR_BROWSE_GRP_LIST, Sequence(Uuid(PUBLIC_BROWSE_GROUP)));
+    add(SDP_ATTR_PFILE_DESC_LIST, Sequence(Sequence(Uuid(SERIAL_PORT_PROFILE_ID) + "\x09" + Number(0x0100))));
+    addText(SDP_ATTR_SVCNAME_PRIMARY, service.Name);
+    addText(SDP_ATTR_SVCDESC_PRIMARY, service.Description);
+    addText(SDP_ATTR_PROVNAME_PRIMARY, service.Provider);
+    return Sequence(attributes);
+}
+
+std::vector<S_Record> List_Records(const S_Brick& brick)
+{
+    std::vector<S_Record> records;
+    for (const S_Service& service : brick.Services) {
+        const auto handle = static_cast<std::uint32_t>(FIRST_HANDLE_OF_RECORD + records.size());
+        S_Record& record = records.emplace_back(S_Record{handle, "", !service.Hex.empty()});
+        if (!record.IsAsGiven) record.Bytes = Build_Record(service, handle);
+        for (std::size_t i = 0; i + 1 < service.Hex.size(); i += 2)
+            record.Bytes += static_cast<char>(std::stoi(service.Hex.substr(i, 2), nullptr, 16));
+    }
+    // What need not make sense comes last.
+    std::stable_partition(records.begin(), records.end(), [](const S_Record& record) { return !record.IsAsGiven; });
+    return records;
+}
+
+bool Has_All(const S_Record& record, const std::set<std::string>& wanted)
+{
+    std::set<std::string> uuids;
+    Collect_Uuids(record.Bytes, uuids);
+    return record.IsAsGiven || std::includes(uuids.begin(), uuids.end(), wanted.begin(), wanted.end());
+}
+
+// A record, less what is not in one of the ranges.
+std::string Choose(const S_Record& record, const std::string& ranges)
+{
+    if (record.IsAsGiven) return record.Bytes;
+    std::string chosen;
+    for (S_Reader reader{S_Reader{record.Bytes}.Take_Element().second}; reader.Has_More();) {
+        const std::string name = reader.Take_Whole(), value = reader.Take_Whole();
+        const std::size_t id = S_Reader{name.substr(1)}.Take_Number(2);
+        for (S_Reader wanted{ranges}; wanted.Has_More();) {
+            const std::string range = wanted.Take_Element().second;
+            S_Reader limits{range};
+            const std::size_t first = limits.Take_Number(2), last = range.size() == 4 ? limits.Take_Number(2) : first;
+            if (first <= id && id <= last) {
+                chosen += name + value;
+                break;
+            }
+        }
+    }
+    return Sequence(chosen);
+}
+
+// ---- PDUs -----------------------------------------------------------------------------------------------------------
+
+std::string Build_Pdu(std::uint8_t id, const std::string& transaction, const std::string& parameters)
+{
+    return static_cast<char>(id) + transaction + Number(parameters.size()) + parameters;
+}
+
+}  // namespace
+
+std::string Answer_Query(const S_Brick& brick, const std::string& request)
+{
+    S_Reader reader{request};
+    const auto id = static_cast<std::uint8_t>(reader.Take_Number(1));
+    const std::string transaction = reader.Take(2);
+    reader.Take_Number(2);
+    const auto records = List_Records(brick);
+    std::string all;  // what is asked for, of which a part goes into this PDU
+    std::vector<std::uint32_t> handles;
+    std::set<std::string> wanted;
+    std::size_t most = 0;
+    if (id == SDP_SVC_SEARCH_REQ || id == SDP_SVC_SEARCH_ATTR_REQ) Collect_Uuids(reader.Take_Whole(), wanted);
+    if (id == SDP_SVC_ATTR_REQ) {
+        const std::size_t handle = reader.Take_Number(4);
+        most = reader.Take_Number(2);
+        const std::string ranges = reader.Take_Element().second;
+        const auto record =
+            std::find_if(records.begin(), records.end(), [&](const S_Record& known) { return known.Handle == handle; });
+        if (record == records.end()) return Build_Pdu(SDP_ERROR_RSP, transaction, Number(SDP_INVALID_RECORD_HANDLE));
+        all = Choose(*record, ranges);
+    } else if (id == SDP_SVC_SEARCH_ATTR_REQ) {
+        most = reader.Take_Number(2);
+        const std::string ranges = reader.Take_Element().second;
+        for (const S_Record& record : records)
+            if (Has_All(record, wanted)) all += Choose(record, ranges);
+        all = Sequence(all);
+    } else if (id == SDP_SVC_SEARCH_REQ) {
+        most = reader.Take_Number(2);
+        for (const S_Record& record : records)
+            if (Has_All(record, wanted) && handles.size() < most) handles.push_back(record.Handle);
+        for (const std::uint32_t handle : handles)
+            all += Number(handle, 4);
+        most = MAX_PART;
+    }
+    // How far the parts before this one went is told by who asks for the next.
+    const std::size_t state = reader.Take_Number(1), from = state == 0 ? 0 : reader.Take_Number(2);
+    if (!reader.IsGood || (state != 0 && state != 2) || from > all.size() || all.empty())
+        if (id != SDP_SVC_SEARCH_REQ || !reader.IsGood)
+            return Build_Pdu(SDP_ERROR_RSP, transaction, Number(SDP_INVALID_SYNTAX));
+    const std::size_t size = std::min({all.size() - from, most, MAX_PART});
+    const std::string part = all.substr(from, size);
+    const bool isLast = from + size == all.size();
+    const std::string counts = id == SDP_SVC_SEARCH_REQ ? Number(handles.size()) + Number(size / 4) : Number(size);
+    return Build_Pdu(static_cast<std::uint8_t>(id + 1), transaction,
+                     counts + part + (isLast ? Number(0, 1) : Number(2, 1) + Number(from + size)));
+}
+
+}  // namespace tav_air

@@ -1,0 +1,500 @@
+// Bluetooth sockets: what they are, their names, options and ends.
+#include "sim/internals.h"
+
+#include <algorithm>
+#include <bluetooth/l2cap.h>
+#include <bluetooth/rfcomm.h>
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+using namespace tav_air;
+
+namespace tav_air {
+
+int Fail(int error)
+{
+    errno = error;
+    return -1;
+}
+
+std::string Get_Text(const bdaddr_t& address)
+{
+    char text[18] = {};
+    ba2str(&address, text);
+    return text;
+}
+
+SocketPointer Find_Socket(int fd)
+{
+    const auto found = State().Sockets.find(fd);
+    return found == State().Sockets.end() ? nullptr : found->second;
+}
+
+S_Socket Get_Socket(int fd)
+{
+    const std::lock_guard lock(State().Mutex);
+    const SocketPointer socket = Find_Socket(fd);
+    return socket ? *socket : S_Socket{};
+}
+
+int Take_Error(int fd)
+{
+    const std::lock_guard lock(State().Mutex);
+    const SocketPointer socket = Find_Socket(fd);
+    if (!socket) return 0;
+    if (socket->State == E_State::CONNECTED && !socket->Ended && !socket->Shut && Is_AtEnd(fd)) {
+        socket->Ended = true;
+        socket->Error = Is_Taken(socket->Peer + "/gone") ? ETIMEDOUT : ECONNRESET;
+    }
+    return std::exchange(socket->Error, 0);
+}
+
+int Add_Socket(int fd, const SocketPointer& socket)
+{
+    if (fd < 0) return -1;
+    const std::lock_guard lock(State().Mutex);
+    State().Sockets[fd] = socket;
+    g_Ours.Set(fd, true);
+    return fd;
+}
+
+void Forget_Socket(int fd)
+{
+    if (!g_Ours.Has(fd) || getpid() != State().Process) return;
+    const std::lock_guard lock(State().Mutex);
+    if (Find_Socket(fd)) Drop_Socket(fd);
+}
+
+}  // namespace tav_air
+
+namespace {
+
+// ---- Addresses ------------------------------------------------------------------------------------------------------
+
+// Where to connect or bind to.
+struct S_Address
+{
+    bdaddr_t Brick{};
+    int Channel = 0;
+};
+
+// False, with errno, when it is none for such a socket.
+bool Read_Address(const S_Socket& socket, const sockaddr* address, socklen_t length, S_Address& read)
+{
+    const bool isRfcomm = socket.Kind == E_Kind::RFCOMM;
+    if (length < (isRfcomm ? sizeof(sockaddr_rc) : offsetof(sockaddr_l2, l2_cid)) || address->sa_family != AF_BLUETOOTH)
+        return Fail(EINVAL) == 0;
+    const auto* const rfcomm = reinterpret_cast<const sockaddr_rc*>(address);
+    const auto* const l2cap = reinterpret_cast<const sockaddr_l2*>(address);
+    read.Brick = isRfcomm ? rfcomm->rc_bdaddr : l2cap->l2_bdaddr;
+    read.Channel = isRfcomm ? rfcomm->rc_channel : btohs(l2cap->l2_psm);
+    return true;
+}
+
+void Write_Address(const S_Socket& socket, const std::string& brick, sockaddr* address, socklen_t* length)
+{
+    if (!address || !length) return;
+    sockaddr_rc rfcomm{};
+    sockaddr_l2 l2cap{};
+    rfcomm.rc_family = l2cap.l2_family = AF_BLUETOOTH;
+    rfcomm.rc_channel = static_cast<std::uint8_t>(socket.Channel);
+    l2cap.l2_psm = htobs(static_cast<std::uint16_t>(socket.Channel));
+    if (!brick.empty()) str2ba(brick.c_str(), &rfcomm.rc_bdaddr);
+    l2cap.l2_bdaddr = rfcomm.rc_bdaddr;
+    const bool isRfcomm = socket.Kind == E_Kind::RFCOMM;
+    const std::size_t size = isRfcomm ? sizeof(rfcomm) : sizeof(l2cap);
+    const void* const bytes = isRfcomm ? static_cast<const void*>(&rfcomm) : &l2cap;
+    memcpy(address, bytes, std::min<std::size_t>(*length, size));
+    *length = static_cast<socklen_t>(size);
+}
+
+// What a copy of the descriptor is, too; null: none of ours, or a vforked child's, which borrows our memory.
+SocketPointer Share_Socket(int fd)
+{
+    if (!g_Ours.Has(fd) || getpid() != State().Process) return nullptr;
+    const std::lock_guard lock(State().Mutex);
+    return Find_Socket(fd);
+}
+
+bool Is_Connected(const S_Socket& socket)
+{
+    return (socket.State == E_State::CONNECTED || socket.State == E_State::LOST) && !socket.Ended;
+}
+
+template <typename CHANGE>
+void Change_Socket(int fd, CHANGE change)
+{
+    const std::lock_guard lock(State().Mutex);
+    if (const SocketPointer socket = Find_Socket(fd)) change(*socket);
+}
+
+// The adapter of a socket, when it is of use.
+std::optional<S_Brick> Get_Adapter(const S_Socket& socket)
+{
+    auto adapter = Ask_Adapter(socket.Own);
+    if (adapter && !adapter->Powered) adapter.reset();
+    return adapter;
+}
+
+// ---- Connecting -----------------------------------------------------------------------------------------------------
+
+// Gives the socket the name under which it calls; false when the channel has a connection already, or one that is on
+// its way or not given up.
+bool Bind_Call(S_Socket& socket)
+{
+    static unsigned int count = 0;
+    std::string name = socket.Own + ">" + Get_ListenName(socket, socket.Peer);
+    if (socket.Kind == E_Kind::L2CAP) name += "/" + std::to_string(getpid()) + "." + std::to_string(++count);
+    socket.Call = Open_UnixSocket(socket.Type | SOCK_NONBLOCK);
+    if (Bind_Name(socket.Call, name) == 0) return true;
+    for (const auto& [fd, known] : State().Sockets) {  // one that has ended is none
+        if (known->Call >= 0 && known->Own == socket.Own && known->Peer == socket.Peer &&
+            known->Channel == socket.Channel && known.get() != &socket && Is_AtEnd(fd))
+            Close_Own(known->Call);
+    }
+    if (Bind_Name(socket.Call, name) == 0) return true;
+    Close_Own(socket.Call);
+    return false;
+}
+
+int Start_Connecting(int fd, const S_Address& to)
+{
+    const std::lock_guard lock(State().Mutex);
+    const SocketPointer socket = Find_Socket(fd);
+    if (socket->State != E_State::OPEN && (socket->State != E_State::BOUND || socket->Channel != 0))
+        return Fail(EBADFD);
+    socket->Peer = Get_Text(to.Brick);
+    socket->Channel = to.Channel;
+    if (!Bind_Call(*socket)) return Fail(EBUSY);
+    if (!Start_Connecting(fd, *socket)) return -1;
+    Wake_Thread();
+    return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+// ---- Being made, bound and listened on ------------------------------------------------------------------------------
+
+int socket(int domain, int type, int protocol) __THROW
+{
+    if (domain != AF_BLUETOOTH) return Real().Socket(domain, type, protocol);
+    if (Fails("socket")) return -1;
+    const auto made = std::make_shared<S_Socket>();
+    const int flags = type & (SOCK_NONBLOCK | SOCK_CLOEXEC);
+    made->Own = Get_Acting();
+    made->Type = type & ~flags;
+    if (protocol == BTPROTO_RFCOMM && made->Type == SOCK_STREAM) {
+        made->Kind = E_Kind::RFCOMM;
+    } else if (protocol == BTPROTO_L2CAP && (made->Type == SOCK_SEQPACKET || made->Type == SOCK_STREAM)) {
+        made->Kind = E_Kind::L2CAP;
+    } else if (made->Type == SOCK_RAW && (protocol == BTPROTO_L2CAP || protocol == BTPROTO_HCI)) {
+        made->Kind = protocol == BTPROTO_HCI ? E_Kind::HCI : E_Kind::RAW;
+        int near = -1;
+        return Open_Pair(SOCK_SEQPACKET | flags, near, made->Far) ? Add_Socket(near, made) : -1;
+    } else {
+        return Fail(EPROTONOSUPPORT);
+    }
+    return Add_Socket(Real().Socket(AF_UNIX, type, 0), made);
+}
+
+int bind(int fd, const sockaddr* address, socklen_t length) __THROW
+{
+    if (!g_Ours.Has(fd)) return Real().Bind(fd, address, length);
+    S_Socket socket = Get_Socket(fd);
+    if (socket.Kind == E_Kind::HCI) {
+        const auto* const hci = reinterpret_cast<const sockaddr_hci*>(address);
+        if (length < sizeof(*hci) || hci->hci_channel != HCI_CHANNEL_RAW) return Fail(EINVAL);
+        return hci->hci_dev == HCI_DEV_NONE || (hci->hci_dev == 0 && Ask_Adapter(socket.Own)) ? 0 : Fail(ENODEV);
+    }
+    S_Address to;
+    if (!Read_Address(socket, address, length, to) || Fails("bind", std::to_string(to.Channel), fd)) return -1;
+    const bdaddr_t any{};
+    socket.HasAddress = bacmp(&to.Brick, &any) != 0;
+    if (socket.HasAddress && Get_Text(to.Brick) != socket.Own) return Fail(EADDRNOTAVAIL);
+    socket.Channel = to.Channel;
+    if (to.Channel != 0 && Bind_Name(fd, Get_ListenName(socket, socket.Own)) < 0) return -1;
+    Change_Socket(fd, [&](S_Socket& bound) {
+        bound.State = E_State::BOUND;
+        bound.Channel = to.Channel;
+        bound.HasAddress = socket.HasAddress;
+    });
+    return 0;
+}
+
+int listen(int fd, int backlog) __THROW
+{
+    if (!g_Ours.Has(fd)) return Real().Listen(fd, backlog);
+    if (Fails("listen", std::to_string(backlog), fd)) return -1;
+    S_Socket socket = Get_Socket(fd);
+    if (socket.State != E_State::BOUND) return Fail(EBADFD);
+    if (socket.Channel == 0) {  // any that is free
+        const int first = socket.Kind == E_Kind::RFCOMM ? 1 : 0x1001, step = socket.Kind == E_Kind::RFCOMM ? 1 : 2;
+        for (socket.Channel = first; Bind_Name(fd, Get_ListenName(socket, socket.Own)) < 0; socket.Channel += step)
+            if (socket.Channel == first + 29 * step) return Fail(EINVAL);
+        Change_Socket(fd, [&](S_Socket& bound) { bound.Channel = socket.Channel; });
+    }
+    return Real().Listen(fd, backlog);
+}
+
+int accept4(int fd, sockaddr* address, socklen_t* length, int flags)
+{
+    if (!g_Ours.Has(fd)) return Real().Accept4(fd, address, length, flags);
+    const S_Socket server = Get_Socket(fd);
+    if (Fails("accept", "", fd)) return -1;
+    for (;;) {  // until one calls who may
+        sockaddr_storage caller{};
+        socklen_t callerLength = sizeof(caller);
+        const int called = Real().Accept4(fd, reinterpret_cast<sockaddr*>(&caller), &callerLength, SOCK_CLOEXEC);
+        if (called < 0) return -1;
+        int call = Put_Away(called);
+        const int accepted = Is_Friend(call) ? Receive_Fd(call) : -1;
+        Close_Own(call);
+        if (accepted < 0) continue;
+        const auto socket = std::make_shared<S_Socket>();
+        socket->Kind = server.Kind;
+        socket->Type = server.Type;
+        socket->State = E_State::CONNECTED;
+        socket->Own = server.Own;
+        socket->Peer = Parse_Client(reinterpret_cast<const sockaddr*>(&caller), callerLength);
+        socket->Channel = server.Channel;
+        Write_Address(*socket, socket->Peer, address, length);
+        Real().Fcntl(accepted, F_SETFL, (flags & SOCK_NONBLOCK) ? O_NONBLOCK : 0);
+        Real().Fcntl(accepted, F_SETFD, (flags & SOCK_CLOEXEC) ? FD_CLOEXEC : 0);
+        return Add_Socket(accepted, socket);
+    }
+}
+
+int accept(int fd, sockaddr* address, socklen_t* length)
+{
+    return accept4(fd, address, length, 0);
+}
+
+int connect(int fd, const sockaddr* address, socklen_t length)
+{
+    if (!g_Ours.Has(fd)) return Real().Connect(fd, address, length);
+    const S_Socket socket = Get_Socket(fd);
+    S_Address to;
+    if (!Read_Address(socket, address, length, to)) return -1;
+    const std::string peer = Get_Text(to.Brick);
+    if (Fails("connect", peer + ", " + std::to_string(to.Channel), fd)) return -1;
+    if (!Get_Adapter(socket) || peer == socket.Own) return Fail(EHOSTUNREACH);
+    if (socket.Kind == E_Kind::RAW) {
+        if (!Ask_Brick(peer)) return Sleep_UntilSignal(PAGE_TIMEOUT) ? Fail(EHOSTDOWN) : -1;
+        Change_Socket(fd, [&](S_Socket& raw) { raw.Peer = peer, raw.State = E_State::CONNECTED; });
+        return 0;
+    }
+    if (Start_Connecting(fd, to) < 0) return -1;
+    if (!Is_Blocking(fd, 0)) return Fail(EINPROGRESS);
+    pollfd writable{fd, POLLOUT, 0};
+    if (Real().Poll(&writable, 1, -1) < 0) return -1;
+    const int error = Get_Socket(fd).State == E_State::FAILED ? Take_Error(fd) : 0;  // what came about may have ended
+    return error ? Fail(error) : 0;
+}
+
+// ---- Names and options ----------------------------------------------------------------------------------------------
+
+int getsockname(int fd, sockaddr* address, socklen_t* length) __THROW
+{
+    if (!g_Ours.Has(fd)) return Real().Getsockname(fd, address, length);
+    const S_Socket socket = Get_Socket(fd);
+    const bool hasAddress = socket.HasAddress || Is_Connected(socket);
+    Write_Address(socket, hasAddress ? socket.Own : "", address, length);
+    return 0;
+}
+
+int getpeername(int fd, sockaddr* address, socklen_t* length) __THROW
+{
+    if (!g_Ours.Has(fd)) return Real().Getpeername(fd, address, length);
+    const S_Socket socket = Get_Socket(fd);
+    if (!Is_Connected(socket) || Is_AtEnd(fd)) return Fail(ENOTCONN);
+    Write_Address(socket, socket.Peer, address, length);
+    return 0;
+}
+
+int setsockopt(int fd, int level, int option, const void* value, socklen_t length) __THROW
+{
+    if (!g_Ours.Has(fd) || level == SOL_SOCKET) return Real().Setsockopt(fd, level, option, value, length);
+    const E_Kind kind = Get_Socket(fd).Kind;
+    const auto* const bytes = static_cast<const unsigned char*>(value);
+    if (kind == E_Kind::HCI) {
+        if (level != SOL_HCI) return Fail(ENOPROTOOPT);
+        Change_Socket(fd, [&](S_Socket& socket) {
+            if (option == HCI_FILTER)
+                memcpy(&socket.Filter, value, std::min<std::size_t>(length, sizeof(socket.Filter)));
+        });
+        return 0;
+    }
+    const bool isSecurity = level == SOL_BLUETOOTH && option == BT_SECURITY;
+    std::string arguments = isSecurity ? "BT_SECURITY" : "RFCOMM_LM";
+    for (socklen_t i = 0; i < length; ++i)
+        arguments += " " + std::to_string(bytes[i]);
+    if (Fails("setsockopt", arguments, fd)) return -1;
+    if (isSecurity) {
+        if (length == 0 || bytes[0] > BT_SECURITY_HIGH) return Fail(EINVAL);
+        Change_Socket(fd, [&](S_Socket& socket) { socket.Security = bytes[0]; });
+        return 0;
+    }
+    if (kind != E_Kind::RFCOMM) return level == SOL_L2CAP ? 0 : Fail(ENOPROTOOPT);
+    if (level != SOL_RFCOMM || option != RFCOMM_LM) return Fail(ENOPROTOOPT);
+    if (length < sizeof(int)) return Fail(EINVAL);
+    // Levels of security are all that is kept of it.
+    int mode = 0;
+    memcpy(&mode, value, sizeof(mode));
+    Change_Socket(fd, [&](S_Socket& socket) {
+        if (mode & RFCOMM_LM_AUTH) socket.Security = BT_SECURITY_LOW;
+        if (mode & RFCOMM_LM_ENCRYPT) socket.Security = BT_SECURITY_MEDIUM;
+        if (mode & RFCOMM_LM_SECURE) socket.Security = BT_SECURITY_HIGH;
+    });
+    return 0;
+}
+
+int getsockopt(int fd, int level, int option, void* value, socklen_t* length) __THROW
+{
+    if (!g_Ours.Has(fd)) return Real().Getsockopt(fd, level, option, value, length);
+    const auto give = [&](const auto& given) {
+        *length = std::min(*length, static_cast<socklen_t>(sizeof(given)));
+        memcpy(value, &given, *length);
+        return 0;
+    };
+    const S_Socket socket = Get_Socket(fd);
+    if (level == SOL_SOCKET) {
+        if (option == SO_DOMAIN) return give(AF_BLUETOOTH);
+        if (option == SO_TYPE) return give(socket.Type);
+        if (option == SO_PROTOCOL) {
+            const int protocols[] = {BTPROTO_RFCOMM, BTPROTO_L2CAP, BTPROTO_L2CAP, BTPROTO_HCI};
+            return give(protocols[static_cast<int>(socket.Kind)]);
+        }
+        if (option != SO_ERROR) return Real().Getsockopt(fd, level, option, value, length);
+        return Fails("getsockopt", "SO_ERROR", fd) ? -1 : give(Take_Error(fd));
+    }
+    if (level == SOL_HCI && socket.Kind == E_Kind::HCI) return option == HCI_FILTER ? give(socket.Filter) : give(0);
+    if (level == SOL_BLUETOOTH && option == BT_SECURITY)
+        return give(bt_security{static_cast<std::uint8_t>(socket.Security), 0});
+    constexpr int LEVELS[] = {0, RFCOMM_LM_AUTH, RFCOMM_LM_AUTH | RFCOMM_LM_ENCRYPT,
+                              RFCOMM_LM_AUTH | RFCOMM_LM_ENCRYPT | RFCOMM_LM_SECURE};
+    // Two constants have the same number: the mode of a link.
+    static_assert(RFCOMM_LM == L2CAP_LM && RFCOMM_CONNINFO == L2CAP_CONNINFO);
+    const bool isL2cap = level == SOL_L2CAP && socket.Kind != E_Kind::RFCOMM && socket.Kind != E_Kind::HCI;
+    if (!isL2cap && (level != SOL_RFCOMM || socket.Kind != E_Kind::RFCOMM)) return Fail(ENOPROTOOPT);
+    if (option == RFCOMM_LM) return give(LEVELS[socket.Security <= BT_SECURITY_HIGH ? socket.Security : 0]);
+    if (option == RFCOMM_CONNINFO) return Is_Connected(socket) ? give(rfcomm_conninfo{1, {0, 0, 0}}) : Fail(ENOTCONN);
+    l2cap_options options{};
+    options.omtu = options.imtu = L2CAP_DEFAULT_MTU;
+    options.flush_to = L2CAP_DEFAULT_FLUSH_TO;
+    return isL2cap && option == L2CAP_OPTIONS ? give(options) : Fail(ENOPROTOOPT);
+}
+
+// ---- Copies and ends ------------------------------------------------------------------------------------------------
+
+int dup(int fd) __THROW
+{
+    const SocketPointer socket = Share_Socket(fd);
+    const int copy = Real().Dup(fd);
+    return socket ? Add_Socket(copy, socket) : copy;
+}
+
+int dup3(int fd, int copy, int flags) __THROW
+{
+    if (Is_Own(copy)) return Fail(EBUSY);
+    const SocketPointer socket = Share_Socket(fd);
+    if (Real().Dup3(fd, copy, flags) < 0) return -1;
+    Forget_Socket(copy);
+    return socket ? Add_Socket(copy, socket) : copy;
+}
+
+int dup2(int fd, int copy) __THROW
+{
+    if (fd == copy) return Real().Fcntl(fd, F_GETFD) < 0 ? -1 : fd;
+    return dup3(fd, copy, 0);
+}
+
+int fcntl(int fd, int command, ...)
+{
+    va_list list;
+    va_start(list, command);
+    void* const argument = va_arg(list, void*);  // wide enough for every command's
+    va_end(list);
+    if (!g_Ours.Has(fd)) return Real().Fcntl(fd, command, argument);
+    const bool nonBlocking = command == F_SETFL && (reinterpret_cast<std::intptr_t>(argument) & O_NONBLOCK) != 0;
+    const char* const name = command == F_GETFL ? "F_GETFL" : nonBlocking ? "F_SETFL, O_NONBLOCK" : "";
+    if (Fails("fcntl", name, fd)) return -1;
+    const int result = Real().Fcntl(fd, command, argument);
+    const bool copies = command == F_DUPFD || command == F_DUPFD_CLOEXEC;
+    const SocketPointer socket = copies ? Share_Socket(fd) : nullptr;
+    return socket ? Add_Socket(result, socket) : result;
+}
+
+int ioctl(int fd, unsigned long request, ...) __THROW
+{
+    va_list list;
+    va_start(list, request);
+    void* const argument = va_arg(list, void*);
+    va_end(list);
+    if (!g_Ours.Has(fd)) return Real().Ioctl(fd, request, argument);
+    S_Socket socket = Get_Socket(fd);
+    const auto number = static_cast<std::uint32_t>(request);  // as the kernel takes it
+    const bool isHci = socket.Kind == E_Kind::HCI && _IOC_TYPE(number) == 'H';
+    return isHci ? Control_Adapter(socket, number, argument) : Real().Ioctl(fd, request, argument);
+}
+
+int shutdown(int fd, int how) __THROW
+{
+    if (!g_Ours.Has(fd)) return Real().Shutdown(fd, how);
+    if (Fails("shutdown", how == SHUT_RDWR ? "SHUT_RDWR" : "", fd)) return -1;
+    Change_Socket(fd, [](S_Socket& socket) { socket.Shut = true; });
+    Real().Shutdown(fd, SHUT_RDWR);  // RFCOMM knows no half of it
+    return 0;
+}
+
+int close(int fd)
+{
+    if (Is_Own(fd)) return Fail(EBADF);
+    if (!g_Ours.Has(fd)) return Real().Close(fd);
+    const int error = Begin("close", "", fd).Error;
+    Forget_Socket(fd);
+    const int result = Real().Close(fd);
+    return error ? Fail(error) : result;
+}
+
+int close_range(unsigned int first, unsigned int last, int flags) __THROW
+{
+    if (flags == 0 && getpid() == State().Process) {
+        for (const int fd : Get_Open())
+            if (static_cast<unsigned int>(fd) >= first && static_cast<unsigned int>(fd) <= last) close(fd);
+    }
+    return Close_Range(first, last, flags);
+}
+
+void closefrom(int first) __THROW
+{
+    close_range(first < 0 ? 0 : static_cast<unsigned int>(first), ~0U, 0);
+}
+
+int fclose(FILE* file)
+{
+    Forget_Socket(fileno(file));
+    return Real().Fclose(file);
+}
+
+// ---- Other names of the same ----------------------------------------------------------------------------------------
+
+// fcntl of programs with 64-bit file offsets.
+int Fcntl_LargeFiles(int fd, int command, ...) __asm__("fcntl64");
+int Fcntl_LargeFiles(int fd, int command, ...)
+{
+    va_list list;
+    va_start(list, command);
+    void* const argument = va_arg(list, void*);
+    va_end(list);
+    return fcntl(fd, command, argument);
+}
+
+}  // extern "C"
