@@ -2,8 +2,11 @@
 # Shared by the scripts beside it; sourced, not run.
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# shellcheck disable=SC2034  # for those that source this
-lab_packages=(python3 qemu-system-x86 cpio kmod binutils zstd) # and qemu-system-arm for ARM
+# For those that source this: what building everything needs, and the lab (and qemu-system-arm for ARM).
+# shellcheck disable=SC2034
+build_packages=(g++ cmake libasio-dev libbluetooth-dev libcli11-dev libgtest-dev ninja-build nlohmann-json3-dev python3)
+# shellcheck disable=SC2034
+lab_packages=(python3 qemu-system-x86 cpio kmod binutils zstd)
 
 fail() {
   echo "$(basename "$0"): $*" >&2
