@@ -13,8 +13,7 @@ namespace {
 constexpr std::uint32_t FIRST_HANDLE_OF_RECORD = 0x10000;
 constexpr std::size_t MAX_PART = 600;  // of an answer in one PDU, which fits L2CAP's default
 
-// ---- Data elements: a type with its size or the size's width, the size, the value
-// -------------------------------------
+// ---- Data elements: a type with its size or the size's width, the size, the value -----------------------------------
 
 std::string Number(std::size_t value, int width = 2)
 {
@@ -82,12 +81,13 @@ std::string Get_Full(const std::string& uuid)
     return uuid.size() == 16 ? uuid : std::string(uuid.size() < 4 ? 4 - uuid.size() : 0, '\0') + uuid + base;
 }
 
-void Collect_Uuids(const std::string& elements, std::set<std::string>& uuids)
+// Lists may be in lists, `depth` deep: no service has more, who wants our stack has.
+void Collect_Uuids(const std::string& elements, std::set<std::string>& uuids, int depth = 8)
 {
     for (S_Reader reader{elements}; reader.Has_More();) {
         const auto [type, value] = reader.Take_Element();
         if (type == TYPE_UUID) uuids.insert(Get_Full(value));
-        if (type == TYPE_SEQUENCE || type == TYPE_ALTERNATIVE) Collect_Uuids(value, uuids);
+        if ((type == TYPE_SEQUENCE || type == TYPE_ALTERNATIVE) && depth > 0) Collect_Uuids(value, uuids, depth - 1);
     }
 }
 
@@ -177,7 +177,8 @@ std::string Answer_Query(const S_Brick& brick, const std::string& request)
 {
     S_Reader reader{request};
     const auto id = static_cast<std::uint8_t>(reader.Take_Number(1));
-    const std::string transaction = reader.Take(2);
+    std::string transaction = reader.Take(2);
+    transaction.resize(2);
     reader.Take_Number(2);
     const auto records = List_Records(brick);
     std::string all;  // what is asked for, of which a part goes into this PDU
@@ -209,9 +210,8 @@ std::string Answer_Query(const S_Brick& brick, const std::string& request)
     }
     // How far the parts before this one went is told by who asks for the next.
     const std::size_t state = reader.Take_Number(1), from = state == 0 ? 0 : reader.Take_Number(2);
-    if (!reader.IsGood || (state != 0 && state != 2) || from > all.size() || all.empty())
-        if (id != SDP_SVC_SEARCH_REQ || !reader.IsGood)
-            return Build_Pdu(SDP_ERROR_RSP, transaction, Number(SDP_INVALID_SYNTAX));
+    if (!reader.IsGood || (state != 0 && state != 2) || from > all.size() || (all.empty() && id != SDP_SVC_SEARCH_REQ))
+        return Build_Pdu(SDP_ERROR_RSP, transaction, Number(SDP_INVALID_SYNTAX));
     const std::size_t size = std::min({all.size() - from, most, MAX_PART});
     const std::string part = all.substr(from, size);
     const bool isLast = from + size == all.size();
