@@ -1,8 +1,10 @@
 // The bricks of this process, and the air that they are on.
 #include "sim/internals.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <sstream>
 #include <unistd.h>
 
 namespace tav_air {
@@ -13,6 +15,12 @@ constexpr std::size_t MAX_AIR_SIZE = 30;  // so that the longest name fits a UNI
 constexpr double MIN_SPEED = 0.001;
 
 thread_local std::optional<std::string> t_Acting;
+
+const std::pair<const char*, bool S_Brick::*> STATES[] = {{"down", &S_Brick::Powered},
+                                                          {"absent", &S_Brick::Present},
+                                                          {"hidden", &S_Brick::Discoverable},
+                                                          {"nameless", &S_Brick::TellsName},
+                                                          {"no-sdp", &S_Brick::HasSdpServer}};
 
 }  // namespace
 
@@ -41,6 +49,65 @@ std::string Get_Acting()
     return t_Acting ? *t_Acting : State().First;
 }
 
+std::optional<S_Brick> Get_Adapter(const std::string& address)
+{
+    const std::lock_guard lock(State().Mutex);
+    const auto local = State().Bricks.find(address);
+    return local == State().Bricks.end() ? std::nullopt : std::optional(local->second.Brick);
+}
+
+std::string Set_State(S_Brick& brick, const std::string& words)
+{
+    for (const auto& state : STATES)
+        brick.*state.second = true;
+    std::istringstream all(words);
+    for (std::string word; all >> word;) {
+        const auto* const state =
+            std::find_if(std::begin(STATES), std::end(STATES), [&](const auto& known) { return word == known.first; });
+        if (state == std::end(STATES)) return word;
+        brick.*state->second = false;
+    }
+    return "";
+}
+
+std::string Describe(const S_Brick& brick)
+{
+    std::string words = brick.Name + '\0';
+    for (const auto& [word, has] : STATES)
+        if (!(brick.*has)) words += std::string(word) + " ";
+    return words;
+}
+
+S_Brick Apply(const S_Brick& brick, const std::string& description)
+{
+    S_Brick changed = brick;
+    const std::size_t end = description.find('\0');
+    if (end > 0) changed.Name = description.substr(0, end);
+    Set_State(changed, description.substr(end + 1));
+    return changed;
+}
+
+void Change_Brick(const S_Brick& brick)
+{
+    S_Local& local = State().Bricks[brick.Address];
+    const S_Brick before = std::exchange(local.Brick, brick);
+    if (before.Powered && !brick.Powered) Abort_All(local);
+    if (before.Present && !brick.Present) Fall_Silent(local);
+    if (!before.Present && brick.Present) Come_Back(local);
+    Wake_Thread();  // there may be something to do in a while
+}
+
+void Change_Everywhere(const S_Brick& brick)
+{
+    std::unique_lock lock(State().Mutex);
+    Change_Brick(brick);
+    Wait_ForThread(lock);
+    const auto programs = List_Programs(brick.Address);
+    lock.unlock();
+    for (const std::string& program : programs)
+        Ask(program, Describe(brick));
+}
+
 // ---- For users ------------------------------------------------------------------------------------------------------
 
 std::string Get_Address(const std::string& name)
@@ -61,23 +128,12 @@ bool Enter(const std::string& air, double speed, bool isShared)
         !(speed >= MIN_SPEED))
         return false;
     const std::lock_guard lock(State().Mutex);
-    for (auto& local : State().Bricks)
-        Close_Local(local.second);
     while (!State().Sockets.empty()) {
         const int fd = State().Sockets.begin()->first;
         Drop_Socket(fd);
         Real().Close(fd);
     }
-    for (auto* kept : {&State().Silent, &State().Calls}) {
-        for (auto& entry : *kept)
-            Close_Own(entry.second.Fd);
-        kept->clear();
-    }
-    State().Bricks.clear();
-    State().Pages.clear();
-    State().Later.clear();
-    State().Released.clear();
-    State().First.clear();
+    static_cast<S_World&>(State()) = {};
     t_Acting.reset();
     State().Air = air;
     State().Shared = isShared;
@@ -90,16 +146,22 @@ bool Put(const S_Brick& brick)
 {
     std::unique_lock lock(State().Mutex);
     if (State().Bricks.empty()) State().First = brick.Address;
-    S_Local& local = State().Bricks[brick.Address];
-    const bool wasPresent = local.Brick.Present;
-    local.Brick = brick;
-    if (wasPresent && !brick.Present) Fall_Silent(brick.Address);
-    if (brick.Present) Come_Back(brick.Address);
-    // A name stays taken until the thread has left its wait on it: the thread, not this one, listens.
-    const unsigned long cycles = State().Cycles;
-    Wake_Thread();
-    State().Cycled.wait(lock, [&] { return State().Cycles != cycles; });
-    return local.Adapter >= 0 || !Is_Foreign(brick.Address + "/hci0");
+    S_Brick put = brick;
+    if (State().Bricks.count(brick.Address) == 0) {  // other programs that are this brick know what became of it
+        const auto programs = List_Programs(brick.Address);
+        lock.unlock();
+        for (const std::string& program : programs) {
+            if (Is_Foreign(program)) return false;
+            put = Ask(program).value_or(put);
+        }
+        put.Services = brick.Services;
+        lock.lock();
+        State().Bricks[brick.Address].Brick = put;
+    }
+    Change_Brick(put);
+    Wait_ForThread(
+        lock);  // a name stays taken until the thread has left its wait on it: the thread, not this one, listens
+    return true;
 }
 
 void Act_As(const std::string& address)

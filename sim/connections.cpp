@@ -1,8 +1,8 @@
 // Connections on the air: how they come about, stand still and end.
 //
-// What a program holds is a UNIX socket, the same from the beginning. Its other end is held here until a peer accepts
-// it; meanwhile the socket is full, so that it cannot be written. Only while its own brick is silent, something else
-// stands in under its number.
+// What a program holds is an end of a pair of UNIX sockets, the same from the beginning. The other end is held here
+// until a peer accepts it; while it connects the socket is full, so that it cannot be written. Only while its own brick
+// is silent, something else stands in under its number, and a socket that listens is another one.
 #include "sim/internals.h"
 
 #include <algorithm>
@@ -29,32 +29,21 @@ void Empty(int fd)
     }
 }
 
-void Keep(std::multimap<Clock::time_point, S_Kept>& where, Clock::time_point until, const std::string& brick, int& fd)
+void Keep(C_Own& fd, Clock::time_point until, const std::string& brick)
 {
-    if (fd >= 0) where.emplace(until, S_Kept{brick, fd});
-    fd = -1;
+    if (fd >= 0) State().Kept.emplace(until, S_Kept{brick, std::move(fd)});
 }
 
-// Gives up what is kept for those of `brick` (empty: any) until `now`.
-void Give_Up(std::multimap<Clock::time_point, S_Kept>& where, Clock::time_point now, const std::string& brick)
+// Puts a new pair behind the program's numbers of a socket.
+bool Replace(S_OpenSocket& socket)
 {
-    for (auto kept = where.begin(); kept != where.end() && kept->first <= now;) {
-        if (!brick.empty() && kept->second.Brick != brick) {
-            ++kept;
-            continue;
-        }
-        Real().Shutdown(kept->second.Fd, SHUT_RDWR);  // wakes who still waits on it, unlike close
-        Close_Own(kept->second.Fd);
-        kept = where.erase(kept);
-    }
-}
-
-std::vector<int> List_Fds(const S_Socket& socket)
-{
-    std::vector<int> fds;
-    for (const auto& [fd, known] : State().Sockets)
-        if (known.get() == &socket) fds.push_back(fd);
-    return fds;
+    int near = -1;
+    socket.Far = Open_Pair(socket.Type | SOCK_CLOEXEC, near);
+    if (socket.Far < 0) return false;
+    for (const int fd : List_Fds(socket))
+        Swap_In(fd, near);
+    Real().Close(near);
+    return true;
 }
 
 // ---- Paging ---------------------------------------------------------------------------------------------------------
@@ -73,8 +62,24 @@ bool Has_Room(const std::string& address, const std::string& other)
     return links.count(other) > 0 || links.size() < MAX_LINKS;
 }
 
+// Gives the socket the name under which it calls; false when the channel has a connection already, or one that is on
+// its way or not given up.
+bool Bind_Call(S_OpenSocket& socket)
+{
+    static unsigned int count = 0;
+    std::string name = socket.Own + ">" + Get_ListenName(socket, socket.Peer);
+    if (socket.Kind == E_Kind::L2CAP) name += "/" + std::to_string(getpid()) + "." + std::to_string(++count);
+    for (auto& [fd, known] : State().Sockets)  // one that has ended is none
+        if (known->Call >= 0 && known->Own == socket.Own && known->Peer == socket.Peer &&
+            known->Channel == socket.Channel && Is_AtEnd(fd))
+            known->Call = C_Own();
+    socket.Call = Open_UnixSocket(socket.Type | SOCK_NONBLOCK);
+    if (Bind_Name(socket.Call, name) < 0) socket.Call = C_Own();
+    return socket.Call >= 0;
+}
+
 // Hands the other end of the socket to the peer; an errno, or 0.
-int Call_Peer(int fd, S_Socket& socket)
+int Call_Peer(S_OpenSocket& socket)
 {
     const auto released = State().Released.find({socket.Own, socket.Peer});
     if (released != State().Released.end() && Clock::now() < released->second + Scaled(RELEASE_TIME))
@@ -83,11 +88,11 @@ int Call_Peer(int fd, S_Socket& socket)
     if (Connect_Name(socket.Call, Get_ListenName(socket, socket.Peer)) < 0) return ECONNREFUSED;
     Empty(socket.Far);
     const int size = 106496;  // which the kernel doubles: its default
-    Real().Setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+    Real().Setsockopt(List_Fds(socket).front(), SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
     return Send_Fd(socket.Call, socket.Far) ? 0 : ECONNREFUSED;
 }
 
-void Page(int fd, S_Socket& socket, Clock::time_point now)
+void Page(S_OpenSocket& socket, Clock::time_point now)
 {
     if (!Has_Room(socket.Own, socket.Peer)) {
         socket.Error = EMLINK;
@@ -96,49 +101,44 @@ void Page(int fd, S_Socket& socket, Clock::time_point now)
         if (now < socket.Deadline) return;
         socket.Error = EHOSTDOWN;
     } else {
-        socket.Error = Call_Peer(fd, socket);
+        socket.Error = Call_Peer(socket);
     }
     State().Pages.erase({socket.Own, socket.Peer});
     socket.State = socket.Error ? E_State::FAILED : E_State::CONNECTED;
     Empty(socket.Far);  // now it is writable
-    Close_Own(socket.Far);
-    if (socket.Error) Close_Own(socket.Call);
+    socket.Far = C_Own();
+    if (socket.Error) socket.Call = C_Own();
 }
 
 // Takes a connection away from the program's socket, for something that stands in for it.
-void Cut(S_Socket& socket)
+void Cut(S_OpenSocket& socket)
 {
-    int standIn = -1;
-    if (!Open_Pair(socket.Type | SOCK_CLOEXEC, standIn, socket.Far)) return;
-    const auto fds = List_Fds(socket);
-    socket.Link = Put_Away(Real().Dup(fds.front()));
-    for (const int fd : fds)
-        Swap_In(fd, standIn);
-    Real().Close(standIn);
+    socket.Link = C_Own(Real().Dup(List_Fds(socket).front()));
+    Replace(socket);
     socket.State = E_State::LOST;
     socket.Deadline = Clock::now() + Scaled(SUPERVISION);
 }
 
 // Gives the program its connection back, with what it sent meanwhile.
-void Restore(S_Socket& socket)
+void Restore(S_OpenSocket& socket)
 {
     char bytes[4096];
     for (ssize_t size = 0; (size = Real().Recv(socket.Far, bytes, sizeof(bytes), MSG_DONTWAIT)) > 0;)
         Real().Send(socket.Link, bytes, static_cast<std::size_t>(size), MSG_NOSIGNAL | MSG_DONTWAIT);
     for (const int fd : List_Fds(socket))
         Swap_In(fd, socket.Link);
-    Close_Own(socket.Link);
-    Close_Own(socket.Far);
+    socket.Link = C_Own();
+    socket.Far = C_Own();
     socket.State = E_State::CONNECTED;
 }
 
 // The connection of a brick that is silent has ended for the program; for its peer it ends later.
-void End_Lost(S_Socket& socket, int error)
+void End_Lost(S_OpenSocket& socket, int error)
 {
-    Keep(State().Silent, socket.Deadline, socket.Own, socket.Link);
+    Keep(socket.Link, socket.Deadline, socket.Own);
     socket.Error = error;
     socket.Ended = true;
-    Close_Own(socket.Far);
+    socket.Far = C_Own();
 }
 
 template <typename ACTION>
@@ -146,12 +146,21 @@ void For_All(const std::string& address, E_State state, ACTION action)
 {
     std::set<SocketPointer> sockets;
     for (const auto& known : State().Sockets)
-        if (known.second->Own == address && known.second->State == state) sockets.insert(known.second);
+        if (known.second->Own == address && known.second->State == state && !known.second->Ended)
+            sockets.insert(known.second);
     for (const SocketPointer& socket : sockets)
         action(*socket);
 }
 
 }  // namespace
+
+std::vector<int> List_Fds(const S_Socket& socket)
+{
+    std::vector<int> fds;
+    for (const auto& [fd, known] : State().Sockets)
+        if (known.get() == &socket) fds.push_back(fd);
+    return fds;
+}
 
 std::set<std::string> List_Links(const std::string& address)
 {
@@ -169,43 +178,35 @@ Clock::time_point Do_DueConnections(Clock::time_point now)
 {
     auto next = now + std::chrono::hours(1);
     for (auto& [fd, known] : State().Sockets) {
-        S_Socket& socket = *known;
-        if (socket.State == E_State::CONNECTING && socket.Next <= now) Page(fd, socket, now);
+        S_OpenSocket& socket = *known;
+        if (socket.State == E_State::CONNECTING && socket.Next <= now) Page(socket, now);
         if (socket.State == E_State::CONNECTING) next = std::min(next, socket.Next);
-        if (socket.State != E_State::LOST || socket.Link < 0) continue;
+        if (socket.State != E_State::LOST || socket.Ended) continue;
         if (socket.Deadline <= now) End_Lost(socket, ETIMEDOUT);
         next = std::min(next, socket.Deadline);
     }
-    Give_Up(State().Silent, now, "");
-    if (!State().Silent.empty()) next = std::min(next, State().Silent.begin()->first);
-    auto& calls = State().Calls;
-    for (auto call = calls.begin(); call != calls.end();) {
-        const bool over = call->first <= now || !Is_Taken(call->second.Brick + "/gone");
-        if (over) Close_Own(call->second.Fd);
-        call = over ? calls.erase(call) : std::next(call);
+    auto& kept = State().Kept;
+    const auto names = kept.empty() ? std::set<std::string>{} : List_Names();
+    for (auto one = kept.begin(); one != kept.end();) {
+        const bool isSilent = one->second.Brick.empty() || names.count(one->second.Brick + "/gone") > 0;
+        const bool isOver = one->first <= now || !isSilent;
+        if (isOver) Real().Shutdown(one->second.Fd, SHUT_RDWR);  // wakes who still waits on it, unlike close
+        one = isOver ? kept.erase(one) : std::next(one);
     }
-    if (!calls.empty()) next = std::min<Clock::time_point>(next, now + Scaled(PAGE_RETRY));
+    if (!kept.empty()) next = std::min({next, kept.begin()->first, now + Scaled(PAGE_RETRY)});
     return next;
 }
 
-bool Start_Connecting(int fd, S_Socket& socket)
+int Start_Connecting(S_OpenSocket& socket, const std::string& peer, int channel)
 {
-    // The socket connects to one of the air's own, which is a pair then.
-    int listening = Open_UnixSocket(socket.Type);
-    sockaddr_storage name{};
-    name.ss_family = AF_UNIX;
-    socklen_t length = sizeof(sa_family_t);  // and a name that the kernel makes
-    auto* const address = reinterpret_cast<sockaddr*>(&name);
-    if (Real().Bind(listening, address, length) == 0 && Real().Listen(listening, 1) == 0) {
-        length = sizeof(name);
-        Real().Getsockname(listening, address, &length);
-        const int least = 1;  // the kernel's
-        Real().Setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &least, sizeof(least));
-        if (Real().Connect(fd, address, length) == 0)
-            socket.Far = Put_Away(Real().Accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
-    }
-    Close_Own(listening);
-    if (socket.Far < 0) return false;
+    if (socket.State != E_State::OPEN && (socket.State != E_State::BOUND || socket.Channel != 0)) return Fail(EBADFD);
+    socket.Peer = peer;
+    socket.Channel = channel;
+    if (!Bind_Call(socket)) return Fail(EBUSY);
+    if (socket.Far < 0 && !Replace(socket)) return -1;  // of a child that was forked: the other end is its parent's
+    const int fd = List_Fds(socket).front();
+    const int least = 1;  // the kernel's
+    Real().Setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &least, sizeof(least));
     Fill(fd);
     socket.State = E_State::CONNECTING;
     const auto now = Clock::now();
@@ -214,41 +215,31 @@ bool Start_Connecting(int fd, S_Socket& socket)
     socket.Deadline = goesOn ? page->second : now + Scaled(PAGE_TIMEOUT);
     State().Pages[{socket.Own, socket.Peer}] = socket.Deadline;
     socket.Next = now + Scaled(PAGE_TIME);
-    return true;
+    Wake_Thread();
+    return 0;
 }
 
-void Fall_Silent(const std::string& address)
+void Fall_Silent(S_Local& local)
 {
-    const auto found = State().Bricks.find(address);
-    if (found == State().Bricks.end() || found->second.Gone >= 0) return;
-    S_Local& local = found->second;
-    local.Brick.Present = false;
-    Close_Own(local.Radio);
-    local.Gone = Open_UnixSocket(SOCK_DGRAM);
-    Bind_Name(local.Gone, address + "/gone");
+    if (local.Open.Gone >= 0) return;
+    const std::string& address = local.Brick.Address;
+    local.Open.Radio = C_Own();
+    local.Open.Gone = Open_UnixSocket(SOCK_DGRAM);
+    Bind_Name(local.Open.Gone, address + "/gone");
     For_All(address, E_State::CONNECTED, Cut);
 }
 
-void Come_Back(const std::string& address)
+void Come_Back(S_Local& local)
 {
-    Close_Own(State().Bricks[address].Gone);
-    Give_Up(State().Silent, Clock::time_point::max(), address);
-    For_All(address, E_State::LOST, [](S_Socket& socket) {
-        if (socket.Link >= 0) Restore(socket);
-    });
+    local.Open.Gone = C_Own();
+    For_All(local.Brick.Address, E_State::LOST, Restore);
 }
 
-void Abort_All(const std::string& address)
+void Abort_All(S_Local& local)
 {
-    Fall_Silent(address);
-    S_Brick& brick = State().Bricks[address].Brick;
-    brick.Present = true;
-    brick.Powered = false;
-    For_All(address, E_State::LOST, [](S_Socket& socket) {
-        if (socket.Link >= 0) End_Lost(socket, ECONNABORTED);
-    });
-    const auto noticed = Clock::now() + Scaled(SUPERVISION) + std::chrono::seconds(1);
-    Keep(State().Silent, noticed, "", State().Bricks[address].Gone);
+    Fall_Silent(local);
+    For_All(local.Brick.Address, E_State::LOST, [](S_OpenSocket& socket) { End_Lost(socket, ECONNABORTED); });
+    Keep(local.Open.Gone, Clock::now() + Scaled(SUPERVISION) + std::chrono::seconds(1), "");
 }
 
 void Drop_Socket(int fd)
@@ -259,15 +250,14 @@ void Drop_Socket(int fd)
     const bool isConnected = socket->State == E_State::CONNECTED;
     const bool isLast = List_Fds(*socket).size() == 1;
     const bool isUp = isConnected && !socket->Ended && (socket->Shut || !Is_AtEnd(fd));
-    const bool toSilent = isUp && isLast && Is_Taken(socket->Peer + "/gone");
     sockets.erase(found);
     g_Ours.Set(fd, false);
     if (!isLast) return;
-    if (toSilent) Keep(State().Calls, Clock::now() + Scaled(SUPERVISION), socket->Peer, socket->Call);
-    if (toSilent) Wake_Thread();
-    if (socket->State == E_State::LOST) Keep(State().Silent, socket->Deadline, socket->Own, socket->Link);
-    Close_Own(socket->Far);
-    Close_Own(socket->Call);
+    if (isUp && Is_Taken(socket->Peer + "/gone")) {
+        Keep(socket->Call, Clock::now() + Scaled(SUPERVISION), socket->Peer);
+        Wake_Thread();
+    }
+    if (socket->State == E_State::LOST) Keep(socket->Link, socket->Deadline, socket->Own);
     const bool isLastLink = std::none_of(sockets.begin(), sockets.end(), [&](const auto& other) {
         return other.second->State == E_State::CONNECTED && other.second->Own == socket->Own &&
                other.second->Peer == socket->Peer;

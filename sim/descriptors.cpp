@@ -88,35 +88,34 @@ bool Is_Own(int fd)
     return g_Own.Has(fd);
 }
 
-void Close_Own(int& fd)
+C_Own::C_Own(int fd) : m_Fd(fd)
 {
-    g_Own.Set(fd, false);
-    if (fd >= 0) Real().Close(fd);
-    fd = -1;
-}
-
-int Put_Away(int fd)
-{
-    const int moved = Real().Fcntl(fd, F_DUPFD_CLOEXEC, OWN_FDS);
-    if (moved < 0) return fd;
+    const int moved = fd < 0 ? -1 : Real().Fcntl(fd, F_DUPFD_CLOEXEC, OWN_FDS);
+    if (moved < 0) return;
     Real().Close(fd);
+    m_Fd = moved;
     g_Own.Set(moved, true);
     g_LastOwn = std::max(g_LastOwn.load(), moved);
-    return moved;
 }
 
-int Open_UnixSocket(int type)
+C_Own::~C_Own()
 {
-    return Put_Away(Real().Socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    if (m_Fd < 0) return;
+    g_Own.Set(m_Fd, false);
+    Real().Close(m_Fd);
 }
 
-bool Open_Pair(int type, int& near, int& far)
+C_Own Open_UnixSocket(int type)
+{
+    return C_Own(Real().Socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+}
+
+C_Own Open_Pair(int type, int& near)
 {
     int ends[2] = {-1, -1};
-    if (socketpair(AF_UNIX, type, 0, ends) < 0) return false;
+    socketpair(AF_UNIX, type, 0, ends);
     near = ends[0];
-    far = Put_Away(ends[1]);
-    return true;
+    return C_Own(ends[1]);
 }
 
 int Close_Range(unsigned int first, unsigned int last, int flags)

@@ -34,8 +34,6 @@ struct S_Watch
     std::vector<std::string> Lines;
 };
 
-thread_local int t_Inside = 0;  // how deep in BlueZ's library
-
 S_Watch& Watch()
 {
     static S_Watch& watch = *new S_Watch;
@@ -89,6 +87,8 @@ std::string Parse_Rule(const std::string& text, S_Rule& rule)
 
 }  // namespace
 
+thread_local int t_Inside = 0;
+
 std::string Add_Faults(const std::string& rules)
 {
     std::vector<S_Rule> added;
@@ -127,16 +127,6 @@ std::vector<std::string> Get_Trace()
     return Watch().Lines;
 }
 
-C_Inside::C_Inside()
-{
-    ++t_Inside;
-}
-
-C_Inside::~C_Inside()
-{
-    --t_Inside;
-}
-
 S_Fault Begin(const char* call, const std::string& arguments, int fd)
 {
     if (t_Inside > 0) return {};
@@ -156,8 +146,11 @@ S_Fault Begin(const char* call, const std::string& arguments, int fd)
                 fault.Limit < SIZE_MAX ? ", cut short" : "", fault.Error ? ", told to fail" : "");
     if (fault.Vanish) {
         const SocketPointer socket = Find_Socket(fd);
-        Fall_Silent(socket ? socket->Own : Get_Acting());
-        Wake_Thread();
+        const auto local = State().Bricks.find(socket ? socket->Own : Get_Acting());
+        if (local == State().Bricks.end()) return fault;
+        S_Brick silent = local->second.Brick;
+        silent.Present = false;
+        Change_Brick(silent);
     }
     return fault;
 }

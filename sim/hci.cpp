@@ -75,7 +75,6 @@ int List_Connections(const S_Brick& brick, hci_conn_info* infos, int room)
 // Takes the whole time that is asked for.
 int Inquire(const S_Brick& own, hci_inquiry_req& request)
 {
-    if (!own.Powered) return Fail(ENETDOWN);
     const std::size_t most = request.num_rsp ? request.num_rsp : 255;
     auto* const infos = reinterpret_cast<inquiry_info*>(&request + 1);
     if (!Sleep_UntilSignal(INQUIRY_UNIT * request.length / 2)) return -1;
@@ -98,20 +97,24 @@ int Inquire(const S_Brick& own, hci_inquiry_req& request)
 
 // ---- Commands and events --------------------------------------------------------------------------------------------
 
+void Send_Later(const SocketPointer& socket, const std::string& packet, Clock::duration after)
+{
+    const std::lock_guard lock(State().Mutex);
+    State().Later.emplace(Clock::now() + after, S_Later{socket, packet});
+    Wake_Thread();
+}
+
 // Sends an event, unless the socket's filter is against it.
 void Send_Event(const SocketPointer& socket, std::uint8_t event, const std::string& parameters, std::uint16_t opcode,
                 Clock::duration after = Clock::duration::zero())
 {
     const bool isAnswer = event == EVT_CMD_COMPLETE || event == EVT_CMD_STATUS;
-    const std::lock_guard lock(State().Mutex);
     const hci_filter& filter = socket->Filter;
     const std::uint64_t events = filter.event_mask[0] | static_cast<std::uint64_t>(filter.event_mask[1]) << 32U;
     if ((filter.type_mask >> HCI_EVENT_PKT & 1U) == 0 || (events >> (event & HCI_FLT_EVENT_BITS) & 1U) == 0) return;
     if (isAnswer && filter.opcode != 0 && filter.opcode != opcode) return;
-    const std::string packet =
-        std::string{HCI_EVENT_PKT, static_cast<char>(event), static_cast<char>(parameters.size())} + parameters;
-    State().Later.emplace(Clock::now() + after, S_Later{socket, packet});
-    Wake_Thread();
+    const std::string header = {HCI_EVENT_PKT, static_cast<char>(event), static_cast<char>(parameters.size())};
+    Send_Later(socket, header + parameters, after);
 }
 
 // The name event follows the command's status as soon as the device has told its name, or cannot.
@@ -128,38 +131,44 @@ void Ask_Name(const SocketPointer& socket, const std::string& parameters, std::u
 }
 
 // What a command that is done at once returns, behind its status.
-std::optional<std::string> Do_Command(const S_Brick& own, int group, int command, const std::string& parameters)
+std::optional<std::string> Do_Command(S_Brick own, int opcode, const std::string& parameters)
 {
+    constexpr auto info = [](int command) { return cmd_opcode_pack(OGF_INFO_PARAM, command); };
+    constexpr auto control = [](int command) { return cmd_opcode_pack(OGF_HOST_CTL, command); };
     const std::string status(1, '\0');
     bdaddr_t address{};
     str2ba(own.Address.c_str(), &address);
-    if (group == OGF_INFO_PARAM) {
-        if (command == OCF_READ_LOCAL_VERSION) return status + Bytes_Of(VERSION);
-        if (command == OCF_READ_LOCAL_FEATURES) return status + Bytes_Of(FEATURES);
-        if (command == OCF_READ_BD_ADDR) return status + Bytes_Of(address);
-    } else if (group == OGF_HOST_CTL) {
-        if (command == OCF_READ_LOCAL_NAME) {
-            std::string name = own.Name;
-            name.resize(HCI_MAX_NAME_LENGTH);
-            return status + name;
-        }
-        if (command == OCF_CHANGE_LOCAL_NAME)
-            return Ask_Adapter(own.Address, "name " + std::string(parameters.c_str())), status;
-        if (command == OCF_READ_CLASS_OF_DEV) return status + std::string(3, '\0');
-        if (command == OCF_READ_SCAN_ENABLE)
-            return status + static_cast<char>(own.Discoverable ? SCAN_PAGE | SCAN_INQUIRY : SCAN_PAGE);
-        if (command == OCF_WRITE_SCAN_ENABLE && !parameters.empty())
-            return Ask_Adapter(own.Address, "scan " + std::to_string(parameters[0])), status;
+    switch (opcode) {
+    case info(OCF_READ_LOCAL_VERSION):
+        return status + Bytes_Of(VERSION);
+    case info(OCF_READ_LOCAL_FEATURES):
+        return status + Bytes_Of(FEATURES);
+    case info(OCF_READ_BD_ADDR):
+        return status + Bytes_Of(address);
+    case control(OCF_READ_LOCAL_NAME):
+        own.Name.resize(HCI_MAX_NAME_LENGTH);
+        return status + own.Name;
+    case control(OCF_CHANGE_LOCAL_NAME):
+        own.Name = parameters.c_str();
+        return Change_Everywhere(own), status;
+    case control(OCF_READ_CLASS_OF_DEV):
+        return status + std::string(3, '\0');
+    case control(OCF_READ_SCAN_ENABLE):
+        return status + static_cast<char>(own.Discoverable ? SCAN_PAGE | SCAN_INQUIRY : SCAN_PAGE);
+    case control(OCF_WRITE_SCAN_ENABLE):
+        own.Discoverable = (parameters[0] & SCAN_INQUIRY) != 0;
+        return Change_Everywhere(own), status;
+    default:
+        return std::nullopt;
     }
-    return std::nullopt;
 }
 
 }  // namespace
 
-int Control_Adapter(S_Socket& socket, unsigned long request, void* argument)
+int Control_Adapter(const S_Socket& socket, unsigned long request, void* argument)
 {
     auto* const list = static_cast<hci_dev_list_req*>(argument);
-    const auto adapter = Ask_Adapter(socket.Own);
+    auto adapter = Get_Adapter(socket.Own);
     if (request == HCIGETDEVLIST) {
         list->dev_num = adapter && list->dev_num > 0 ? 1 : 0;
         if (list->dev_num > 0) list->dev_req[0] = {0, Get_Flags(*adapter)};
@@ -174,6 +183,7 @@ int Control_Adapter(S_Socket& socket, unsigned long request, void* argument)
     else
         memcpy(&number, argument, sizeof(number));
     if (!adapter || number != 0) return Fail(ENODEV);
+    const bool wasPowered = adapter->Powered;
     auto* const connections = static_cast<hci_conn_list_req*>(argument);
     switch (request) {
     case HCIGETDEVINFO:
@@ -182,17 +192,21 @@ int Control_Adapter(S_Socket& socket, unsigned long request, void* argument)
         connections->conn_num =
             static_cast<std::uint16_t>(List_Connections(*adapter, connections->conn_info, connections->conn_num));
         return 0;
+    case HCIDEVUP:
+    case HCIDEVDOWN:
+        adapter->Powered = request == HCIDEVUP;
+        Change_Everywhere(*adapter);
+        return wasPowered && adapter->Powered ? Fail(EALREADY) : 0;
+    }
+    if (!wasPowered) return Fail(ENETDOWN);
+    switch (request) {
     case HCIINQUIRY:
         return Inquire(*adapter, *static_cast<hci_inquiry_req*>(argument));
-    case HCIDEVUP:
-        return adapter->Powered ? Fail(EALREADY) : (Ask_Adapter(socket.Own, "up"), 0);
-    case HCIDEVDOWN:
-        return Ask_Adapter(socket.Own, "down"), 0;
     case HCISETSCAN:
-        if (!adapter->Powered) return Fail(ENETDOWN);
-        return Ask_Adapter(socket.Own, "scan " + std::to_string(static_cast<hci_dev_req*>(argument)->dev_opt)), 0;
+        adapter->Discoverable = (static_cast<hci_dev_req*>(argument)->dev_opt & SCAN_INQUIRY) != 0;
+        return Change_Everywhere(*adapter), 0;
     case HCIDEVRESET:
-        return adapter->Powered ? 0 : Fail(ENETDOWN);
+        return 0;
     default:
         return Fail(EOPNOTSUPP);
     }
@@ -200,20 +214,19 @@ int Control_Adapter(S_Socket& socket, unsigned long request, void* argument)
 
 ssize_t Send_Command(const SocketPointer& socket, const std::string& packet)
 {
-    const auto adapter = Ask_Adapter(socket->Own);
+    const auto adapter = Get_Adapter(socket->Own);
     if (!adapter) return Fail(ENODEV);
     if (!adapter->Powered) return Fail(ENETDOWN);
     constexpr std::size_t HEADER = 1 + HCI_COMMAND_HDR_SIZE;
     if (packet.size() < HEADER || packet[0] != HCI_COMMAND_PKT) return Fail(EINVAL);
     std::uint16_t opcode = 0;
     memcpy(&opcode, packet.data() + 1, sizeof(opcode));
-    const int group = cmd_opcode_ogf(opcode), command = cmd_opcode_ocf(opcode);
     const std::string parameters = packet.substr(HEADER);
-    if (group == OGF_LINK_CTL && command == OCF_REMOTE_NAME_REQ) {
+    if (opcode == cmd_opcode_pack(OGF_LINK_CTL, OCF_REMOTE_NAME_REQ)) {
         Ask_Name(socket, parameters, opcode);
     } else {
         const std::string unknown(1, static_cast<char>(UNKNOWN_COMMAND));
-        const std::string returned = Do_Command(*adapter, group, command, parameters).value_or(unknown);
+        const std::string returned = Do_Command(*adapter, opcode, parameters).value_or(unknown);
         Send_Event(socket, EVT_CMD_COMPLETE, Bytes_Of(evt_cmd_complete{1, opcode}) + returned, opcode);
     }
     return static_cast<ssize_t>(packet.size());
@@ -221,12 +234,8 @@ ssize_t Send_Command(const SocketPointer& socket, const std::string& packet)
 
 ssize_t Send_Signal(const SocketPointer& socket, const std::string& packet)
 {
-    if (!packet.empty() && packet[0] == L2CAP_ECHO_REQ && Ask_Brick(socket->Peer)) {
-        const std::lock_guard lock(State().Mutex);
-        State().Later.emplace(Clock::now() + Scaled(NAME_TIME),
-                              S_Later{socket, static_cast<char>(L2CAP_ECHO_RSP) + packet.substr(1)});
-        Wake_Thread();
-    }
+    if (packet[0] == L2CAP_ECHO_REQ && Ask_Brick(socket->Peer))
+        Send_Later(socket, static_cast<char>(L2CAP_ECHO_RSP) + packet.substr(1), Scaled(NAME_TIME));
     return static_cast<ssize_t>(packet.size());
 }
 

@@ -123,6 +123,26 @@ enum class E_State
     LOST  // of a brick that fell silent: something else stands in for the connection
 };
 
+// A descriptor of the air's own: numbered out of the program's way, not for it to close, and closed with its owner.
+class C_Own
+{
+public:
+    C_Own() = default;
+    explicit C_Own(int fd);  // takes it, and gives it such a number
+    C_Own(C_Own&& other) noexcept : m_Fd(std::exchange(other.m_Fd, -1)) {}
+    C_Own& operator=(C_Own&& other) noexcept
+    {
+        const C_Own old(std::move(*this));
+        m_Fd = std::exchange(other.m_Fd, -1);
+        return *this;
+    }
+    ~C_Own();
+    operator int() const { return m_Fd; }
+
+private:
+    int m_Fd = -1;
+};
+
 // What descriptors of this process that are one socket share. Underneath is a UNIX socket, so that waiting, buffering
 // and the end of a process are the kernel's; these are the differences.
 struct S_Socket
@@ -138,58 +158,70 @@ struct S_Socket
     bool Ended = false;       // the end of the connection was noticed
     bool Shut = false;        // by this side
     int Security = BT_SECURITY_LOW;
-    int LinkMode = 0;
     hci_filter Filter{};     // HCI: which events it wants
-    int Far = -1;            // its other end, as long as no peer has it
-    int Call = -1;           // how it called its peer; its name says who is connected to whom
-    int Link = -1;           // LOST: the connection, meanwhile
     Clock::time_point Next;  // CONNECTING: next page
     Clock::time_point Deadline;
 };
-using SocketPointer = std::shared_ptr<S_Socket>;
 
-// A brick that this process put on the air.
+// And what the air holds for it.
+struct S_OpenSocket : S_Socket
+{
+    C_Own Name;  // BOUND: has the channel, and takes the socket's place when it listens
+    C_Own Far;   // its other end, as long as no peer has it
+    C_Own Call;  // how it called its peer; its name says who is connected to whom
+    C_Own Link;  // LOST: the connection, meanwhile
+};
+using SocketPointer = std::shared_ptr<S_OpenSocket>;
+
+// A brick that this process put on the air, and where it listens.
 struct S_Local
 {
     S_Brick Brick;
-    int Adapter = -1;  // listening sockets: for programs on this brick; -1: another process has it
-    int Radio = -1;    // for other bricks; -1: not in range
-    int Sdp = -1;      // for service queries
-    int Gone = -1;     // marks a brick that fell silent
+    struct
+    {
+        C_Own Orders;  // for programs of the same user: what is to become of it
+        C_Own Radio;   // for other bricks; only while it is in range, and another process that is the brick has none
+        C_Own Sdp;     // for service queries, likewise
+        C_Own Gone;    // marks a brick that fell silent
+        std::vector<C_Own> Queries;  // connections to its SDP server
+    } Open;
 };
 
 // A descriptor of the air's own that is kept for a while.
 struct S_Kept
 {
-    std::string Brick;  // whose silence it goes with
-    int Fd = -1;
+    std::string Brick;  // at most as long as this one is silent; "": whatever it is
+    C_Own Fd;
 };
 
 // A packet that comes later.
 struct S_Later
 {
-    std::weak_ptr<S_Socket> To;
+    std::weak_ptr<S_OpenSocket> To;
     std::string Bytes;
 };
 
-struct S_State
+// What there is on one air.
+struct S_World
 {
-    std::mutex Mutex;  // guards all that follows; never held while waiting
     std::string Air;
     bool Shared = false;                    // with other users
-    int Process = 0;                        // whose memory this is: a vforked child borrows it
-    std::atomic<float> Speed = 1;           // 4 bytes: ARM needs a library for atomics of 8
     std::map<std::string, S_Local> Bricks;  // by address
     std::string First;                      // the default of Act_As
     std::map<int, SocketPointer> Sockets;
     std::map<std::pair<std::string, std::string>, Clock::time_point> Released;  // by own and peer address
     std::map<std::pair<std::string, std::string>, Clock::time_point> Pages;     // when they end, by the same
-    std::multimap<Clock::time_point, S_Kept> Silent;  // links of bricks that fell silent, and when the peer notices
-    std::multimap<Clock::time_point, S_Kept> Calls;   // of closed links to such bricks, and when they are given up
+    std::multimap<Clock::time_point, S_Kept> Kept;    // of silent bricks and those who call them, and until when
     std::multimap<Clock::time_point, S_Later> Later;  // packets, and when they come
-    std::map<int, std::string> Queries;               // connections to SDP servers, and the bricks that these are of
-    int Wake = -1;                                    // eventfd of the air's thread; -1: not started
-    unsigned long Cycles = 0;                         // of the thread
+};
+
+struct S_State : S_World
+{
+    std::mutex Mutex;              // guards all the rest; never held while waiting
+    int Process = 0;               // whose memory this is: a vforked child borrows it
+    std::atomic<float> Speed = 1;  // 4 bytes: ARM needs a library for atomics of 8
+    C_Own Wake;                    // eventfd of the air's thread, when that was started
+    unsigned long Cycles = 0;      // of the thread
     std::condition_variable Cycled;
 };
 
@@ -200,12 +232,11 @@ S_State& State();
 
 extern C_FdMarks g_Ours;  // the Bluetooth descriptors of this process
 
-// Descriptors of the air's own: numbered out of the program's way, and not for it to close.
 bool Is_Own(int fd);
-void Close_Own(int& fd);  // if it is open
-int Put_Away(int fd);     // makes it one of them
-int Open_UnixSocket(int type);
-bool Open_Pair(int type, int& near, int& far);  // `far` is one of them
+C_Own Open_UnixSocket(int type);
+
+// The far end of a new pair, whose near one is the program's; < 0, with errno: there is none.
+C_Own Open_Pair(int type, int& near);
 
 // Closes all in a range that are not the air's own.
 int Close_Range(unsigned int first, unsigned int last, int flags);
@@ -226,41 +257,51 @@ constexpr std::size_t ADDRESS_SIZE = 17;
 Clock::duration Scaled(Clock::duration real);
 bool Sleep_UntilSignal(Clock::duration real);  // false, with errno, when one ended it
 std::string Get_Acting();                      // the brick whose adapter the calling thread uses; "": none
+std::optional<S_Brick> Get_Adapter(const std::string& address);  // the brick, if there is one
+
+// What a brick is besides its name: words of TAV_AIR_STATE, each of which takes something from it. Returns the first
+// that is none; empty: all is well.
+std::string Set_State(S_Brick& brick, const std::string& words);
+
+// On the way between processes: its name, NUL, and such words. Where there is no name it keeps the one it has.
+std::string Describe(const S_Brick& brick);
+S_Brick Apply(const S_Brick& brick, const std::string& description);
+
+// Makes this of a brick, in this process, with the lock held; and in all programs that are the brick, without.
+void Change_Brick(const S_Brick& brick);
+void Change_Everywhere(const S_Brick& brick);
 
 // ---- Other processes (processes.cpp) --------------------------------------------------------------------------------
-
-// Who has called within `timeout` ms, or -1. It asks accept only when somebody has, since that takes the lowest free
-// descriptor for as long as it looks: the program's next one would be another than on Linux.
-int Accept_Caller(int listening, int timeout);
 
 // Names of the air's own name space.
 std::string Get_ListenName(const S_Socket& socket, const std::string& address);
 int Bind_Name(int fd, const std::string& name);
 int Connect_Name(int fd, const std::string& name);  // a stranger's is not there
 std::set<std::string> List_Names(bool onlyConnected = false);
+std::set<std::string> List_Programs(const std::string& address);  // those that are the brick
 bool Is_Taken(const std::string& name);
 bool Is_Friend(int fd);                                               // who is at the other end may be there
 bool Is_Foreign(const std::string& name);                             // another user has it
 bool Is_Listening(const std::string& name);                           // and is a friend
 std::string Parse_Client(const sockaddr* address, socklen_t length);  // the peer that calls
 
+// What who listens there tells about its brick, after it has obeyed an order, if there is one; without the lock.
+std::optional<S_Brick> Ask(const std::string& name, const std::string& order = "?");
+
 // What a brick in range tells about itself; without the lock.
 std::optional<S_Brick> Ask_Brick(const std::string& address);
 
-// The adapter of a brick, which another process may have; first it does what is requested: "up", "down", "scan ..." (as
-// HCI's scan enable has it), "name ...". Without the lock.
-std::optional<S_Brick> Ask_Adapter(const std::string& own, const std::string& request = "");
-
 // With the lock held.
-void Close_Local(S_Local& local);
 void Wake_Thread();
+void Wait_ForThread(std::unique_lock<std::mutex>& lock);  // until it has done what there is to do
 
 // ---- Connections (connections.cpp), with the lock held --------------------------------------------------------------
 
-bool Start_Connecting(int fd, S_Socket& socket);
-void Fall_Silent(const std::string& address);
-void Come_Back(const std::string& address);
-void Abort_All(const std::string& address);  // its adapter was switched off
+std::vector<int> List_Fds(const S_Socket& socket);
+int Start_Connecting(S_OpenSocket& socket, const std::string& peer, int channel);  // -1 with errno, or 0
+void Fall_Silent(S_Local& local);
+void Come_Back(S_Local& local);
+void Abort_All(S_Local& local);  // its adapter was switched off
 void Drop_Socket(int fd);
 bool Is_AtEnd(int fd);
 Clock::time_point Do_DueConnections(Clock::time_point now);  // for the thread; returns when the next is due
@@ -270,7 +311,7 @@ std::set<std::string> List_Links(const std::string& address);
 
 // ---- HCI and SDP (hci.cpp, sdp.cpp) ---------------------------------------------------------------------------------
 
-int Control_Adapter(S_Socket& socket, unsigned long request, void* argument);  // ioctl
+int Control_Adapter(const S_Socket& socket, unsigned long request, void* argument);  // ioctl
 ssize_t Send_Command(const SocketPointer& socket, const std::string& packet);
 ssize_t Send_Signal(const SocketPointer& socket, const std::string& packet);  // of L2CAP
 std::string Answer_Query(const S_Brick& brick, const std::string& request);   // of SDP
@@ -292,14 +333,7 @@ S_Fault Begin(const char* call, const std::string& arguments = "", int fd = -1);
 // For calls that only may fail: true, with errno, when this one is to.
 bool Fails(const char* call, const std::string& arguments = "", int fd = -1);
 
-// While BlueZ's library runs: its calls are not the program's.
-class C_Inside
-{
-public:
-    C_Inside();
-    ~C_Inside();
-    C_Inside(const C_Inside&) = delete;
-};
+extern thread_local int t_Inside;  // how deep in BlueZ's library, whose calls are not the program's
 
 // ---- Sockets of this process (sockets.cpp) --------------------------------------------------------------------------
 

@@ -1,21 +1,12 @@
-// Puts a program on the air as one brick, as the environment says, before its main starts, and takes orders while it
-// runs (libtav_air.so only).
+// Puts a program on the air as one brick, as the environment says, before its main starts (libtav_air.so only).
 #include "sim/internals.h"
 
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
-#include <thread>
 #include <unistd.h>
 
 namespace {
-
-constexpr std::size_t LONGEST_ORDER = 256;
-
-tav_air::S_Brick* g_Brick = nullptr;  // what this program is
-int g_Orders = -1;                    // socket that takes orders
 
 [[noreturn]] void Refuse(const char* variable, const std::string& why)
 {
@@ -66,73 +57,6 @@ std::vector<tav_air::S_Service> Parse_Services(const std::string& text)
     return services;
 }
 
-void Set_State(tav_air::S_Brick& brick, const std::string& text)
-{
-    std::istringstream words(text);
-    for (std::string word; words >> word;) {
-        if (word == "down")
-            brick.Powered = false;
-        else if (word == "absent")
-            brick.Present = false;
-        else if (word == "hidden")
-            brick.Discoverable = false;
-        else if (word == "nameless")
-            brick.TellsName = false;
-        else if (word == "no-sdp")
-            brick.HasSdpServer = false;
-        else
-            Refuse("TAV_AIR_STATE", "'" + word + "' is none of down, absent, hidden, nameless, no-sdp");
-    }
-}
-
-// ---- Orders ---------------------------------------------------------------------------------------------------------
-//
-// tav-air/AIR/ADDRESS!PROCESS is a socket that takes a new TAV_AIR_STATE from programs of the same user, and answers
-// when it is in force. Each program of a brick has one.
-
-bool Is_SameUser(int fd)
-{
-    ucred peer{};
-    socklen_t size = sizeof(peer);
-    return tav_air::Real().Getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == geteuid();
-}
-
-void Take_Orders()
-{
-    for (;;) {
-        int order = tav_air::Accept_Caller(g_Orders, -1);
-        if (order < 0 && (errno == EINTR || errno == ECONNABORTED)) continue;
-        if (order < 0) return;  // the program has closed all descriptors
-        order = tav_air::Put_Away(order);
-        std::string words(LONGEST_ORDER, '\0');
-        const ssize_t count = Is_SameUser(order) ? tav_air::Real().Recv(order, words.data(), words.size(), 0) : -1;
-        if (count >= 0) {
-            words.resize(static_cast<std::size_t>(count));
-            tav_air::S_Brick brick = *g_Brick;
-            brick.Powered = brick.Present = brick.Discoverable = brick.TellsName = brick.HasSdpServer = true;
-            Set_State(brick, words);
-            tav_air::Put(*g_Brick = brick);
-            tav_air::Real().Send(order, "done", 4, MSG_NOSIGNAL);
-        }
-        tav_air::Close_Own(order);
-    }
-}
-
-// The program's signals stay the program's, and a child of it takes no orders.
-void Await_Orders()
-{
-    g_Orders = tav_air::Open_UnixSocket(SOCK_SEQPACKET);
-    const std::string name = g_Brick->Address + "!" + std::to_string(getpid());
-    if (tav_air::Bind_Name(g_Orders, name) < 0 || tav_air::Real().Listen(g_Orders, 1) < 0) return;
-    pthread_atfork(nullptr, nullptr, [] { tav_air::Close_Own(g_Orders); });
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::thread(Take_Orders).detach();
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
-
 __attribute__((constructor)) void Start()
 {
     const std::string speedText = Get_Variable("TAV_AIR_SPEED", "1");
@@ -155,12 +79,10 @@ __attribute__((constructor)) void Start()
     brick.Address = Get_Canonical(address);
     if (brick.Address.empty()) Refuse("TAV_AIR_ADDRESS", "'" + address + "' is not an address like 02:00:00:00:00:01");
     brick.Services = Parse_Services(Get_Variable("TAV_AIR_SERVICES"));
-    Set_State(brick, Get_Variable("TAV_AIR_STATE"));
-    if (brick.Name.empty()) return;  // there is no adapter
-    if (!tav_air::Put(brick))
+    const std::string word = tav_air::Set_State(brick, Get_Variable("TAV_AIR_STATE"));
+    if (!word.empty()) Refuse("TAV_AIR_STATE", "'" + word + "' is none of down, absent, hidden, nameless, no-sdp");
+    if (!brick.Name.empty() && !tav_air::Put(brick))  // without a name there is no adapter
         Refuse("TAV_AIR_BRICK", "another user has a brick " + brick.Address + " on the air " + air);
-    g_Brick = new tav_air::S_Brick(brick);
-    Await_Orders();
 }
 
 }  // namespace

@@ -2,20 +2,18 @@
 // answers.
 //
 // The air is the abstract UNIX socket name space. A brick in range listens on tav-air/AIR/ADDRESS and tells whoever
-// asks what a Bluetooth device would tell about itself; for programs of its own it listens on ADDRESS/hci0. RFCOMM
-// channels are listening sockets named ADDRESS/CHANNEL, L2CAP's have an l before the number. Who connects calls there
-// from a socket named OWN>PEER/CHANNEL, which lives as long as the connection, and hands over the other end of the
-// program's socket. The kernel removes the names of a process that ends.
+// calls what a Bluetooth device would tell about itself. Each program that is the brick listens on ADDRESS!PROCESS,
+// where programs of the same user ask it or say what is to become of the brick. RFCOMM channels are listening sockets
+// named ADDRESS/CHANNEL, L2CAP's have an l before the number. Who connects calls there from a socket named
+// OWN>PEER/CHANNEL, which lives as long as the connection, and hands over the other end of the program's socket. The
+// kernel removes the names of a process that ends.
 #include "sim/internals.h"
 
 #include <algorithm>
-#include <bluetooth/hci_lib.h>
 #include <csignal>
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <sys/eventfd.h>
 #include <sys/un.h>
 #include <thread>
@@ -25,9 +23,9 @@ namespace tav_air {
 
 namespace {
 
-constexpr int MAX_MESSAGE = 65536;  // a description, a request, a service query
+constexpr int MAX_MESSAGE = 65536;  // a description, an order, a service query
 constexpr int CONTROL_BACKLOG = 64;
-constexpr int REQUEST_TIMEOUT_MS = 200;                // for a request that the asker sends at once
+constexpr int ORDER_TIMEOUT_MS = 200;                  // for an order that the asker sends at once
 constexpr int ANSWER_TIMEOUT_MS = 2000;                // for an answer of another process, whatever the speed
 constexpr std::chrono::milliseconds SHARE_RETRY{250};  // a brick shared with a process that ends is taken over
 
@@ -44,146 +42,100 @@ sockaddr_un Get_UnixAddress(const std::string& name, socklen_t& length)
     return address;
 }
 
-// ---- Descriptions ---------------------------------------------------------------------------------------------------
-
-// On the way between processes: each text or number, ended by NUL.
-std::string Pack(const S_Brick& brick)
-{
-    std::string packed;
-    const auto add = [&packed](const std::string& text) { packed.append(text.c_str(), text.size() + 1); };
-    add(brick.Name);
-    for (const bool flag : {brick.Present, brick.Discoverable, brick.TellsName, brick.HasSdpServer, brick.Powered})
-        add(std::to_string(flag));
-    return packed;
-}
-
-S_Brick Unpack(const std::string& address, const std::string& packed)
-{
-    std::istringstream texts(packed);
-    std::string text;
-    S_Brick brick;
-    brick.Address = address;
-    std::getline(texts, brick.Name, '\0');
-    for (bool* flag : {&brick.Present, &brick.Discoverable, &brick.TellsName, &brick.HasSdpServer, &brick.Powered})
-        *flag = std::getline(texts, text, '\0') && text == "1";
-    return brick;
-}
-
-std::optional<S_Brick> Ask(const std::string& address, const std::string& name, const std::string& request)
-{
-    int asker = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
-    int connected = -1;
-    {
-        const std::lock_guard lock(State().Mutex);
-        connected = Connect_Name(asker, name);
-    }
-    std::string packed(MAX_MESSAGE, '\0');
-    pollfd answered{asker, POLLIN, 0};
-    ssize_t count = -1;
-    if (connected == 0 && Real().Send(asker, request.data(), request.size(), MSG_NOSIGNAL) > 0 &&
-        Real().Poll(&answered, 1, ANSWER_TIMEOUT_MS) > 0)
-        count = Real().Recv(asker, packed.data(), packed.size(), 0);
-    Close_Own(asker);
-    if (count <= 0) return std::nullopt;
-    packed.resize(static_cast<std::size_t>(count));
-    return Unpack(address, packed);
-}
-
-// ---- The thread, with the lock held ---------------------------------------------------------------------------------
-
-int Listen_At(const std::string& name)
-{
-    int listening = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
-    if (Bind_Name(listening, name) < 0 || Real().Listen(listening, CONTROL_BACKLOG) < 0) Close_Own(listening);
-    return listening;
-}
-
-// Has a brick listen where its state wants it to; false when another process has the brick.
-bool Listen_All(S_Local& local)
-{
-    const S_Brick& brick = local.Brick;
-    const bool inRange = brick.Present && brick.Powered;
-    if (local.Adapter < 0) local.Adapter = Listen_At(brick.Address + "/hci0");
-    if (local.Adapter < 0) return false;
-    if (!inRange) Close_Own(local.Radio);
-    if (inRange && local.Radio < 0) local.Radio = Listen_At(brick.Address);
-    if (!brick.HasSdpServer) Close_Own(local.Sdp);
-    if (brick.HasSdpServer && local.Sdp < 0) local.Sdp = Listen_At(brick.Address + "/l1");
-    return true;
-}
-
-// Does what a program on this brick requests of its adapter.
-void Do_Request(S_Local& local, const std::string& request)
-{
-    S_Brick& brick = local.Brick;
-    if (request == "up") brick.Powered = true;
-    if (request == "down" && brick.Powered) Abort_All(brick.Address);
-    if (request.rfind("name ", 0) == 0) brick.Name = request.substr(5);
-    if (request.rfind("scan ", 0) == 0) brick.Discoverable = (atoi(request.c_str() + 5) & SCAN_INQUIRY) != 0;
-    Listen_All(local);
-}
-
-std::string Receive(int fd)
+// What has come, at once or within a while; empty: nothing.
+std::string Receive(int fd, int timeout = 0)
 {
     std::string bytes(MAX_MESSAGE, '\0');
-    const ssize_t count = Real().Recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    pollfd come{fd, POLLIN, 0};
+    ssize_t count = 0;
+    if (Real().Poll(&come, 1, timeout) > 0) count = Real().Recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
     bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     return bytes;
 }
 
-// Tells everyone who asked at one of its listening sockets about the brick.
-void Answer_All(S_Local& local, int listening)
+void Send(int fd, const std::string& bytes)
 {
-    int asker = -1;
-    while (listening >= 0 && (asker = Accept_Caller(listening, 0)) >= 0) {
-        pollfd asked{asker, POLLIN, 0};
-        if (Is_Friend(asker) && Real().Poll(&asked, 1, REQUEST_TIMEOUT_MS) > 0) {
-            const std::string request = Receive(asker);
-            if (listening == local.Adapter) Do_Request(local, request);
-            const std::string packed = Pack(local.Brick);
-            Real().Send(asker, packed.data(), packed.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        }
-        Real().Close(asker);
-    }
+    Real().Send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
-void Accept_Queries(const S_Local& local)
+bool Is_OfOurUser(int fd)
 {
-    int call = -1;
-    while (local.Sdp >= 0 && (call = Accept_Caller(local.Sdp, 0)) >= 0) {
-        const int query = Is_Friend(call) ? Receive_Fd(call) : -1;
-        if (query >= 0) State().Queries[Put_Away(query)] = local.Brick.Address;
-        Real().Close(call);
-    }
+    ucred who{};
+    socklen_t length = sizeof(who);
+    return Real().Getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &who, &length) == 0 && who.uid == geteuid();
 }
 
-void Answer_Queries()
+// ---- The thread, with the lock held ---------------------------------------------------------------------------------
+
+// Has a brick listen there if that is wanted; false when it cannot, since another process does.
+bool Listen_At(C_Own& listening, const std::string& name, bool wanted)
 {
-    auto& queries = State().Queries;
-    for (auto query = queries.begin(); query != queries.end();) {
-        pollfd come{query->first, POLLIN, 0};
-        std::string request(1, '\0');
-        while (!request.empty() && Real().Poll(&come, 1, 0) > 0) {
-            request = Receive(query->first);
-            const std::string answer =
-                request.empty() ? "" : Answer_Query(State().Bricks[query->second].Brick, request);
-            Real().Send(query->first, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        }
-        int fd = query->first;
-        query = request.empty() ? queries.erase(query) : std::next(query);
-        if (request.empty()) Close_Own(fd);
+    if (wanted == (listening >= 0)) return true;
+    listening = wanted ? Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK) : C_Own();
+    if (wanted && (Bind_Name(listening, name) < 0 || Real().Listen(listening, CONTROL_BACKLOG) < 0))
+        listening = C_Own();
+    return wanted == (listening >= 0);
+}
+
+bool Listen_All(S_Local& local)
+{
+    const S_Brick& brick = local.Brick;
+    const bool takesOrders = Listen_At(local.Open.Orders, brick.Address + "!" + std::to_string(getpid()), true);
+    const bool isHeard = Listen_At(local.Open.Radio, brick.Address, brick.Present && brick.Powered);
+    return Listen_At(local.Open.Sdp, brick.Address + "/l1", brick.HasSdpServer) && isHeard && takesOrders;
+}
+
+// Who has called, and may, or < 0. Accept is asked only when somebody has, since it takes the lowest free descriptor
+// for as long as it looks: the program's next one would be another than on Linux.
+C_Own Accept_Caller(int listening)
+{
+    pollfd call{listening, POLLIN, 0};
+    while (Real().Poll(&call, 1, 0) > 0) {
+        C_Own caller(Real().Accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
+        if (caller < 0 || Is_Friend(caller)) return caller;
     }
+    return C_Own();
+}
+
+// Answers what a service query asks; false when it has ended.
+bool Answer(const S_Brick& brick, int query)
+{
+    pollfd come{query, POLLIN, 0};
+    while (Real().Poll(&come, 1, 0) > 0) {
+        const std::string request = Receive(query);
+        if (request.empty()) return false;
+        Send(query, Answer_Query(brick, request));
+    }
+    return query >= 0;
+}
+
+// Answers all who ask a brick.
+void Serve(S_Local& local)
+{
+    auto& open = local.Open;
+    for (C_Own asker; (asker = Accept_Caller(open.Radio)) >= 0;)
+        Send(asker, Describe(local.Brick));
+    for (C_Own asker; (asker = Accept_Caller(open.Orders)) >= 0;) {
+        const std::string order = Is_OfOurUser(asker) ? Receive(asker, ORDER_TIMEOUT_MS) : "";
+        if (order.find('\0') != std::string::npos) {
+            Change_Brick(Apply(local.Brick, order));
+            Listen_All(local);
+        }
+        Send(asker, Describe(local.Brick));
+    }
+    for (C_Own call; (call = Accept_Caller(open.Sdp)) >= 0;)
+        open.Queries.emplace_back(Receive_Fd(call));
+    const auto hasEnded = [&](const C_Own& query) { return !Answer(local.Brick, query); };
+    open.Queries.erase(std::remove_if(open.Queries.begin(), open.Queries.end(), hasEnded), open.Queries.end());
 }
 
 // Sends the packets that are due and returns when the next one is.
 Clock::time_point Send_Due(Clock::time_point now)
 {
     auto& later = State().Later;
-    for (; !later.empty() && later.begin()->first <= now; later.erase(later.begin())) {
-        const SocketPointer socket = later.begin()->second.To.lock();
-        const std::string& bytes = later.begin()->second.Bytes;
-        if (socket) Real().Send(socket->Far, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    }
+    for (; !later.empty() && later.begin()->first <= now; later.erase(later.begin()))
+        if (const SocketPointer socket = later.begin()->second.To.lock())
+            Send(socket->Far, later.begin()->second.Bytes);
     return later.empty() ? Clock::time_point::max() : later.begin()->first;
 }
 
@@ -194,38 +146,34 @@ Clock::time_point Do_All(std::vector<pollfd>& fds)
     auto next = std::min(Do_DueConnections(now), Send_Due(now));
     for (auto& [address, local] : State().Bricks) {
         if (!Listen_All(local)) next = std::min<Clock::time_point>(next, now + SHARE_RETRY);
-        Answer_All(local, local.Adapter);
-        Answer_All(local, local.Radio);
-        Accept_Queries(local);
-        for (const int fd : {local.Adapter, local.Radio, local.Sdp})
-            fds.push_back({fd, POLLIN, 0});
+        Serve(local);
+        for (const C_Own* listening : {&local.Open.Orders, &local.Open.Radio, &local.Open.Sdp})
+            fds.push_back({*listening, POLLIN, 0});
+        for (const C_Own& query : local.Open.Queries)
+            fds.push_back({query, POLLIN, 0});
     }
-    Answer_Queries();
-    for (const auto& query : State().Queries)
-        fds.push_back({query.first, POLLIN, 0});
     ++State().Cycles;
     State().Cycled.notify_all();
     return next;
 }
 
-// A program that closed all descriptors by system calls of its own has closed those of the air, too. Returns the new
-// one that wakes the thread.
-int Open_Anew()
+// A program that closed all descriptors by system calls of its own has closed those of the air, too.
+void Open_Anew()
 {
     const std::lock_guard lock(State().Mutex);
     for (auto& local : State().Bricks)
-        Close_Local(local.second);
-    Close_Own(State().Wake);
-    return State().Wake = Put_Away(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        local.second.Open = {};
+    State().Wake = C_Own(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
 }
 
-[[noreturn]] void Run_Thread(int wake)
+[[noreturn]] void Run_Thread()
 {
     for (;;) {
-        std::vector<pollfd> fds = {{wake, POLLIN, 0}};
+        std::vector<pollfd> fds;
         Clock::time_point next;
         {
             const std::lock_guard lock(State().Mutex);
+            fds.push_back({State().Wake, POLLIN, 0});
             next = Do_All(fds);
         }
         const auto wait = std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -233,32 +181,25 @@ int Open_Anew()
         const timespec time{static_cast<time_t>(wait.count() / 1000000000),
                             static_cast<long>(wait.count() % 1000000000)};
         if (Real().Ppoll(fds.data(), fds.size(), &time, nullptr) <= 0) continue;
-        if (fds[0].revents & POLLNVAL) wake = Open_Anew();
+        if (fds[0].revents & POLLNVAL) Open_Anew();
         std::uint64_t count = 0;
-        if (fds[0].revents & POLLIN) static_cast<void>(!Real().Read(wake, &count, sizeof(count)));
+        if (fds[0].revents & POLLIN) static_cast<void>(!Real().Read(fds[0].fd, &count, sizeof(count)));
     }
 }
 
 // A child that was forked has its parent's open sockets, but not the thread: it starts its own when it needs one, and
-// leaves the brick to its parent until then.
+// leaves the brick, and what is not connected yet, to its parent.
 void Leave_ToParent()
 {
     State().Process = getpid();
     for (auto& local : State().Bricks)
-        Close_Local(local.second);
-    for (auto* kept : {&State().Silent, &State().Calls}) {
-        for (auto& entry : *kept)
-            Close_Own(entry.second.Fd);
-        kept->clear();
+        local.second.Open = {};
+    State().Kept.clear();
+    for (auto& [fd, socket] : State().Sockets) {
+        if (socket->State == E_State::CONNECTING) socket->State = E_State::FAILED;
+        if (socket->Kind == E_Kind::RFCOMM || socket->Kind == E_Kind::L2CAP) socket->Far = C_Own();
     }
-    for (auto& query : State().Queries) {
-        int fd = query.first;
-        Close_Own(fd);
-    }
-    State().Queries.clear();
-    for (auto& entry : State().Sockets)
-        if (entry.second->State == E_State::CONNECTING) entry.second->State = E_State::FAILED;
-    Close_Own(State().Wake);
+    State().Wake = C_Own();
     State().Mutex.unlock();
 }
 
@@ -272,8 +213,8 @@ void Start_Thread()
     static const int registered =
         pthread_atfork([] { State().Mutex.lock(); }, [] { State().Mutex.unlock(); }, Leave_ToParent);
     static_cast<void>(registered);
-    State().Wake = Put_Away(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    std::thread(Run_Thread, State().Wake).detach();
+    State().Wake = C_Own(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    std::thread(Run_Thread).detach();
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
@@ -284,12 +225,6 @@ void Start_Thread()
 std::string Get_ListenName(const S_Socket& socket, const std::string& address)
 {
     return address + (socket.Kind == E_Kind::L2CAP ? "/l" : "/") + std::to_string(socket.Channel);
-}
-
-int Accept_Caller(int listening, int timeout)
-{
-    pollfd call{listening, POLLIN, 0};
-    return Real().Poll(&call, 1, timeout) > 0 ? Real().Accept4(listening, nullptr, nullptr, SOCK_CLOEXEC) : -1;
 }
 
 int Bind_Name(int fd, const std::string& name)
@@ -325,11 +260,12 @@ bool Is_Taken(const std::string& name)
     return List_Names().count(name) > 0;
 }
 
-static bool Is_OfOurUser(int fd)
+std::set<std::string> List_Programs(const std::string& address)
 {
-    ucred who{};
-    socklen_t length = sizeof(who);
-    return Real().Getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &who, &length) == 0 && who.uid == geteuid();
+    auto names = List_Names();
+    for (auto name = names.begin(); name != names.end();)
+        name = name->rfind(address + "!", 0) == 0 ? std::next(name) : names.erase(name);
+    return names;
 }
 
 bool Is_Friend(int fd)
@@ -339,18 +275,13 @@ bool Is_Friend(int fd)
 
 bool Is_Foreign(const std::string& name)
 {
-    int asker = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
-    const bool isForeign = Connect_Name(asker, name) < 0 ? errno == EACCES : !Is_OfOurUser(asker);
-    Close_Own(asker);
-    return isForeign;
+    const C_Own asker = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
+    return Connect_Name(asker, name) < 0 ? errno == EACCES : !Is_OfOurUser(asker);
 }
 
 bool Is_Listening(const std::string& name)
 {
-    int asker = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
-    const bool isThere = Connect_Name(asker, name) == 0;
-    Close_Own(asker);
-    return isThere;
+    return Connect_Name(Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK), name) == 0;
 }
 
 std::string Parse_Client(const sockaddr* address, socklen_t length)
@@ -361,22 +292,22 @@ std::string Parse_Client(const sockaddr* address, socklen_t length)
     return end == std::string::npos || end < ADDRESS_SIZE ? "" : path.substr(end - ADDRESS_SIZE, ADDRESS_SIZE);
 }
 
+std::optional<S_Brick> Ask(const std::string& name, const std::string& order)
+{
+    const C_Own asker = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
+    {
+        const std::lock_guard lock(State().Mutex);
+        if (Connect_Name(asker, name) < 0) return std::nullopt;
+    }
+    if (!order.empty()) Send(asker, order);
+    const std::string answer = Receive(asker, ANSWER_TIMEOUT_MS);
+    return answer.empty() ? std::nullopt : std::optional(Apply({name.substr(0, ADDRESS_SIZE), ""}, answer));
+}
+
 std::optional<S_Brick> Ask_Brick(const std::string& address)
 {
-    const auto own = Ask_Adapter(Get_Acting());
-    if (own && !(own->Present && own->Powered)) return std::nullopt;
-    return Ask(address, address, "?");
-}
-
-std::optional<S_Brick> Ask_Adapter(const std::string& own, const std::string& request)
-{
-    return own.empty() ? std::nullopt : Ask(own, own + "/hci0", request.empty() ? "?" : request);
-}
-
-void Close_Local(S_Local& local)
-{
-    for (int* fd : {&local.Adapter, &local.Radio, &local.Sdp, &local.Gone})
-        Close_Own(*fd);
+    const auto own = Get_Adapter(Get_Acting());
+    return own && !(own->Present && own->Powered) ? std::nullopt : Ask(address, "");
 }
 
 void Wake_Thread()
@@ -384,6 +315,13 @@ void Wake_Thread()
     if (State().Wake < 0) Start_Thread();
     const std::uint64_t one = 1;
     static_cast<void>(!Real().Write(State().Wake, &one, sizeof(one)));
+}
+
+void Wait_ForThread(std::unique_lock<std::mutex>& lock)
+{
+    const unsigned long cycles = State().Cycles;
+    Wake_Thread();
+    State().Cycled.wait(lock, [&] { return State().Cycles != cycles; });
 }
 
 }  // namespace tav_air

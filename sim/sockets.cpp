@@ -127,54 +127,22 @@ bool Is_Connected(const S_Socket& socket)
     return (socket.State == E_State::CONNECTED || socket.State == E_State::LOST) && !socket.Ended;
 }
 
+// Binds a socket to a channel of its brick; false, with errno, when another one has it.
+bool Take_Channel(S_OpenSocket& socket, int channel)
+{
+    const int before = std::exchange(socket.Channel, channel);
+    socket.Name = Open_UnixSocket(socket.Type);
+    if (Bind_Name(socket.Name, Get_ListenName(socket, socket.Own)) == 0) return true;
+    socket.Name = C_Own();
+    socket.Channel = before;
+    return false;
+}
+
 template <typename CHANGE>
 void Change_Socket(int fd, CHANGE change)
 {
     const std::lock_guard lock(State().Mutex);
     if (const SocketPointer socket = Find_Socket(fd)) change(*socket);
-}
-
-// The adapter of a socket, when it is of use.
-std::optional<S_Brick> Get_Adapter(const S_Socket& socket)
-{
-    auto adapter = Ask_Adapter(socket.Own);
-    if (adapter && !adapter->Powered) adapter.reset();
-    return adapter;
-}
-
-// ---- Connecting -----------------------------------------------------------------------------------------------------
-
-// Gives the socket the name under which it calls; false when the channel has a connection already, or one that is on
-// its way or not given up.
-bool Bind_Call(S_Socket& socket)
-{
-    static unsigned int count = 0;
-    std::string name = socket.Own + ">" + Get_ListenName(socket, socket.Peer);
-    if (socket.Kind == E_Kind::L2CAP) name += "/" + std::to_string(getpid()) + "." + std::to_string(++count);
-    socket.Call = Open_UnixSocket(socket.Type | SOCK_NONBLOCK);
-    if (Bind_Name(socket.Call, name) == 0) return true;
-    for (const auto& [fd, known] : State().Sockets) {  // one that has ended is none
-        if (known->Call >= 0 && known->Own == socket.Own && known->Peer == socket.Peer &&
-            known->Channel == socket.Channel && known.get() != &socket && Is_AtEnd(fd))
-            Close_Own(known->Call);
-    }
-    if (Bind_Name(socket.Call, name) == 0) return true;
-    Close_Own(socket.Call);
-    return false;
-}
-
-int Start_Connecting(int fd, const S_Address& to)
-{
-    const std::lock_guard lock(State().Mutex);
-    const SocketPointer socket = Find_Socket(fd);
-    if (socket->State != E_State::OPEN && (socket->State != E_State::BOUND || socket->Channel != 0))
-        return Fail(EBADFD);
-    socket->Peer = Get_Text(to.Brick);
-    socket->Channel = to.Channel;
-    if (!Bind_Call(*socket)) return Fail(EBUSY);
-    if (!Start_Connecting(fd, *socket)) return -1;
-    Wake_Thread();
-    return 0;
 }
 
 }  // namespace
@@ -187,45 +155,44 @@ int socket(int domain, int type, int protocol) __THROW
 {
     if (domain != AF_BLUETOOTH) return Real().Socket(domain, type, protocol);
     if (Fails("socket")) return -1;
-    const auto made = std::make_shared<S_Socket>();
+    const auto made = std::make_shared<S_OpenSocket>();
     const int flags = type & (SOCK_NONBLOCK | SOCK_CLOEXEC);
     made->Own = Get_Acting();
     made->Type = type & ~flags;
-    if (protocol == BTPROTO_RFCOMM && made->Type == SOCK_STREAM) {
+    const bool isRaw = made->Type == SOCK_RAW;
+    if (protocol == BTPROTO_RFCOMM && made->Type == SOCK_STREAM)
         made->Kind = E_Kind::RFCOMM;
-    } else if (protocol == BTPROTO_L2CAP && (made->Type == SOCK_SEQPACKET || made->Type == SOCK_STREAM)) {
-        made->Kind = E_Kind::L2CAP;
-    } else if (made->Type == SOCK_RAW && (protocol == BTPROTO_L2CAP || protocol == BTPROTO_HCI)) {
-        made->Kind = protocol == BTPROTO_HCI ? E_Kind::HCI : E_Kind::RAW;
-        int near = -1;
-        return Open_Pair(SOCK_SEQPACKET | flags, near, made->Far) ? Add_Socket(near, made) : -1;
-    } else {
+    else if (protocol == BTPROTO_L2CAP && (isRaw || made->Type == SOCK_SEQPACKET || made->Type == SOCK_STREAM))
+        made->Kind = isRaw ? E_Kind::RAW : E_Kind::L2CAP;
+    else if (protocol == BTPROTO_HCI && isRaw)
+        made->Kind = E_Kind::HCI;
+    else
         return Fail(EPROTONOSUPPORT);
-    }
-    return Add_Socket(Real().Socket(AF_UNIX, type, 0), made);
+    int near = -1;
+    made->Far = Open_Pair((isRaw ? SOCK_SEQPACKET : made->Type) | flags, near);
+    return Add_Socket(near, made);
 }
 
 int bind(int fd, const sockaddr* address, socklen_t length) __THROW
 {
     if (!g_Ours.Has(fd)) return Real().Bind(fd, address, length);
-    S_Socket socket = Get_Socket(fd);
+    const S_Socket socket = Get_Socket(fd);
     if (socket.Kind == E_Kind::HCI) {
         const auto* const hci = reinterpret_cast<const sockaddr_hci*>(address);
         if (length < sizeof(*hci) || hci->hci_channel != HCI_CHANNEL_RAW) return Fail(EINVAL);
-        return hci->hci_dev == HCI_DEV_NONE || (hci->hci_dev == 0 && Ask_Adapter(socket.Own)) ? 0 : Fail(ENODEV);
+        return hci->hci_dev == HCI_DEV_NONE || (hci->hci_dev == 0 && Get_Adapter(socket.Own)) ? 0 : Fail(ENODEV);
     }
     S_Address to;
     if (!Read_Address(socket, address, length, to) || Fails("bind", std::to_string(to.Channel), fd)) return -1;
     const bdaddr_t any{};
-    socket.HasAddress = bacmp(&to.Brick, &any) != 0;
-    if (socket.HasAddress && Get_Text(to.Brick) != socket.Own) return Fail(EADDRNOTAVAIL);
-    socket.Channel = to.Channel;
-    if (to.Channel != 0 && Bind_Name(fd, Get_ListenName(socket, socket.Own)) < 0) return -1;
-    Change_Socket(fd, [&](S_Socket& bound) {
-        bound.State = E_State::BOUND;
-        bound.Channel = to.Channel;
-        bound.HasAddress = socket.HasAddress;
-    });
+    const bool hasAddress = bacmp(&to.Brick, &any) != 0;
+    if (hasAddress && Get_Text(to.Brick) != socket.Own) return Fail(EADDRNOTAVAIL);
+    const std::lock_guard lock(State().Mutex);
+    const SocketPointer bound = Find_Socket(fd);
+    if (bound->State != E_State::OPEN) return Fail(EBADFD);
+    if (to.Channel != 0 && !Take_Channel(*bound, to.Channel)) return -1;
+    bound->State = E_State::BOUND;
+    bound->HasAddress = hasAddress;
     return 0;
 }
 
@@ -233,15 +200,19 @@ int listen(int fd, int backlog) __THROW
 {
     if (!g_Ours.Has(fd)) return Real().Listen(fd, backlog);
     if (Fails("listen", std::to_string(backlog), fd)) return -1;
-    S_Socket socket = Get_Socket(fd);
-    if (socket.State != E_State::BOUND) return Fail(EBADFD);
-    if (socket.Channel == 0) {  // any that is free
-        const int first = socket.Kind == E_Kind::RFCOMM ? 1 : 0x1001, step = socket.Kind == E_Kind::RFCOMM ? 1 : 2;
-        for (socket.Channel = first; Bind_Name(fd, Get_ListenName(socket, socket.Own)) < 0; socket.Channel += step)
-            if (socket.Channel == first + 29 * step) return Fail(EINVAL);
-        Change_Socket(fd, [&](S_Socket& bound) { bound.Channel = socket.Channel; });
-    }
-    return Real().Listen(fd, backlog);
+    const std::lock_guard lock(State().Mutex);
+    const SocketPointer socket = Find_Socket(fd);
+    if (socket->State != E_State::BOUND) return Fail(EBADFD);
+    const int step = socket->Kind == E_Kind::RFCOMM ? 1 : 2;
+    for (int channel = step == 1 ? 1 : 0x1001, tries = 30; socket->Channel == 0; channel += step)  // any that is free
+        if (!Take_Channel(*socket, channel) && --tries == 0) return Fail(EINVAL);
+    if (socket->Name < 0) return Real().Listen(fd, backlog);
+    if (Real().Listen(socket->Name, backlog) < 0) return -1;
+    for (const int copy : List_Fds(*socket))
+        Swap_In(copy, socket->Name);
+    socket->Name = C_Own();
+    socket->Far = C_Own();
+    return 0;
 }
 
 int accept4(int fd, sockaddr* address, socklen_t* length, int flags)
@@ -252,13 +223,11 @@ int accept4(int fd, sockaddr* address, socklen_t* length, int flags)
     for (;;) {  // until one calls who may
         sockaddr_storage caller{};
         socklen_t callerLength = sizeof(caller);
-        const int called = Real().Accept4(fd, reinterpret_cast<sockaddr*>(&caller), &callerLength, SOCK_CLOEXEC);
-        if (called < 0) return -1;
-        int call = Put_Away(called);
+        const C_Own call(Real().Accept4(fd, reinterpret_cast<sockaddr*>(&caller), &callerLength, SOCK_CLOEXEC));
+        if (call < 0) return -1;
         const int accepted = Is_Friend(call) ? Receive_Fd(call) : -1;
-        Close_Own(call);
         if (accepted < 0) continue;
-        const auto socket = std::make_shared<S_Socket>();
+        const auto socket = std::make_shared<S_OpenSocket>();
         socket->Kind = server.Kind;
         socket->Type = server.Type;
         socket->State = E_State::CONNECTED;
@@ -285,13 +254,17 @@ int connect(int fd, const sockaddr* address, socklen_t length)
     if (!Read_Address(socket, address, length, to)) return -1;
     const std::string peer = Get_Text(to.Brick);
     if (Fails("connect", peer + ", " + std::to_string(to.Channel), fd)) return -1;
-    if (!Get_Adapter(socket) || peer == socket.Own) return Fail(EHOSTUNREACH);
+    const auto adapter = Get_Adapter(socket.Own);
+    if (!adapter || !adapter->Powered || peer == socket.Own) return Fail(EHOSTUNREACH);
     if (socket.Kind == E_Kind::RAW) {
         if (!Ask_Brick(peer)) return Sleep_UntilSignal(PAGE_TIMEOUT) ? Fail(EHOSTDOWN) : -1;
         Change_Socket(fd, [&](S_Socket& raw) { raw.Peer = peer, raw.State = E_State::CONNECTED; });
         return 0;
     }
-    if (Start_Connecting(fd, to) < 0) return -1;
+    {
+        const std::lock_guard lock(State().Mutex);
+        if (Start_Connecting(*Find_Socket(fd), peer, to.Channel) < 0) return -1;
+    }
     if (!Is_Blocking(fd, 0)) return Fail(EINPROGRESS);
     pollfd writable{fd, POLLOUT, 0};
     if (Real().Poll(&writable, 1, -1) < 0) return -1;
@@ -439,7 +412,7 @@ int ioctl(int fd, unsigned long request, ...) __THROW
     void* const argument = va_arg(list, void*);
     va_end(list);
     if (!g_Ours.Has(fd)) return Real().Ioctl(fd, request, argument);
-    S_Socket socket = Get_Socket(fd);
+    const S_Socket socket = Get_Socket(fd);
     const auto number = static_cast<std::uint32_t>(request);  // as the kernel takes it
     const bool isHci = socket.Kind == E_Kind::HCI && _IOC_TYPE(number) == 'H';
     return isHci ? Control_Adapter(socket, number, argument) : Real().Ioctl(fd, request, argument);

@@ -345,5 +345,5 @@ class Air:
             with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as program, suppress(ConnectionError):
                 program.settimeout(self.patience)
                 program.connect(f"\0{self.prefix}{self.address(name)}{order}")
-                program.send(words.encode())
+                program.send(f"\0{words}".encode())  # it keeps its name
                 program.recv(4)  # done, or it has ended
