@@ -149,7 +149,7 @@ std::optional<std::string> Do_Command(S_Brick own, int opcode, const std::string
         own.Name.resize(HCI_MAX_NAME_LENGTH);
         return status + own.Name;
     case control(OCF_CHANGE_LOCAL_NAME):
-        own.Name = parameters.c_str();
+        own.Name = parameters.substr(0, parameters.find('\0'));
         return Change_Everywhere(own), status;
     case control(OCF_READ_CLASS_OF_DEV):
         return status + std::string(3, '\0');

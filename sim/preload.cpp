@@ -65,7 +65,8 @@ __attribute__((constructor)) void Start()
     if (speedText.empty() || *end != 0 || !(speed >= 0.001 && speed <= 1e6))
         Refuse("TAV_AIR_SPEED", "'" + speedText + "' is not a number from 0.001 to 1000000");
     const std::string shared = Get_Variable("TAV_AIR_SHARED");
-    if (shared != "" && shared != "0" && shared != "1") Refuse("TAV_AIR_SHARED", "'" + shared + "' is neither 0 nor 1");
+    if (!shared.empty() && shared != "0" && shared != "1")
+        Refuse("TAV_AIR_SHARED", "'" + shared + "' is neither 0 nor 1");
     const bool isShared = shared == "1";
     const std::string air = Get_Variable("TAV_AIR", isShared ? "air" : "air-" + std::to_string(geteuid()));
     if (!tav_air::Enter(air, speed, isShared))

@@ -180,42 +180,30 @@ std::string Answer_Query(const S_Brick& brick, const std::string& request)
     std::string transaction = reader.Take(2);
     transaction.resize(2);
     reader.Take_Number(2);
-    const auto records = List_Records(brick);
-    std::string all;  // what is asked for, of which a part goes into this PDU
-    std::vector<std::uint32_t> handles;
+    const bool isSearch = id == SDP_SVC_SEARCH_REQ, isOfOne = id == SDP_SVC_ATTR_REQ;
+    if (!isSearch && !isOfOne && id != SDP_SVC_SEARCH_ATTR_REQ)
+        return Build_Pdu(SDP_ERROR_RSP, transaction, Number(SDP_INVALID_SYNTAX));
     std::set<std::string> wanted;
-    std::size_t most = 0;
-    if (id == SDP_SVC_SEARCH_REQ || id == SDP_SVC_SEARCH_ATTR_REQ) Collect_Uuids(reader.Take_Whole(), wanted);
-    if (id == SDP_SVC_ATTR_REQ) {
-        const std::size_t handle = reader.Take_Number(4);
-        most = reader.Take_Number(2);
-        const std::string ranges = reader.Take_Element().second;
-        const auto record =
-            std::find_if(records.begin(), records.end(), [&](const S_Record& known) { return known.Handle == handle; });
-        if (record == records.end()) return Build_Pdu(SDP_ERROR_RSP, transaction, Number(SDP_INVALID_RECORD_HANDLE));
-        all = Choose(*record, ranges);
-    } else if (id == SDP_SVC_SEARCH_ATTR_REQ) {
-        most = reader.Take_Number(2);
-        const std::string ranges = reader.Take_Element().second;
-        for (const S_Record& record : records)
-            if (Has_All(record, wanted)) all += Choose(record, ranges);
-        all = Sequence(all);
-    } else if (id == SDP_SVC_SEARCH_REQ) {
-        most = reader.Take_Number(2);
-        for (const S_Record& record : records)
-            if (Has_All(record, wanted) && handles.size() < most) handles.push_back(record.Handle);
-        for (const std::uint32_t handle : handles)
-            all += Number(handle, 4);
-        most = MAX_PART;
+    if (!isOfOne) Collect_Uuids(reader.Take_Whole(), wanted);
+    const std::size_t handle = isOfOne ? reader.Take_Number(4) : 0, most = reader.Take_Number(2);
+    const std::string ranges = isSearch ? "" : reader.Take_Element().second;
+    std::string all;  // what is asked for, of which a part goes into this PDU
+    std::size_t count = 0;
+    for (const S_Record& record : List_Records(brick)) {
+        if (isOfOne ? record.Handle != handle : !Has_All(record, wanted) || (isSearch && count == most)) continue;
+        all += isSearch ? Number(record.Handle, 4) : Choose(record, ranges);
+        ++count;
     }
+    if (isOfOne && count == 0) return Build_Pdu(SDP_ERROR_RSP, transaction, Number(SDP_INVALID_RECORD_HANDLE));
+    if (!isSearch && !isOfOne) all = Sequence(all);
     // How far the parts before this one went is told by who asks for the next.
     const std::size_t state = reader.Take_Number(1), from = state == 0 ? 0 : reader.Take_Number(2);
-    if (!reader.IsGood || (state != 0 && state != 2) || from > all.size() || (all.empty() && id != SDP_SVC_SEARCH_REQ))
+    if (!reader.IsGood || (state != 0 && state != 2) || from > all.size())
         return Build_Pdu(SDP_ERROR_RSP, transaction, Number(SDP_INVALID_SYNTAX));
-    const std::size_t size = std::min({all.size() - from, most, MAX_PART});
+    const std::size_t size = std::min({all.size() - from, isSearch ? MAX_PART : most, MAX_PART});
     const std::string part = all.substr(from, size);
     const bool isLast = from + size == all.size();
-    const std::string counts = id == SDP_SVC_SEARCH_REQ ? Number(handles.size()) + Number(size / 4) : Number(size);
+    const std::string counts = isSearch ? Number(count) + Number(size / 4) : Number(size);
     return Build_Pdu(static_cast<std::uint8_t>(id + 1), transaction,
                      counts + part + (isLast ? Number(0, 1) : Number(2, 1) + Number(from + size)));
 }

@@ -138,12 +138,23 @@ bool Take_Channel(S_OpenSocket& socket, int channel)
     return false;
 }
 
-template <typename CHANGE>
-void Change_Socket(int fd, CHANGE change)
+// A socket that is used with the lock held, for as long as this lives.
+class C_Locked
 {
-    const std::lock_guard lock(State().Mutex);
-    if (const SocketPointer socket = Find_Socket(fd)) change(*socket);
-}
+public:
+    explicit C_Locked(int fd) : m_Lock(State().Mutex), m_Socket(Find_Socket(fd))
+    {
+        if (m_Socket) return;  // unless another thread has closed it
+        m_Socket = std::make_shared<S_OpenSocket>();
+        m_Socket->State = E_State::FAILED;
+    }
+    S_OpenSocket* operator->() const { return m_Socket.get(); }
+    S_OpenSocket& operator*() const { return *m_Socket; }
+
+private:
+    std::lock_guard<std::mutex> m_Lock;
+    SocketPointer m_Socket;
+};
 
 }  // namespace
 
@@ -187,8 +198,7 @@ int bind(int fd, const sockaddr* address, socklen_t length) __THROW
     const bdaddr_t any{};
     const bool hasAddress = bacmp(&to.Brick, &any) != 0;
     if (hasAddress && Get_Text(to.Brick) != socket.Own) return Fail(EADDRNOTAVAIL);
-    const std::lock_guard lock(State().Mutex);
-    const SocketPointer bound = Find_Socket(fd);
+    const C_Locked bound(fd);
     if (bound->State != E_State::OPEN) return Fail(EBADFD);
     if (to.Channel != 0 && !Take_Channel(*bound, to.Channel)) return -1;
     bound->State = E_State::BOUND;
@@ -200,8 +210,7 @@ int listen(int fd, int backlog) __THROW
 {
     if (!g_Ours.Has(fd)) return Real().Listen(fd, backlog);
     if (Fails("listen", std::to_string(backlog), fd)) return -1;
-    const std::lock_guard lock(State().Mutex);
-    const SocketPointer socket = Find_Socket(fd);
+    const C_Locked socket(fd);
     if (socket->State != E_State::BOUND) return Fail(EBADFD);
     const int step = socket->Kind == E_Kind::RFCOMM ? 1 : 2;
     for (int channel = step == 1 ? 1 : 0x1001, tries = 30; socket->Channel == 0; channel += step)  // any that is free
@@ -258,13 +267,12 @@ int connect(int fd, const sockaddr* address, socklen_t length)
     if (!adapter || !adapter->Powered || peer == socket.Own) return Fail(EHOSTUNREACH);
     if (socket.Kind == E_Kind::RAW) {
         if (!Ask_Brick(peer)) return Sleep_UntilSignal(PAGE_TIMEOUT) ? Fail(EHOSTDOWN) : -1;
-        Change_Socket(fd, [&](S_Socket& raw) { raw.Peer = peer, raw.State = E_State::CONNECTED; });
+        const C_Locked raw(fd);
+        raw->Peer = peer;
+        raw->State = E_State::CONNECTED;
         return 0;
     }
-    {
-        const std::lock_guard lock(State().Mutex);
-        if (Start_Connecting(*Find_Socket(fd), peer, to.Channel) < 0) return -1;
-    }
+    if (Start_Connecting(*C_Locked(fd), peer, to.Channel) < 0) return -1;
     if (!Is_Blocking(fd, 0)) return Fail(EINPROGRESS);
     pollfd writable{fd, POLLOUT, 0};
     if (Real().Poll(&writable, 1, -1) < 0) return -1;
@@ -299,10 +307,8 @@ int setsockopt(int fd, int level, int option, const void* value, socklen_t lengt
     const auto* const bytes = static_cast<const unsigned char*>(value);
     if (kind == E_Kind::HCI) {
         if (level != SOL_HCI) return Fail(ENOPROTOOPT);
-        Change_Socket(fd, [&](S_Socket& socket) {
-            if (option == HCI_FILTER)
-                memcpy(&socket.Filter, value, std::min<std::size_t>(length, sizeof(socket.Filter)));
-        });
+        if (option == HCI_FILTER)
+            memcpy(&C_Locked(fd)->Filter, value, std::min<std::size_t>(length, sizeof(hci_filter)));
         return 0;
     }
     const bool isSecurity = level == SOL_BLUETOOTH && option == BT_SECURITY;
@@ -312,7 +318,7 @@ int setsockopt(int fd, int level, int option, const void* value, socklen_t lengt
     if (Fails("setsockopt", arguments, fd)) return -1;
     if (isSecurity) {
         if (length == 0 || bytes[0] > BT_SECURITY_HIGH) return Fail(EINVAL);
-        Change_Socket(fd, [&](S_Socket& socket) { socket.Security = bytes[0]; });
+        C_Locked(fd)->Security = bytes[0];
         return 0;
     }
     if (kind != E_Kind::RFCOMM) return level == SOL_L2CAP ? 0 : Fail(ENOPROTOOPT);
@@ -321,11 +327,10 @@ int setsockopt(int fd, int level, int option, const void* value, socklen_t lengt
     // Levels of security are all that is kept of it.
     int mode = 0;
     memcpy(&mode, value, sizeof(mode));
-    Change_Socket(fd, [&](S_Socket& socket) {
-        if (mode & RFCOMM_LM_AUTH) socket.Security = BT_SECURITY_LOW;
-        if (mode & RFCOMM_LM_ENCRYPT) socket.Security = BT_SECURITY_MEDIUM;
-        if (mode & RFCOMM_LM_SECURE) socket.Security = BT_SECURITY_HIGH;
-    });
+    const C_Locked socket(fd);
+    if (mode & RFCOMM_LM_AUTH) socket->Security = BT_SECURITY_LOW;
+    if (mode & RFCOMM_LM_ENCRYPT) socket->Security = BT_SECURITY_MEDIUM;
+    if (mode & RFCOMM_LM_SECURE) socket->Security = BT_SECURITY_HIGH;
     return 0;
 }
 
@@ -422,7 +427,7 @@ int shutdown(int fd, int how) __THROW
 {
     if (!g_Ours.Has(fd)) return Real().Shutdown(fd, how);
     if (Fails("shutdown", how == SHUT_RDWR ? "SHUT_RDWR" : "", fd)) return -1;
-    Change_Socket(fd, [](S_Socket& socket) { socket.Shut = true; });
+    C_Locked(fd)->Shut = true;
     Real().Shutdown(fd, SHUT_RDWR);  // RFCOMM knows no half of it
     return 0;
 }

@@ -127,14 +127,11 @@ ssize_t Transmit(int fd, Parts parts, int flags)
     return Report_End(fd, flags, ENOTCONN);
 }
 
-Parts Get_Parts(void* buffer, std::size_t size)
+// Of a program that was built with _FORTIFY_SOURCE: a size that its buffer has room for.
+std::size_t Check(std::size_t size, std::size_t room)
 {
-    return {{buffer, size}};
-}
-
-Parts Get_Parts(const iovec* parts, std::size_t count)
-{
-    return {parts, parts + count};
+    if (size > room) abort();
+    return size;
 }
 
 // ---- Waiting --------------------------------------------------------------------------------------------------------
@@ -144,8 +141,7 @@ void Correct(pollfd& waited)
 {
     if (!g_Ours.Has(waited.fd) || (waited.revents & POLLHUP) == 0) return;
     const S_Socket socket = Get_Socket(waited.fd);
-    if (Is_Idle(socket)) waited.revents = static_cast<short>(waited.revents & ~POLLHUP);
-    if (socket.Shut || socket.Kind == E_Kind::HCI || Is_Idle(socket)) return;
+    if (socket.Shut) return;
     int size = 0;
     Real().Ioctl(waited.fd, FIONREAD, &size);
     const bool isNoticed = socket.State == E_State::FAILED || socket.Ended;
@@ -187,25 +183,25 @@ extern "C" {
 
 ssize_t read(int fd, void* buffer, std::size_t size)
 {
-    return g_Ours.Has(fd) ? Receive(fd, Get_Parts(buffer, size), 0) : Real().Read(fd, buffer, size);
+    return g_Ours.Has(fd) ? Receive(fd, {{buffer, size}}, 0) : Real().Read(fd, buffer, size);
 }
 
 ssize_t readv(int fd, const iovec* parts, int count)
 {
     if (!g_Ours.Has(fd) || count < 0) return Real().Readv(fd, parts, count);
-    return Receive(fd, Get_Parts(parts, static_cast<std::size_t>(count)), 0);
-}
-
-ssize_t recv(int fd, void* buffer, std::size_t size, int flags)
-{
-    return g_Ours.Has(fd) ? Receive(fd, Get_Parts(buffer, size), flags) : Real().Recv(fd, buffer, size, flags);
+    return Receive(fd, {parts, parts + count}, 0);
 }
 
 ssize_t recvfrom(int fd, void* buffer, std::size_t size, int flags, sockaddr* address, socklen_t* length)
 {
     if (!g_Ours.Has(fd)) return Real().Recvfrom(fd, buffer, size, flags, address, length);
     if (length) *length = 0;
-    return Receive(fd, Get_Parts(buffer, size), flags);
+    return Receive(fd, {{buffer, size}}, flags);
+}
+
+ssize_t recv(int fd, void* buffer, std::size_t size, int flags)
+{
+    return recvfrom(fd, buffer, size, flags, nullptr, nullptr);
 }
 
 ssize_t recvmsg(int fd, msghdr* message, int flags)
@@ -214,36 +210,35 @@ ssize_t recvmsg(int fd, msghdr* message, int flags)
     message->msg_namelen = 0;
     message->msg_controllen = 0;
     message->msg_flags = 0;
-    return Receive(fd, Get_Parts(message->msg_iov, message->msg_iovlen), flags);
+    return Receive(fd, {message->msg_iov, message->msg_iov + message->msg_iovlen}, flags);
 }
 
 ssize_t write(int fd, const void* buffer, std::size_t size)
 {
-    return g_Ours.Has(fd) ? Transmit(fd, Get_Parts(const_cast<void*>(buffer), size), 0)
-                          : Real().Write(fd, buffer, size);
+    return g_Ours.Has(fd) ? Transmit(fd, {{const_cast<void*>(buffer), size}}, 0) : Real().Write(fd, buffer, size);
 }
 
 ssize_t writev(int fd, const iovec* parts, int count)
 {
     if (!g_Ours.Has(fd) || count < 0) return Real().Writev(fd, parts, count);
-    return Transmit(fd, Get_Parts(parts, static_cast<std::size_t>(count)), 0);
-}
-
-ssize_t send(int fd, const void* buffer, std::size_t size, int flags)
-{
-    if (!g_Ours.Has(fd)) return Real().Send(fd, buffer, size, flags);
-    return Transmit(fd, Get_Parts(const_cast<void*>(buffer), size), flags);
+    return Transmit(fd, {parts, parts + count}, 0);
 }
 
 ssize_t sendto(int fd, const void* buffer, std::size_t size, int flags, const sockaddr* address, socklen_t length)
 {
-    return g_Ours.Has(fd) ? send(fd, buffer, size, flags) : Real().Sendto(fd, buffer, size, flags, address, length);
+    if (!g_Ours.Has(fd)) return Real().Sendto(fd, buffer, size, flags, address, length);
+    return Transmit(fd, {{const_cast<void*>(buffer), size}}, flags);
+}
+
+ssize_t send(int fd, const void* buffer, std::size_t size, int flags)
+{
+    return sendto(fd, buffer, size, flags, nullptr, 0);
 }
 
 ssize_t sendmsg(int fd, const msghdr* message, int flags)
 {
     if (!g_Ours.Has(fd)) return Real().Sendmsg(fd, message, flags);
-    return Transmit(fd, Get_Parts(message->msg_iov, message->msg_iovlen), flags);
+    return Transmit(fd, {message->msg_iov, message->msg_iov + message->msg_iovlen}, flags);
 }
 
 int poll(pollfd* fds, nfds_t count, int timeout)
@@ -273,35 +268,30 @@ int pselect(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, 
 
 // ---- The same in programs built with _FORTIFY_SOURCE ----------------------------------------------------------------
 
-ssize_t __read_chk(int fd, void* buffer, std::size_t size, std::size_t bufferSize)
+ssize_t __read_chk(int fd, void* buffer, std::size_t size, std::size_t room)
 {
-    if (size > bufferSize) abort();
-    return read(fd, buffer, size);
+    return read(fd, buffer, Check(size, room));
 }
 
-ssize_t __recv_chk(int fd, void* buffer, std::size_t size, std::size_t bufferSize, int flags)
+ssize_t __recv_chk(int fd, void* buffer, std::size_t size, std::size_t room, int flags)
 {
-    if (size > bufferSize) abort();
-    return recv(fd, buffer, size, flags);
+    return recv(fd, buffer, Check(size, room), flags);
 }
 
-ssize_t __recvfrom_chk(int fd, void* buffer, std::size_t size, std::size_t bufferSize, int flags, sockaddr* address,
+ssize_t __recvfrom_chk(int fd, void* buffer, std::size_t size, std::size_t room, int flags, sockaddr* address,
                        socklen_t* length)
 {
-    if (size > bufferSize) abort();
-    return recvfrom(fd, buffer, size, flags, address, length);
+    return recvfrom(fd, buffer, Check(size, room), flags, address, length);
 }
 
-int __poll_chk(pollfd* fds, nfds_t count, int timeout, std::size_t size)
+int __poll_chk(pollfd* fds, nfds_t count, int timeout, std::size_t room)
 {
-    if (size / sizeof(*fds) < count) abort();
-    return poll(fds, count, timeout);
+    return poll(fds, Check(count, room / sizeof(*fds)), timeout);
 }
 
-int __ppoll_chk(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* signals, std::size_t size)
+int __ppoll_chk(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* signals, std::size_t room)
 {
-    if (size / sizeof(*fds) < count) abort();
-    return ppoll(fds, count, timeout, signals);
+    return ppoll(fds, Check(count, room / sizeof(*fds)), timeout, signals);
 }
 
 }  // extern "C"
