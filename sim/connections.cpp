@@ -101,8 +101,11 @@ void Page(S_OpenSocket& socket, Clock::time_point now)
         if (now < socket.Deadline) return;
         socket.Error = EHOSTDOWN;
     } else {
+        const std::int64_t time = Get_RecordTime();
         socket.Error = Call_Peer(socket);
+        Record_Connection(socket, time, socket.Error);
     }
+    if (socket.Handle == 0 && socket.Error) Record_Failure(socket, socket.Error);
     State().Pages.erase({socket.Own, socket.Peer});
     socket.State = socket.Error ? E_State::FAILED : E_State::CONNECTED;
     Empty(socket.Far);  // now it is writable
@@ -138,6 +141,7 @@ void End_Lost(S_OpenSocket& socket, int error)
     Keep(socket.Link, socket.Deadline, socket.Own);
     socket.Error = error;
     socket.Ended = true;
+    Record_End(socket, error);
     socket.Far = C_Own();
 }
 
@@ -215,6 +219,7 @@ int Start_Connecting(S_OpenSocket& socket, const std::string& peer, int channel)
     socket.Deadline = goesOn ? page->second : now + Scaled(PAGE_TIMEOUT);
     State().Pages[{socket.Own, socket.Peer}] = socket.Deadline;
     socket.Next = now + Scaled(PAGE_TIME);
+    Record_Call(socket);
     Wake_Thread();
     return 0;
 }
@@ -223,6 +228,7 @@ void Fall_Silent(S_Local& local)
 {
     if (local.Open.Gone >= 0) return;
     const std::string& address = local.Brick.Address;
+    Record_Note("out of range");
     local.Open.Radio = C_Own();
     local.Open.Gone = Open_UnixSocket(SOCK_DGRAM);
     Bind_Name(local.Open.Gone, address + "/gone");
@@ -231,6 +237,7 @@ void Fall_Silent(S_Local& local)
 
 void Come_Back(S_Local& local)
 {
+    Record_Note("in range");
     local.Open.Gone = C_Own();
     For_All(local.Brick.Address, E_State::LOST, Restore);
 }
@@ -253,6 +260,7 @@ void Drop_Socket(int fd)
     sockets.erase(found);
     g_Ours.Set(fd, false);
     if (!isLast) return;
+    Record_Close(*socket, isUp || socket->State == E_State::LOST);
     if (isUp && Is_Taken(socket->Peer + "/gone")) {
         Keep(socket->Call, Clock::now() + Scaled(SUPERVISION), socket->Peer);
         Wake_Thread();

@@ -18,6 +18,7 @@
 #include <optional>
 #include <poll.h>
 #include <set>
+#include <string_view>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -159,6 +160,7 @@ struct S_Socket
     bool Shut = false;        // by this side
     int Security = BT_SECURITY_LOW;
     hci_filter Filter{};     // HCI: which events it wants
+    int Handle = 0;          // of its link in the recording; 0: it is not in it
     Clock::time_point Next;  // CONNECTING: next page
     Clock::time_point Deadline;
 };
@@ -334,6 +336,25 @@ S_Fault Begin(const char* call, const std::string& arguments = "", int fd = -1);
 bool Fails(const char* call, const std::string& arguments = "", int fd = -1);
 
 extern thread_local int t_Inside;  // how deep in BlueZ's library, whose calls are not the program's
+
+// ---- Recording (recording.cpp) --------------------------------------------------------------------------------------
+//
+// All of it does nothing, and keeps errno, unless it was started.
+
+// From now on, appended to this file; false when that cannot be written.
+bool Start_Recording(const std::string& path, const S_Brick& brick);
+
+std::int64_t Get_RecordTime();  // ns since 1970; 0: nothing is recorded
+std::string Explain(const std::string& call, int error);
+
+void Record_Note(const std::string& text);
+void Record_Call(const S_Socket& socket);                                        // it begins to connect
+void Record_Failure(const S_Socket& socket, int error);                          // and finds nobody
+void Record_Connection(S_OpenSocket& socket, std::int64_t time, int error = 0);  // or somebody, who may refuse
+void Record_Transfer(int fd, bool received, std::int64_t time, std::string_view data, std::string_view comment);
+void Record_End(const S_OpenSocket& socket, int error);    // as this side notices
+void Record_Leave(const S_OpenSocket& socket, bool isUp);  // this side hangs up, unless the other one has
+void Record_Close(const S_OpenSocket& socket, bool isUp);
 
 // ---- Sockets of this process (sockets.cpp) --------------------------------------------------------------------------
 

@@ -51,6 +51,7 @@ int Take_Error(int fd)
     if (socket->State == E_State::CONNECTED && !socket->Ended && !socket->Shut && Is_AtEnd(fd)) {
         socket->Ended = true;
         socket->Error = Is_Taken(socket->Peer + "/gone") ? ETIMEDOUT : ECONNRESET;
+        Record_End(*socket, socket->Error);
     }
     return std::exchange(socket->Error, 0);
 }
@@ -138,6 +139,15 @@ bool Take_Channel(S_OpenSocket& socket, int channel)
     return false;
 }
 
+// Before anybody was called.
+int Fail_Connect(S_Socket socket, const S_Address& to, int error)
+{
+    socket.Peer = Get_Text(to.Brick);
+    socket.Channel = to.Channel;
+    Record_Failure(socket, error);
+    return Fail(error);
+}
+
 // A socket that is used with the lock held, for as long as this lives.
 class C_Locked
 {
@@ -215,6 +225,7 @@ int listen(int fd, int backlog) __THROW
     const int step = socket->Kind == E_Kind::RFCOMM ? 1 : 2;
     for (int channel = step == 1 ? 1 : 0x1001, tries = 30; socket->Channel == 0; channel += step)  // any that is free
         if (!Take_Channel(*socket, channel) && --tries == 0) return Fail(EINVAL);
+    Record_Note("listen on channel " + std::to_string(socket->Channel));
     if (socket->Name < 0) return Real().Listen(fd, backlog);
     if (Real().Listen(socket->Name, backlog) < 0) return -1;
     for (const int copy : List_Fds(*socket))
@@ -243,6 +254,7 @@ int accept4(int fd, sockaddr* address, socklen_t* length, int flags)
         socket->Own = server.Own;
         socket->Peer = Parse_Client(reinterpret_cast<const sockaddr*>(&caller), callerLength);
         socket->Channel = server.Channel;
+        Record_Connection(*socket, Get_RecordTime());
         Write_Address(*socket, socket->Peer, address, length);
         Real().Fcntl(accepted, F_SETFL, (flags & SOCK_NONBLOCK) ? O_NONBLOCK : 0);
         Real().Fcntl(accepted, F_SETFD, (flags & SOCK_CLOEXEC) ? FD_CLOEXEC : 0);
@@ -262,9 +274,9 @@ int connect(int fd, const sockaddr* address, socklen_t length)
     S_Address to;
     if (!Read_Address(socket, address, length, to)) return -1;
     const std::string peer = Get_Text(to.Brick);
-    if (Fails("connect", peer + ", " + std::to_string(to.Channel), fd)) return -1;
+    if (Fails("connect", peer + ", " + std::to_string(to.Channel), fd)) return Fail_Connect(socket, to, errno);
     const auto adapter = Get_Adapter(socket.Own);
-    if (!adapter || !adapter->Powered || peer == socket.Own) return Fail(EHOSTUNREACH);
+    if (!adapter || !adapter->Powered || peer == socket.Own) return Fail_Connect(socket, to, EHOSTUNREACH);
     if (socket.Kind == E_Kind::RAW) {
         if (!Ask_Brick(peer)) return Sleep_UntilSignal(PAGE_TIMEOUT) ? Fail(EHOSTDOWN) : -1;
         const C_Locked raw(fd);
@@ -272,7 +284,7 @@ int connect(int fd, const sockaddr* address, socklen_t length)
         raw->State = E_State::CONNECTED;
         return 0;
     }
-    if (Start_Connecting(*C_Locked(fd), peer, to.Channel) < 0) return -1;
+    if (Start_Connecting(*C_Locked(fd), peer, to.Channel) < 0) return Fail_Connect(socket, to, errno);
     if (!Is_Blocking(fd, 0)) return Fail(EINPROGRESS);
     pollfd writable{fd, POLLOUT, 0};
     if (Real().Poll(&writable, 1, -1) < 0) return -1;
@@ -427,7 +439,11 @@ int shutdown(int fd, int how) __THROW
 {
     if (!g_Ours.Has(fd)) return Real().Shutdown(fd, how);
     if (Fails("shutdown", how == SHUT_RDWR ? "SHUT_RDWR" : "", fd)) return -1;
-    C_Locked(fd)->Shut = true;
+    {
+        const C_Locked socket(fd);
+        Record_Leave(*socket, !Is_AtEnd(fd));
+        socket->Shut = true;
+    }
     Real().Shutdown(fd, SHUT_RDWR);  // RFCOMM knows no half of it
     return 0;
 }

@@ -63,7 +63,25 @@ bool Is_Idle(const S_Socket& socket)
     return socket.State == E_State::OPEN || socket.State == E_State::BOUND || socket.State == E_State::CONNECTING;
 }
 
-ssize_t Receive(int fd, Parts parts, int flags)
+// What a call moved goes into the recording, or why it failed.
+ssize_t Note_Transfer(const char* call, int fd, Parts parts, std::int64_t time, ssize_t count)
+{
+    const int error = errno;
+    const bool received = *call == 'r';
+    if (time == 0 || count == 0 || (count < 0 && (error == EINTR || (error == EAGAIN && received)))) return count;
+    const std::size_t size = Get_Size(parts), moved = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+    std::string comment;
+    if (count < 0)
+        comment = Explain(call, error);
+    else if ((moved < size) != received)
+        comment = std::string(call) + ": " + std::to_string(moved) + " of " + std::to_string(size) + " bytes";
+    Limit(parts, moved);
+    Record_Transfer(fd, received, time, Join(parts), comment);
+    errno = error;
+    return count;
+}
+
+ssize_t Take(int fd, Parts parts, int flags)
 {
     const std::size_t size = Get_Size(parts);
     const S_Fault fault = Begin("recv", std::to_string(size), fd);
@@ -81,6 +99,12 @@ ssize_t Receive(int fd, Parts parts, int flags)
     return Report_End(fd, flags, 0);
 }
 
+ssize_t Receive(int fd, const Parts& parts, int flags)
+{
+    const ssize_t count = Take(fd, parts, flags);
+    return (flags & MSG_PEEK) ? count : Note_Transfer("recv", fd, parts, Get_RecordTime(), count);
+}
+
 // Who waits on the other side takes the first frame of a longer message before the rest comes.
 void Send_Frame(int fd, std::string& bytes, int flags)
 {
@@ -95,7 +119,7 @@ void Send_Frame(int fd, std::string& bytes, int flags)
     }
 }
 
-ssize_t Transmit(int fd, Parts parts, int flags)
+ssize_t Give(int fd, Parts parts, int flags)
 {
     const std::size_t size = Get_Size(parts);
     const S_Fault fault = Begin("send", std::to_string(size), fd);
@@ -125,6 +149,12 @@ ssize_t Transmit(int fd, Parts parts, int flags)
     if (before > 0) return static_cast<ssize_t>(errno == EAGAIN ? before : whole);  // the peer has left meanwhile
     if (socket.Shut || (errno != EPIPE && errno != ECONNRESET)) return count;
     return Report_End(fd, flags, ENOTCONN);
+}
+
+ssize_t Transmit(int fd, const Parts& parts, int flags)
+{
+    const std::int64_t time = Get_RecordTime();  // before: no answer stands before its question
+    return Note_Transfer("send", fd, parts, time, Give(fd, parts, flags));
 }
 
 // Of a program that was built with _FORTIFY_SOURCE: a size that its buffer has room for.

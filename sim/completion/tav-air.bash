@@ -9,7 +9,7 @@ _tav_air() {
         [ -n "$run" ] || ! declare -F _command_offset >/dev/null || _command_offset $((i + 1)) # of bash-completion
         return
         ;;
-      --address | --air | --card | --device | --faults | --file | --libraries | --python) ((++i)) ;;
+      --address | --air | --card | --device | --faults | --file | --libraries | --python | --record) ((++i)) ;;
       --radio | --sdp | --service | --speed | --state | --until) ((++i)) ;;
       -*) ;;
       *) named=yes ;;
@@ -19,7 +19,7 @@ _tav_air() {
     case $3 in
       --speed) offers='1 20 100' ;;
       --state) offers='down absent hidden nameless no-sdp' ;;
-      --file | --libraries) mapfile -t COMPREPLY < <(compgen -f -- "$2") && return ;;
+      --file | --libraries | --record) mapfile -t COMPREPLY < <(compgen -f -- "$2") && return ;;
     esac
   elif [ -n "$run" ]; then
     offers=$(tav-air run --help | grep -o '^  --[a-z-]*')

@@ -49,13 +49,26 @@ def find_library() -> Path:
     return max(built, key=lambda file: file.stat().st_mtime)
 
 
+def make_record_folder(folder: str | Path) -> Path:
+    made = Path(folder).resolve()
+    try:
+        made.mkdir(parents=True, exist_ok=True)
+    except OSError as error:
+        raise Problem(f"recordings cannot be in {folder}: {error.strerror}") from None
+    return made
+
+
 def put_on_air(inherited: Mapping[str, str], library: Path, settings: Mapping[str, str]) -> dict[str, str]:
     """The variables of a program that is a brick: those of the air are its own, not those of whoever starts it."""
     if re.search("[:;]", str(library)):
         raise Problem(f"no program can load {library}, since a : or ; is in its path")
-    kept = ("TAV_AIR", "TAV_AIR_SPEED", "TAV_AIR_SHARED")
+    kept = ("TAV_AIR", "TAV_AIR_SPEED", "TAV_AIR_SHARED", "TAV_AIR_RECORD")
     environment = {name: value for name, value in inherited.items() if name in kept or not name.startswith("TAV_AIR")}
     environment |= settings
+    brick, folder = environment.get("TAV_AIR_BRICK"), environment.get("TAV_AIR_RECORD")
+    if brick and folder:
+        environment["TAV_AIR_RECORD"] = str(make_record_folder(folder))
+        environment["TAV_AIR_RECORDING"] = str(Path(environment["TAV_AIR_RECORD"]) / f"{get_id(brick)}.pcapng")
     name = str(library)
     if re.search(r"\s", name):  # no path to preload, but one to look for libraries in
         before = environment.get("LD_LIBRARY_PATH")
@@ -242,10 +255,17 @@ class Brick:
 class Air:
     """A simulated air that nobody else is on. Each brick has folders of its own; nothing is left after close().
 
-    Not for several threads: what starts a program must outlive it.
+    Not for several threads: what starts a program must outlive it. With `record`, a folder, it keeps what each brick
+    sends and receives there.
     """
 
-    def __init__(self, speed: float = SPEED, print_line: Callable[[str, bytes], None] | None = None) -> None:
+    def __init__(
+        self,
+        speed: float = SPEED,
+        print_line: Callable[[str, bytes], None] | None = None,
+        record: str | Path | None = None,
+    ) -> None:
+        self.record = record
         self.speed = speed  # of bricks that are started from now on
         self.patience = PATIENCE  # s, of what waits for a brick, unless it is told
         self.print_line = print_line
@@ -307,6 +327,8 @@ class Air:
             settings |= {"TAV_AIR_BRICK": name, "TAV_AIR_ADDRESS": self.address(name)}
         if trace:
             settings["TAV_AIR_TRACE"] = "1"
+        if self.record:
+            settings["TAV_AIR_RECORD"] = str(self.record)
         inherited = {name: value for name, value in os.environ.items() if name != "TAV_BRICK_NAME"}
         return put_on_air(inherited, self.library, settings | variables)
 

@@ -78,6 +78,7 @@ def make_parser(version: str) -> Parser:
         metavar="RULES",
         help="calls that fail: CALL:N=ERRNO (* for every call), send:N=short:BYTES, CALL:N=vanish",
     )
+    add("--record", metavar="FOLDER", help="write what it sends and receives to FOLDER/BRICK.pcapng, for Wireshark")
     add("--no-adapter", action="store_true", help="a brick without Bluetooth; give no name then")
     add("--trace", action="store_true", help="print every Bluetooth call to stderr")
     add("--version", action="version", version=f"tav-air {get_version(version)}", help="print the version")
@@ -107,6 +108,7 @@ def run_one(parser: Parser, words: Sequence[str]) -> int:
         "TAV_AIR_SERVICES": "".join(f"{text}\n" for text in arguments.service) or None,
         "TAV_AIR_STATE": arguments.state,
         "TAV_AIR_FAULTS": arguments.faults,
+        "TAV_AIR_RECORD": arguments.record,
         "TAV_AIR_TRACE": "1" if arguments.trace else None,
     }
     library = air.find_library()

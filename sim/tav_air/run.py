@@ -122,11 +122,12 @@ def run_several(make_parser: Callable[..., ArgumentParser], me: str, words: Sequ
     add = parser.add_argument
     add("--service", action="append", default=[], metavar="BRICK=TEXT", help="an SDP record of a brick")
     add("--faults", action="append", default=[], metavar="BRICK=RULES", help="calls of a brick's program that fail")
+    add("--record", metavar="FOLDER", help="writes what bricks send and receive to FOLDER/BRICK.pcapng, for Wireshark")
     arguments = parse_arguments(parser, words)
     plan = parse(arguments, COMMANDS)
     printer = Printer(f"{{name:{max(len(setup.name) for setup in plan.setups)}}} | ")
     try:
-        with Air(arguments.speed or get_speed(), printer.put) as air:
+        with Air(arguments.speed or get_speed(), printer.put, arguments.record) as air:
             warn(air, plan)
             return asyncio.run(run_plan(air, plan, arguments))
     finally:
