@@ -49,7 +49,7 @@ std::string Get_Acting()
     return t_Acting ? *t_Acting : State().First;
 }
 
-std::optional<S_Brick> Get_Adapter(const std::string& address)
+std::optional<S_Adapter> Get_Adapter(const std::string& address)
 {
     const std::lock_guard lock(State().Mutex);
     const auto local = State().Bricks.find(address);
@@ -70,34 +70,39 @@ std::string Set_State(S_Brick& brick, const std::string& words)
     return "";
 }
 
-std::string Describe(const S_Brick& brick)
+std::string Describe(const S_Adapter& brick)
 {
-    std::string words = brick.Name + '\0';
+    std::string words;
     for (const auto& [word, has] : STATES)
         if (!(brick.*has)) words += std::string(word) + " ";
-    return words;
+    return brick.Name + '\0' + words + '\0' + brick.Seen;
 }
 
-S_Brick Apply(const S_Brick& brick, const std::string& description)
+S_Adapter Apply(const S_Adapter& brick, const std::string& description)
 {
-    S_Brick changed = brick;
-    const std::size_t end = description.find('\0');
-    if (end > 0) changed.Name = description.substr(0, end);
-    Set_State(changed, description.substr(end + 1));
+    S_Adapter changed = brick;
+    std::istringstream parts(description);
+    std::string name, words;
+    std::getline(parts, name, '\0');
+    std::getline(parts, words, '\0');
+    std::getline(parts, changed.Seen, '\0');
+    if (!name.empty()) changed.Name = name;
+    Set_State(changed, words);
     return changed;
 }
 
-void Change_Brick(const S_Brick& brick)
+void Change_Brick(const S_Adapter& brick)
 {
     S_Local& local = State().Bricks[brick.Address];
     const S_Brick before = std::exchange(local.Brick, brick);
+    if (!brick.Powered) local.Brick.Seen.clear();
     if (before.Powered && !brick.Powered) Abort_All(local);
     if (before.Present && !brick.Present) Fall_Silent(local);
     if (!before.Present && brick.Present) Come_Back(local);
     Wake_Thread();  // there may be something to do in a while
 }
 
-void Change_Everywhere(const S_Brick& brick)
+void Change_Everywhere(const S_Adapter& brick)
 {
     std::unique_lock lock(State().Mutex);
     Change_Brick(brick);
@@ -146,7 +151,7 @@ bool Put(const S_Brick& brick)
 {
     std::unique_lock lock(State().Mutex);
     if (State().Bricks.empty()) State().First = brick.Address;
-    S_Brick put = brick;
+    S_Adapter put{brick};
     if (State().Bricks.count(brick.Address) == 0) {  // other programs that are this brick know what became of it
         const auto programs = List_Programs(brick.Address);
         lock.unlock();

@@ -2,13 +2,10 @@
 #include "sim/internals.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <sys/epoll.h>
 #include <unistd.h>
 #include <vector>
 
@@ -21,39 +18,6 @@ constexpr int FD_TIMEOUT_MS = 200;
 
 C_FdMarks g_Own;
 std::atomic<int> g_LastOwn{0};  // no own descriptor was ever above it
-
-struct S_Watch
-{
-    int Instance;
-    epoll_event Event;
-};
-
-// Who watches a descriptor by epoll, as the kernel knows it: with what is left of EPOLLONESHOT.
-std::vector<S_Watch> List_Watches(int fd)
-{
-    std::vector<S_Watch> watches;
-    DIR* const folder = opendir("/proc/self/fd");
-    for (const dirent* entry; folder && (entry = readdir(folder));) {
-        char target[32] = {};
-        if (readlinkat(dirfd(folder), entry->d_name, target, sizeof(target) - 1) < 0 ||
-            strcmp(target, "anon_inode:[eventpoll]") != 0)
-            continue;
-        std::ifstream file(std::string("/proc/self/fdinfo/") + entry->d_name);
-        for (std::string line; std::getline(file, line);) {
-            S_Watch watch{atoi(entry->d_name), {}};
-            int watched = -1;
-            unsigned long long data = 0;
-            std::uint32_t events = 0;
-            if (sscanf(line.c_str(), "tfd: %d events: %x data: %llx", &watched, &events, &data) != 3 || watched != fd)
-                continue;
-            watch.Event.events = events;
-            watch.Event.data.u64 = data;
-            watches.push_back(watch);
-        }
-    }
-    if (folder) closedir(folder);
-    return watches;
-}
 
 // A byte, and room for a descriptor beside it.
 struct S_FdMessage
@@ -81,6 +45,22 @@ const S_Real& Real()
 {
     static const S_Real real;
     return real;
+}
+
+std::vector<S_Watch> List_Watches(const std::string& instance)
+{
+    std::vector<S_Watch> watches;
+    std::ifstream file("/proc/self/fdinfo/" + instance);
+    for (std::string line; std::getline(file, line);) {
+        int fd = -1;
+        std::uint32_t events = 0;
+        unsigned long long data = 0;
+        if (sscanf(line.c_str(), "tfd: %d events: %x data: %llx", &fd, &events, &data) != 3) continue;
+        S_Watch& watch = watches.emplace_back(S_Watch{fd, {}});
+        watch.Event.events = events;
+        watch.Event.data.u64 = data;
+    }
+    return watches;
 }
 
 bool Is_Own(int fd)
@@ -134,12 +114,15 @@ void Swap_In(int fd, int other)
     const int flags = Real().Fcntl(fd, F_GETFL);
     const int descriptorFlags = Real().Fcntl(fd, F_GETFD);
     Real().Fcntl(other, F_SETFL, flags);
-    auto watches = List_Watches(fd);  // epoll watches open files, not numbers
-    for (const S_Watch& watch : watches)
-        epoll_ctl(watch.Instance, EPOLL_CTL_DEL, fd, nullptr);
+    std::vector<std::pair<int, epoll_event>> watches;  // epoll watches open files, not numbers
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo"))
+        for (const S_Watch& watch : List_Watches(entry.path().filename()))
+            if (watch.Fd == fd) watches.emplace_back(std::stoi(entry.path().filename()), watch.Event);
+    for (const auto& watch : watches)
+        epoll_ctl(watch.first, EPOLL_CTL_DEL, fd, nullptr);
     Real().Dup3(other, fd, (descriptorFlags & FD_CLOEXEC) ? O_CLOEXEC : 0);
-    for (S_Watch& watch : watches)
-        epoll_ctl(watch.Instance, EPOLL_CTL_ADD, fd, &watch.Event);
+    for (auto& [instance, event] : watches)
+        epoll_ctl(instance, EPOLL_CTL_ADD, fd, &event);
 }
 
 bool Send_Fd(int through, int fd)

@@ -148,7 +148,7 @@ S_Fault Begin(const char* call, const std::string& arguments, int fd)
         const SocketPointer socket = Find_Socket(fd);
         const auto local = State().Bricks.find(socket ? socket->Own : Get_Acting());
         if (local == State().Bricks.end()) return fault;
-        S_Brick silent = local->second.Brick;
+        S_Adapter silent = local->second.Brick;
         silent.Present = false;
         Change_Brick(silent);
     }

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
+#include <sstream>
 #include <sys/ioctl.h>
 
 namespace tav_air {
@@ -72,27 +74,49 @@ int List_Connections(const S_Brick& brick, hci_conn_info* infos, int room)
     return count;
 }
 
-// Takes the whole time that is asked for.
-int Inquire(const S_Brick& own, hci_inquiry_req& request)
+// The bricks that answer now, in the order of addresses.
+std::vector<std::string> Look_Around(const std::string& own)
 {
-    const std::size_t most = request.num_rsp ? request.num_rsp : 255;
-    auto* const infos = reinterpret_cast<inquiry_info*>(&request + 1);
-    if (!Sleep_UntilSignal(INQUIRY_UNIT * request.length / 2)) return -1;
     std::unique_lock lock(State().Mutex);
     const auto names = List_Names();
     lock.unlock();
-    std::size_t count = 0;
+    std::vector<std::string> found;
     for (const std::string& address : names) {
-        if (address.size() != ADDRESS_SIZE || address == own.Address || count == most) continue;
+        if (address.size() != ADDRESS_SIZE || address == own) continue;
         const auto brick = Ask_Brick(address);
-        if (!brick || !brick->Discoverable) continue;
+        if (brick && brick->Discoverable) found.push_back(address);
+    }
+    return found;
+}
+
+// Takes the whole time that is asked for, unless it tells what the last one found, not long ago.
+int Inquire(const S_Adapter& own, hci_inquiry_req& request)
+{
+    std::istringstream seen(own.Seen);
+    Clock::rep time = 0;
+    seen >> time;
+    std::vector<std::string> found{std::istream_iterator<std::string>(seen), {}};
+    const auto until = Clock::time_point(Clock::duration(time)) + Scaled(REMEMBERED);
+    if (found.empty() || Clock::now() > until || (request.flags & IREQ_CACHE_FLUSH) != 0) {
+        if (!Sleep_UntilSignal(INQUIRY_UNIT * request.length / 2)) return -1;
+        found = Look_Around(own.Address);
+        if (!Sleep_UntilSignal(INQUIRY_UNIT * request.length / 2)) return -1;
+        auto now = Get_Adapter(own.Address).value_or(own);  // which may have changed meanwhile
+        now.Seen = std::to_string(Clock::now().time_since_epoch().count());
+        for (const std::string& address : found)
+            now.Seen += " " + address;
+        Change_Everywhere(now);
+    }
+    const std::size_t count = std::min<std::size_t>(found.size(), request.num_rsp ? request.num_rsp : 255);
+    auto* const infos = reinterpret_cast<inquiry_info*>(&request + 1);
+    for (std::size_t i = 0; i < count; ++i) {
         inquiry_info info{};
         info.pscan_rep_mode = 1;
-        str2ba(address.c_str(), &info.bdaddr);
-        memcpy(&infos[count++], &info, sizeof(info));
+        str2ba(found[i].c_str(), &info.bdaddr);
+        memcpy(&infos[i], &info, sizeof(info));
     }
     request.num_rsp = static_cast<std::uint8_t>(count);
-    return Sleep_UntilSignal(INQUIRY_UNIT * request.length / 2) ? 0 : -1;
+    return 0;
 }
 
 // ---- Commands and events --------------------------------------------------------------------------------------------
@@ -131,7 +155,7 @@ void Ask_Name(const SocketPointer& socket, const std::string& parameters, std::u
 }
 
 // What a command that is done at once returns, behind its status.
-std::optional<std::string> Do_Command(S_Brick own, int opcode, const std::string& parameters)
+std::optional<std::string> Do_Command(S_Adapter own, int opcode, const std::string& parameters)
 {
     constexpr auto info = [](int command) { return cmd_opcode_pack(OGF_INFO_PARAM, command); };
     constexpr auto control = [](int command) { return cmd_opcode_pack(OGF_HOST_CTL, command); };

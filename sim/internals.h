@@ -19,6 +19,7 @@
 #include <poll.h>
 #include <set>
 #include <string_view>
+#include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -37,6 +38,7 @@ constexpr std::chrono::milliseconds PAGE_TIMEOUT{5120};
 constexpr std::chrono::milliseconds NAME_TIME{5};        // asking a device in range for its name
 constexpr std::chrono::milliseconds RELEASE_TIME{50};    // a peer refuses this long after the last connection to it
 constexpr std::chrono::milliseconds SUPERVISION{20000};  // until a silent link is given up
+constexpr std::chrono::milliseconds REMEMBERED{30000};   // what an inquiry found
 
 // A mark on descriptors that is read without the lock, for as many as Linux lets a process have.
 class C_FdMarks
@@ -85,6 +87,10 @@ struct S_Real
                    const sigset_t*) = S_Next{LONG_TIME ? "__pselect64" : "pselect"};
     int (*Poll)(pollfd*, nfds_t, int) = S_Next{"poll"};
     int (*Ppoll)(pollfd*, nfds_t, const timespec*, const sigset_t*) = S_Next{LONG_TIME ? "__ppoll64" : "ppoll"};
+    int (*Epoll_wait)(int, epoll_event*, int, int) = S_Next{"epoll_wait"};
+    int (*Epoll_pwait)(int, epoll_event*, int, int, const sigset_t*) = S_Next{"epoll_pwait"};
+    int (*Epoll_pwait2)(int, epoll_event*, int, const timespec*,
+                        const sigset_t*) = S_Next{LONG_TIME ? "__epoll_pwait2_time64" : "epoll_pwait2"};
     ssize_t (*Read)(int, void*, size_t) = S_Next{"read"};
     ssize_t (*Readv)(int, const iovec*, int) = S_Next{"readv"};
     ssize_t (*Recv)(int, void*, size_t, int) = S_Next{"recv"};
@@ -175,10 +181,16 @@ struct S_OpenSocket : S_Socket
 };
 using SocketPointer = std::shared_ptr<S_OpenSocket>;
 
+// A brick, and what its adapter remembers.
+struct S_Adapter : S_Brick
+{
+    std::string Seen = {};  // the time of its last inquiry, and the addresses that it found
+};
+
 // A brick that this process put on the air, and where it listens.
 struct S_Local
 {
-    S_Brick Brick;
+    S_Adapter Brick;
     struct
     {
         C_Own Orders;  // for programs of the same user: what is to become of it
@@ -243,6 +255,14 @@ C_Own Open_Pair(int type, int& near);
 // Closes all in a range that are not the air's own.
 int Close_Range(unsigned int first, unsigned int last, int flags);
 
+// What an epoll instance watches, as the kernel knows it: with what is left of EPOLLONESHOT.
+struct S_Watch
+{
+    int Fd;
+    epoll_event Event;
+};
+std::vector<S_Watch> List_Watches(const std::string& instance);
+
 // Puts the open file of `other` behind the number `fd`, which keeps its flags and whoever watches it by epoll.
 void Swap_In(int fd, int other);
 
@@ -259,19 +279,20 @@ constexpr std::size_t ADDRESS_SIZE = 17;
 Clock::duration Scaled(Clock::duration real);
 bool Sleep_UntilSignal(Clock::duration real);  // false, with errno, when one ended it
 std::string Get_Acting();                      // the brick whose adapter the calling thread uses; "": none
-std::optional<S_Brick> Get_Adapter(const std::string& address);  // the brick, if there is one
+std::optional<S_Adapter> Get_Adapter(const std::string& address);  // the brick, if there is one
 
 // What a brick is besides its name: words of TAV_AIR_STATE, each of which takes something from it. Returns the first
 // that is none; empty: all is well.
 std::string Set_State(S_Brick& brick, const std::string& words);
 
-// On the way between processes: its name, NUL, and such words. Where there is no name it keeps the one it has.
-std::string Describe(const S_Brick& brick);
-S_Brick Apply(const S_Brick& brick, const std::string& description);
+// On the way between processes: name, NUL, such words, NUL, what was seen. Where there is no name it keeps the one it
+// has.
+std::string Describe(const S_Adapter& brick);
+S_Adapter Apply(const S_Adapter& brick, const std::string& description);
 
 // Makes this of a brick, in this process, with the lock held; and in all programs that are the brick, without.
-void Change_Brick(const S_Brick& brick);
-void Change_Everywhere(const S_Brick& brick);
+void Change_Brick(const S_Adapter& brick);
+void Change_Everywhere(const S_Adapter& brick);
 
 // ---- Other processes (processes.cpp) --------------------------------------------------------------------------------
 
@@ -288,7 +309,7 @@ bool Is_Listening(const std::string& name);                           // and is 
 std::string Parse_Client(const sockaddr* address, socklen_t length);  // the peer that calls
 
 // What who listens there tells about its brick, after it has obeyed an order, if there is one; without the lock.
-std::optional<S_Brick> Ask(const std::string& name, const std::string& order = "?");
+std::optional<S_Adapter> Ask(const std::string& name, const std::string& order = "?");
 
 // What a brick in range tells about itself; without the lock.
 std::optional<S_Brick> Ask_Brick(const std::string& address);

@@ -292,7 +292,7 @@ std::string Parse_Client(const sockaddr* address, socklen_t length)
     return end == std::string::npos || end < ADDRESS_SIZE ? "" : path.substr(end - ADDRESS_SIZE, ADDRESS_SIZE);
 }
 
-std::optional<S_Brick> Ask(const std::string& name, const std::string& order)
+std::optional<S_Adapter> Ask(const std::string& name, const std::string& order)
 {
     const C_Own asker = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
     {
@@ -301,7 +301,7 @@ std::optional<S_Brick> Ask(const std::string& name, const std::string& order)
     }
     if (!order.empty()) Send(asker, order);
     const std::string answer = Receive(asker, ANSWER_TIMEOUT_MS);
-    return answer.empty() ? std::nullopt : std::optional(Apply({name.substr(0, ADDRESS_SIZE), ""}, answer));
+    return answer.empty() ? std::nullopt : std::optional(Apply({{name.substr(0, ADDRESS_SIZE), ""}}, answer));
 }
 
 std::optional<S_Brick> Ask_Brick(const std::string& address)

@@ -175,7 +175,7 @@ void Correct(pollfd& waited)
     int size = 0;
     Real().Ioctl(waited.fd, FIONREAD, &size);
     const bool isNoticed = socket.State == E_State::FAILED || socket.Ended;
-    if (size == 0) waited.revents = static_cast<short>(waited.revents & ~(POLLIN | POLLRDNORM | POLLRDHUP));
+    waited.revents = static_cast<short>(waited.revents & ~(size == 0 ? POLLIN | POLLRDNORM | POLLRDHUP : POLLRDHUP));
     if (socket.Error != 0 || !isNoticed) waited.revents |= POLLERR;
 }
 
@@ -184,6 +184,21 @@ int Correct_All(int result, pollfd* fds, nfds_t count)
     for (nfds_t i = 0; result > 0 && i < count; ++i)
         Correct(fds[i]);
     return result;
+}
+
+// Of what epoll tells, ends as poll has them. Which descriptor an event is of, only the kernel's list of watches says.
+int Correct_Events(int instance, epoll_event* events, int count)
+{
+    for (int i = 0; i < count; ++i) {
+        if ((events[i].events & EPOLLHUP) == 0) continue;
+        for (const S_Watch& watch : List_Watches(std::to_string(instance))) {
+            if (watch.Event.data.u64 != events[i].data.u64 || !Is_AtEnd(watch.Fd)) continue;
+            pollfd waited{watch.Fd, 0, static_cast<short>(events[i].events)};
+            Correct(waited);
+            events[i].events = static_cast<unsigned short>(waited.revents);
+        }
+    }
+    return count;
 }
 
 bool Has_Ours(const fd_set* set, int count)
@@ -279,6 +294,21 @@ int poll(pollfd* fds, nfds_t count, int timeout)
 int ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* signals)
 {
     return Correct_All(Real().Ppoll(fds, count, timeout, signals), fds, count);
+}
+
+int epoll_wait(int instance, epoll_event* events, int room, int timeout)
+{
+    return Correct_Events(instance, events, Real().Epoll_wait(instance, events, room, timeout));
+}
+
+int epoll_pwait(int instance, epoll_event* events, int room, int timeout, const sigset_t* signals)
+{
+    return Correct_Events(instance, events, Real().Epoll_pwait(instance, events, room, timeout, signals));
+}
+
+int epoll_pwait2(int instance, epoll_event* events, int room, const timespec* timeout, const sigset_t* signals)
+{
+    return Correct_Events(instance, events, Real().Epoll_pwait2(instance, events, room, timeout, signals));
 }
 
 int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* time)

@@ -59,6 +59,29 @@ protected:
         return poll(&writable, 1, milliseconds) == 1;
     }
 
+    // What poll tells, and all of epoll's calls.
+    static int Events(int fd)
+    {
+        pollfd waited{fd, POLLIN | POLLOUT | POLLRDHUP, 0};
+        EXPECT_EQ(poll(&waited, 1, 0), 1);
+        const int watch = epoll_create1(0);
+        epoll_event event{};
+        event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP;
+        event.data.u64 = 7;
+        epoll_ctl(watch, EPOLL_CTL_ADD, fd, &event);
+        const timespec now{};
+        for (int call = 0; call < 3; ++call) {
+            event.events = 0;
+            EXPECT_EQ(call == 0   ? epoll_wait(watch, &event, 1, 0)
+                      : call == 1 ? epoll_pwait(watch, &event, 1, 0, nullptr)
+                                  : epoll_pwait2(watch, &event, 1, &now, nullptr),
+                      1);
+            EXPECT_EQ(event.events, static_cast<unsigned int>(waited.revents)) << call;
+        }
+        close(watch);
+        return waited.revents;
+    }
+
     static std::string Send(int fd, const std::string& bytes) { return Errno(send(fd, bytes.data(), bytes.size(), 0)); }
 
     static std::string Receive(int fd)
@@ -109,13 +132,13 @@ TEST_F(Air, EndOfAConnection)
     EXPECT_EQ(Send(m_Far, "last"), "4");
     shutdown(m_Far, SHUT_RDWR);
     close(m_Far);
+    EXPECT_EQ(Events(m_Near), POLLIN | POLLOUT | POLLERR | POLLHUP) << "the last bytes";
     EXPECT_EQ(Receive(m_Near), "last");
+    EXPECT_EQ(Events(m_Near), POLLOUT | POLLERR | POLLHUP) << "there is nothing to read";
     EXPECT_EQ(Receive(m_Near), "ECONNRESET");
     EXPECT_EQ(Receive(m_Near), "EAGAIN");
     EXPECT_EQ(Send(m_Near, "more"), "ENOTCONN") << "and no SIGPIPE";
-    pollfd end{m_Near, POLLIN | POLLOUT, 0};
-    EXPECT_EQ(poll(&end, 1, 0), 1);
-    EXPECT_EQ(end.revents, POLLOUT | POLLHUP) << "there is nothing to read, and the error was told";
+    EXPECT_EQ(Events(m_Near), POLLOUT | POLLHUP) << "the error was told";
 }
 
 TEST_F(Air, ConnectsAsLinuxDoes)
@@ -444,6 +467,27 @@ TEST_F(Air, NamesOfDevices)
     Enter_Air(1);  // a program's time-outs are its own
     const sockaddr_rc absent = Address("02:00:00:00:00:99", 0);
     EXPECT_EQ(Errno(hci_read_remote_name(hci_open_dev(0), &absent.rc_bdaddr, sizeof(own), own, 50)), "ETIMEDOUT");
+}
+
+// Who asks without IREQ_CACHE_FLUSH is told what was found in the last 30 s.
+TEST_F(Air, InquiriesFromTheCache)
+{
+    Enter_Air(20);
+    const auto inquire = [](long flags) {
+        inquiry_info* infos = nullptr;
+        const int count = hci_inquiry(0, 1, 0, nullptr, &infos, flags);
+        free(infos);
+        return count;
+    };
+    EXPECT_EQ(inquire(0), 1);
+    tav_air::Put({ROBOT2, "Robot2", false});
+    EXPECT_EQ(inquire(0), 1);
+    EXPECT_EQ(inquire(IREQ_CACHE_FLUSH), 0);
+    tav_air::Put({ROBOT2, "Robot2"});
+    EXPECT_EQ(inquire(0), 1) << "nothing found is nothing remembered";
+    tav_air::Put({ROBOT2, "Robot2", false});
+    std::this_thread::sleep_for(std::chrono::milliseconds(1600));
+    EXPECT_EQ(inquire(0), 0);
 }
 
 TEST_F(Air, FaultsOnRequest)
