@@ -1,0 +1,357 @@
+"""What tav-session says of recordings and captures, and its page in a real browser."""
+
+import json
+import os
+import re
+import subprocess
+import sys
+import time
+from collections.abc import Callable, Iterator
+from pathlib import Path
+from typing import Any
+
+import pytest
+from recording_test import Robot
+from tav_air import Air
+from tav_session import render
+from tav_session.capture import Session
+from tav_session.follow import Follower
+
+webdriver = pytest.importorskip("selenium.webdriver")
+
+ROOT = Path(__file__).resolve().parent.parent
+PROGRAM = ROOT / "sim" / "tav-session"
+TAVBT = Path(os.environ["TAV_BUILD"]) / "tools" / "tavbt" / "tavbt"
+HOSTILE = "<script>document.title='run'</script><img src=x onerror=\"document.title='run'\">&amp;\u202eabc\u2066"
+LONG_ID = "i" * 1000
+
+
+def named(kind: int, message_id: str, value: bytes, sender: str = "Robot1") -> str:
+    return repr(bytes([kind]) + f"{sender}\0{message_id}\0".encode() + value)
+
+
+def text(message_id: str, value: str, sender: str = "Robot1") -> str:
+    return named(1, message_id, value.encode() + b"\0", sender)
+
+
+def session(*arguments: str | Path) -> str:
+    done = subprocess.run([sys.executable, PROGRAM, *arguments], capture_output=True, text=True, check=False)
+    assert done.returncode == 0, done.stderr
+    return done.stdout
+
+
+def rows_of(folder: Path) -> list[dict[str, Any]]:
+    return [json.loads(line) for line in session("--json", *sorted(folder.glob("*.pcapng"))).splitlines()]
+
+
+@pytest.fixture
+def air(tmp_path: Path) -> Iterator[Air]:
+    with Air(record=tmp_path / "session") as made:
+        yield made
+
+
+class Pair:
+    """Robot1, connected to Robot2."""
+
+    def __init__(self, air: Air, **options: str) -> None:
+        self.folder = Path(str(air.record))
+        self.two = Robot(air, "Robot2")
+        self.one = Robot(air, "Robot1", **options)
+        self.two.do("s = listen(16)")
+        self.one.do("c = rfcomm(); c.connect(('02:00:00:00:00:02', 16))")
+        self.two.do("d = s.accept()[0]")
+
+    def send(self, *messages: str) -> None:
+        for message in messages:
+            self.one.do(f"c.send({message})")
+
+    def receive(self, size: int = 1024) -> None:
+        self.two.do(f"d.recv({size})")
+
+    def answer(self, message: str) -> None:
+        self.two.do(f"d.send({message})")
+        self.one.do("c.recv(1024)")
+
+
+# ---- What became of messages ----------------------------------------------------------------------------------------
+
+
+def play_joined(pair: Pair) -> None:
+    pair.send(text("a", "one"), named(3, "b", b"\1"))
+    pair.receive()
+
+
+def play_cut(pair: Pair) -> None:
+    pair.send(text("a", "left 20"))
+    pair.receive(15)
+    pair.receive()
+
+
+def play_wrong_sender(pair: Pair) -> None:
+    pair.send(text("a", "one", sender="Robot9"))
+    pair.receive()
+
+
+def play_gone(pair: Pair) -> None:
+    pair.two.kill()
+    pair.one.do("c.recv(1)")
+    pair.send(text("a", "one"))
+
+
+def play_hung_up(pair: Pair) -> None:
+    pair.send(text("a", "one"))
+    pair.two.do("d.close()")
+
+
+def play_damaged(pair: Pair) -> None:
+    pair.send(repr(b"\1Robot1\0a"))
+    pair.receive()
+
+
+def play_well(pair: Pair) -> None:
+    pair.send(named(4, "raw", b"\2\0\0\0\xde\xad"))
+    pair.receive()
+
+
+# What is played; of each message what became of it, and something that is said of it.
+FATES: list[tuple[Callable[[Pair], None], list[tuple[str, str]]]] = [
+    (
+        play_joined,
+        [
+            ("joined", r'ReadMsg_TAV_String("Robot1", "a") gives "one\x00\x03Robot1\x00b\x00"'),
+            ("swallowed", "It ends up inside that text: no reader gets it. Send one message, and wait"),
+        ],
+    ),
+    (
+        play_cut,
+        [("cut", 'in pieces of 15 and 3 bytes. ReadMsg_TAV_String("Robot1", "a") gives "left" (no NUL ends the text')],
+    ),
+    (play_wrong_sender, [("sender", 'a reader that expects "Robot1" fails, and the message is lost')]),
+    (play_gone, [("gone", "Robot2 has hung up, or its program has ended"), ("lost", "The operation returns false")]),
+    (play_hung_up, [("lost", "Robot2 hung up before it read this")]),
+    (play_damaged, [("damaged", "Every reader fails: no NUL ends the id")]),
+    (play_well, [("ok", 'ReadMsg_TAV_Data("Robot1", "raw") gives 2 bytes DEAD.')]),
+]
+
+
+@pytest.mark.parametrize(("play", "fates"), FATES, ids=[play.__name__[5:] for play, _ in FATES])
+def test_it_says_what_became_of_messages(air: Air, play: Callable[[Pair], None], fates: list[tuple[str, str]]) -> None:
+    pair = Pair(air)
+    play(pair)
+    told = [row for row in rows_of(pair.folder) if row["from"] == "Robot1" and row["what"] not in ("note", "connect")]
+    told = [row for row in told if "reads" in row or row["state"] in ("gone", "lost")]
+    assert [row["state"] for row in told] == [state for state, _ in fates]
+    for row, (_, words) in zip(told, fates):
+        assert words in row["says"]
+
+
+def test_a_refused_connection_does_not_look_like_a_success(air: Air) -> None:
+    two = Robot(air, "Robot2")
+    two.do("pass")
+    Robot(air, "Robot1").do("rfcomm().connect(('02:00:00:00:00:02', 5))")
+    row = next(row for row in rows_of(two.file.parent) if row["what"] == "connect")
+    assert (row["state"], row["to"]) == ("refused", "Robot2")
+    assert "no program on it listens on channel 5. Connect may return a socket all the same" in row["says"]
+
+
+def test_it_follows_a_recording(air: Air) -> None:
+    pair = Pair(air)
+    follower = Follower(lambda: sorted(pair.folder.glob("*.pcapng")))
+    pair.send(text("a", "one"))
+    assert [row["state"] for row in follower.look() if "reads" in row] == ["waiting"]
+    pair.receive()
+    (row,) = follower.look()
+    assert (row["state"], row["value"]) == ("ok", '"one"')
+    assert not follower.look()
+
+
+def test_it_plays_a_side_again(air: Air, tmp_path: Path) -> None:
+    """With the answers that it waited for, on an air on which the other side is slower than it was."""
+    pair = Pair(air)
+    pair.send(text("a", "é\u202e"))
+    pair.receive()
+    pair.answer(text("a", "yes", sender="Robot2"))
+    pair.send(named(3, "b", b"\1"), named(4, "c", b"\1\0\0\0\xff"))
+    pair.receive()
+    recorded = sorted(pair.folder.glob("*.pcapng"))
+    with Air(record=tmp_path / "again") as second:
+        two = Robot(second, "Robot2")
+        two.do("s = listen(16)")
+        program = [PROGRAM, *recorded, "--replay", "Robot1", "--", TAVBT, "pipe", "Robot2", "--linger", "0"]
+        one = second.brick("Robot1", sys.executable, *map(str, program))
+        two.do("d = s.accept()[0]; d.recv(1024)")
+        time.sleep(0.3)
+        two.do(f"d.send({text('a', 'yes', sender='Robot2')})")
+        two.do("d.recv(1024); d.recv(1024)")
+        assert one.wait() == 0, one.said
+    before, after = (
+        [(row["id"], row["value"]) for row in rows_of(folder) if "reads" in row]
+        for folder in (pair.folder, tmp_path / "again")
+    )
+    assert after == before
+
+
+def test_other_forms(air: Air) -> None:
+    pair = Pair(air)
+    pair.send(text("a;b", "#\n"))
+    pair.receive()
+    assert 'Robot1 -> Robot2      text a;b "#\\x0A"' in session("--text", *sorted(pair.folder.glob("*")))
+    assert "b0->>b1: text a#59;b #34;#35;#92;x0A#34;" in session("--mermaid", *sorted(pair.folder.glob("*")))
+
+
+# ---- The page -------------------------------------------------------------------------------------------------------
+
+
+class Browser:
+    def __init__(self) -> None:
+        options = webdriver.ChromeOptions()
+        for option in "--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=1360,860":
+            options.add_argument(option)
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        service = webdriver.chrome.service.Service("/usr/bin/chromedriver")
+        self.driver = webdriver.Chrome(service=service, options=options)
+
+    def open(self, page: Path) -> float:
+        """How long it took, in seconds, until it was drawn."""
+        begun = time.monotonic()
+        self.driver.get(page.as_uri())
+        self.run("return new Promise(done => requestAnimationFrame(() => requestAnimationFrame(done)))")
+        return time.monotonic() - begun
+
+    def run(self, script: str) -> Any:
+        return self.driver.execute_script(script)
+
+    def texts(self, selector: str) -> list[str]:
+        found: list[str] = self.run(
+            f"return [...document.querySelectorAll({selector!r})].map(each => each.textContent)"
+        )
+        return found
+
+    def press(self, *keys: str) -> None:
+        for key in keys:
+            self.run(
+                f"document.activeElement.dispatchEvent(new KeyboardEvent('keydown', {{key: {key!r}, bubbles: true}}))"
+            )
+
+    def complaints(self) -> list[str]:
+        return [entry["message"] for entry in self.driver.get_log("browser")]
+
+
+@pytest.fixture(scope="module")
+def browser() -> Iterator[Browser]:
+    made = Browser()
+    yield made
+    made.driver.quit()
+
+
+def test_the_page(air: Air, browser: Browser, tmp_path: Path) -> None:
+    pair = Pair(air)
+    pair.send(text("hello", "one"))
+    pair.receive()
+    pair.answer(text("hello", "fine", sender="Robot2"))
+    pair.send(text("a", "two"), named(3, "b", b"\1"))
+    pair.receive()
+    page = tmp_path / "page.html"
+    session(*sorted(pair.folder.glob("*.pcapng")), "-o", page)
+    browser.open(page)
+
+    titles = ['text hello "one"', 'text hello "fine"', 'text a "two"', "bool b true"]
+    assert [title for title in browser.texts(".label") if title in titles] == titles
+    assert browser.texts(".row .badge") == ["joined", "swallowed", "joined"]
+    assert "2 of 4 messages arrived as sent, in " in browser.texts("#summary")[0]
+    assert browser.texts(".lane") == ["Robot1", "Robot2"]
+
+    browser.press("n", "Enter")  # the first trouble
+    assert browser.texts("#details h2") == ['text a "two"']
+    assert ["13", "74 77 6F 00", "Value", '"two"'] == browser.texts(".bytes td")[-4:] or browser.texts(".bytes td")
+    browser.press("Escape")
+    assert browser.run("return document.getElementById('details').hidden")
+    browser.run("[...document.querySelectorAll('.row')].find(row => row.textContent.includes('fine')).click()")
+    assert browser.texts("#details h2") == ['text hello "fine"']
+
+    shown = "return shown.map(row => row.title)"
+    browser.run("document.querySelector('#states .swallowed').click()")
+    assert browser.run(shown) == ["bool b true"]
+    browser.press("0")
+    for name, value, left in (
+        ("kind", "bool", ["bool b true"]),
+        ("id", "hello", titles[:2]),
+        ("text", "FINE", titles[1:2]),
+    ):
+        browser.run(f"$({name!r}).value = {value!r}; $({name!r}).dispatchEvent(new Event('input'))")
+        assert [title for title in browser.run(shown) if title in titles] == left
+        browser.press("0")
+    before = browser.run("return total")
+    browser.press("+", "+", "+")
+    assert browser.run("return total") > before
+    browser.press("0")
+    browser.run("document.querySelector('#bricks button').click()")
+    assert not [title for title in browser.run(shown) if title in titles]
+    assert browser.complaints() == []
+
+
+def test_hostile_texts_do_nothing(air: Air, browser: Browser, tmp_path: Path) -> None:
+    evil = "Evil</script><script>document.title='run'</script>"
+    pair = Pair(air)
+    for message in text("a", HOSTILE), text(HOSTILE, "x"), text("b", "x", sender=HOSTILE), text(LONG_ID, "x" * 50):
+        pair.send(message)
+        pair.receive(2000)
+    Robot(air, evil).do("c = rfcomm(); c.connect(('02:00:00:00:00:02', 16))")
+    page = tmp_path / "page.html"
+    session(*sorted(pair.folder.glob("*.pcapng")), "-o", page, "--title", HOSTILE)
+    browser.open(page)
+    for _ in range(len(browser.run("return shown"))):
+        browser.press("j", "Enter")
+    assert not browser.run("return document.title").startswith("run")
+    assert browser.run("return document.querySelectorAll('img, script').length") == 2  # the data's and the page's own
+    body = browser.run("return document.body.innerText")
+    assert "<script>" in body and not re.search("[\u202a-\u202e\u2066-\u2069]", body)
+    assert evil in browser.texts(".lane") and LONG_ID in [row.get("id") for row in browser.run("return rows")]
+    assert browser.complaints() == []
+    hostile = '<b onclick="f()">'
+    browser.run(
+        f"append([{{key: 'x', time: 0, what: 'note', state: 'note', from: {hostile!r}, to: '', title: {hostile!r}, says: {hostile!r}}}])"
+    )
+    assert browser.texts("b") == browser.texts("#summary b")
+
+
+def test_a_long_session_draws(browser: Browser, tmp_path: Path, record_property: Callable[[str, object], None]) -> None:
+    rows = [
+        {
+            "key": str(i),
+            "time": i / 100,
+            "what": "send",
+            "state": "joined" if i % 50 == 0 else "ok",
+            "brick": "Robot1",
+            "from": f"Robot{1 + i % 2}",
+        }
+        | {
+            "to": f"Robot{2 - i % 2}",
+            "channel": 16,
+            "link": "1",
+            "title": f'text id "number {i}"',
+            "says": 'ReadMsg_TAV_String("Robot1", "id") gives it.',
+        }
+        | {
+            "size": 20,
+            "kind": "text",
+            "id": f"id{i % 40}",
+            "value": f'"number {i}"',
+            "fields": [[0, "01", "Type", "text (1)"]] * 4,
+            "findings": [],
+        }
+        | {"reads": [{"time": i / 100 + 0.001, "size": 20, "key": ""}]}
+        for i in range(10000)
+    ]
+    drawn = Session(bricks=["Robot1", "Robot2"], recorded={"Robot1", "Robot2"})
+    times = []
+    for count in 0, 10000:
+        page = tmp_path / f"{count}.html"
+        page.write_text(render.page(drawn, rows[:count], "Long"))
+        times.append(min(browser.open(page) for _ in range(3)))
+    assert browser.run("return shown.length") == 10000
+    assert browser.run("return document.querySelectorAll('.row').length") < 200
+    browser.press("End")
+    assert 'text id "number 9999"' in browser.texts(".label")
+    print(f"empty {times[0]:.3f} s, with 10000 messages {times[1]:.3f} s, {times[1] / times[0]:.1f} times as long")
+    record_property("times as long", times[1] / times[0])
