@@ -19,7 +19,7 @@ const KEYS = [
   ["↓ ↑  j k", "next, previous"], ["n  p", "next, previous trouble"], ["Enter", "bytes, field by field"], ["Esc", "close"],
   ["/", "find text"], ["+  −", "more, less room for time"], ["0", "show all again"], ["Home  End", "first, last"],
 ];
-const LINE = 18, LOW = 32, TIMES = 96, LARGEST = 12e6, PAUSE = .0995, LONG_WORD = /\S{25}/;
+const LINE = 18, LOW = 32, TIMES = 96, LARGEST = 12e6, PAUSE = .0995, LONG_WORD = /\S{40}/;
 
 const $ = name => document.getElementById(name);
 const data = JSON.parse($("session").textContent);
@@ -143,9 +143,9 @@ function arrange() {
   const kind = $("kind").value, id = $("id").value;
   shown = rows.filter(row => passes(row, kind, id, text));
   const width = $("scroller").clientWidth || 1200;
-  const words = Math.max(260, Math.min(620, (width - TIMES) * .42));
-  const room = width - TIMES - words - 24;
   const visible = lanes.filter(name => !wanted.bricks.has(name));
+  const words = Math.max(260, Math.min(620, (width - TIMES) * .42, width - TIMES - 110 * visible.length));
+  const room = width - TIMES - words - 24;
   geometry = {words, width, x: new Map(visible.map((name, i) => [name, TIMES + room * (i + .5) / visible.length])), room,
     step: room / Math.max(1, visible.length)};
   const perLine = words / 7.3;
@@ -245,12 +245,9 @@ function makeLabel(row) {
   const a = geometry.x.get(row.from), b = geometry.x.get(row.to);
   const isArrow = a !== undefined && b !== undefined && row.what !== "receive" && row.what !== "end";
   if (isArrow) {
-    label.style.maxWidth = Math.max(60, Math.abs(a - b) - 24) + "px";
-    label.style.left = (a < b ? a : b) + 12 + "px";
-    if (a > b) {
-      label.style.left = "auto";
-      label.style.right = geometry.width - a + 12 + "px";
-    }
+    const free = a < b ? geometry.width - geometry.words - 40 - a : a - TIMES;
+    label.style.maxWidth = Math.max(Math.abs(a - b) - 24, Math.min(260, free)) + "px";
+    label.style[a < b ? "left" : "right"] = (a < b ? a : geometry.width - a) + 12 + "px";
     return label;
   }
   label.classList.add("pill");

@@ -3,6 +3,7 @@
 import asyncio
 import os
 import re
+import shutil
 import signal
 from asyncio.subprocess import Process
 from collections.abc import AsyncIterator
@@ -32,10 +33,12 @@ class AirPlace(Place):
 
     kind = AIR
 
-    def __init__(self, build: Path, files: list[Path]) -> None:
+    def __init__(self, build: Path, files: list[Path], recording: Path) -> None:
+        shutil.rmtree(recording, ignore_errors=True)
+        self.recording = recording
         self.build = build
         self.files = files  # that every brick gets
-        self.air = Air(speed=1)
+        self.air = Air(speed=1, record=recording)
         self.processes: list[Process] = []
 
     def environment(self, device: Device) -> dict[str, str]:
@@ -95,7 +98,7 @@ async def play_on_air(scenarios: list[Scenario], build: Path, files: list[Path],
 
     async def one(scenario: Scenario) -> None:
         async with room:
-            await report.run(scenario, AirPlace(build, files))
+            await report.run(scenario, AirPlace(build, files, build / "scenarios" / scenario.name))
 
     await together(*map(one, scenarios))
 

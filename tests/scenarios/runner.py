@@ -4,6 +4,7 @@ The scenarios are those of scenarios.cpp; the program scenario_brick does one br
 """
 
 import asyncio
+import shutil
 import time
 from abc import ABC, abstractmethod
 from asyncio import StreamReader, StreamWriter
@@ -14,6 +15,9 @@ from typing import Any
 
 from machine import run
 from tav_air.process import Problem
+from tav_session import render
+from tav_session.analysis import analyse
+from tav_session.capture import read
 
 AIR, LAB = 1, 2  # as in scenario.h
 PATIENCE = 20  # s, on top of the time that a step may take
@@ -146,6 +150,7 @@ class Place(ABC):
     """Where scenarios are played."""
 
     kind: int
+    recording: Path | None = None  # the folder where it is written down what bricks said
 
     @abstractmethod
     async def enter(self, scenario: Scenario) -> None:
@@ -212,6 +217,17 @@ async def play(scenario: Scenario, place: Place, logs: dict[str, list[str]]) -> 
         await place.leave()
 
 
+def draw_page(recording: Path, title: str) -> Path:
+    """The page of what bricks said, where tshark is there to make one; else where it is written down."""
+    page = recording / "session.html"
+    try:
+        session = read(sorted(recording.glob("*.pcapng")))
+    except Problem:
+        return recording
+    page.write_text(render.page(session, analyse(session), title))
+    return page
+
+
 @dataclass
 class Report:
     """Tells how scenarios went, and keeps their logs."""
@@ -228,6 +244,10 @@ class Report:
             await play(scenario, place, logs)
         except Failure as caught:
             failure = str(caught)
+        if place.recording and failure:
+            failure += f"\n  what bricks said: {draw_page(place.recording, scenario.title)}"
+        elif place.recording:
+            shutil.rmtree(place.recording, ignore_errors=True)
         self.tell(scenario, failure, time.monotonic() - started)
         if self.keep:
             self.keep.mkdir(parents=True, exist_ok=True)
