@@ -14,7 +14,7 @@ from xml.etree import ElementTree
 from tav_air.process import Problem, die_with_parent
 
 HERE = Path(__file__).resolve().parent
-DISSECTOR = HERE.parent.parent / "tools" / "wireshark" / "tav.lua"  # in a checkout; the installed one is found
+PLUGIN = "wireshark/plugins/tav.lua"  # where it is installed
 NOBODY = 65534
 SABM, UA, DM, DISC = 0x2F, 0x63, 0x0F, 0x43  # RFCOMM's frames, without their P/F bit
 CONNECTED, DISCONNECTED, COMPLETE = 3, 5, 14  # HCI's events; the last one answers a command
@@ -118,14 +118,21 @@ class Session:
 # ---- tshark ---------------------------------------------------------------------------------------------------------
 
 
+def find_dissector() -> Path | None:
+    """Of a checkout, or installed beside this; else tshark may find it by itself."""
+    libraries = HERE.parents[2]
+    places = [HERE.parent.parent / "tools/wireshark/tav.lua", libraries / PLUGIN, *libraries.glob(f"*/{PLUGIN}")]
+    return next((place for place in places if place.is_file()), None)
+
+
 def run_tshark(file: Path, *options: str, folder: str) -> subprocess.Popen[bytes]:
     """Newer ones run no scripts for root, so they are run as nobody then, who gets what to read as open files."""
     script = []
     as_user: dict[str, Any] = {}
-    if DISSECTOR.is_file():
+    if dissector := find_dissector():
         if os.geteuid() == 0:
             as_user = {"user": NOBODY, "group": NOBODY, "extra_groups": []}
-        script = [f"-Xlua_script:{shutil.copy(DISSECTOR, folder)}"]
+        script = [f"-Xlua_script:{shutil.copy(dissector, folder)}"]
     environment = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}  # it is no brick
     channels = ["-d", "btrfcomm.dlci==4-31,tav", "-d", "btrfcomm.dlci==34-61,tav"]  # those that it does not know
     with file.open("rb") as capture:
@@ -144,11 +151,12 @@ def finish(process: subprocess.Popen[bytes], file: Path) -> None:
     """A file that is cut, as that of a killed brick, is read as far as it goes."""
     assert process.stderr
     said = process.stderr.read().decode(errors="replace")
-    if process.wait() and not re.search("cut short|appears to have been", said):
+    status = process.wait()
+    if re.search("is not a valid protocol|Unknown protocol|is neither a field nor a protocol", said):
+        raise Problem("tshark does not know our messages; the package tavbt brings the dissector")
+    if status and not re.search("cut short|appears to have been", said):
         lines = [line for line in said.splitlines() if not line.startswith("Running as user")]
         raise Problem(f"{file}: {lines[0] if lines else 'tshark failed'}")
-    if "'tav' is not a valid protocol" in said or "Unknown protocol" in said:
-        raise Problem("tshark does not know our messages; the package tavbt brings the dissector")
 
 
 def read_rows(stream: IO[bytes]) -> Iterator[dict[str, str]]:
