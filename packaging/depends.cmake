@@ -1,6 +1,6 @@
 # Read by cpack: sets what the package of each component depends on, from its binary, named in TAV_BINARIES as
-# COMPONENT=FILE; `work` is a folder to work in. CPack can ask dpkg-shlibdeps itself, but then adds scripts that call
-# ldconfig, a trigger's work.
+# COMPONENT=FILE; `work` is a folder to work in, TAV_PYTHON the versions of Python that its module is for. CPack can ask
+# dpkg-shlibdeps itself, but then adds scripts that call ldconfig, a trigger's work.
 file(WRITE ${work}/debian/control "")  # dpkg-shlibdeps wants one
 foreach(entry IN LISTS TAV_BINARIES)
   string(REGEX MATCH "^([A-Z]+)=(.*)$" entry "${entry}")
@@ -20,6 +20,9 @@ foreach(entry IN LISTS TAV_BINARIES)
   endif()
   if(component STREQUAL SIM)
     string(APPEND depends ", python3 (>= 3.11)")
+  endif()
+  if(component STREQUAL PYTHON)
+    string(APPEND depends ", ${TAV_PYTHON}")
   endif()
   set(CPACK_DEBIAN_${component}_PACKAGE_DEPENDS ${depends})
 endforeach()

@@ -129,7 +129,7 @@ auto Wait(WORK work)
     std::optional<decltype(work())> result;
     try {
         result = work();
-    } catch (...) {
+    } catch (const std::exception&) {  // and no end of the thread
         PyEval_RestoreThread(thread);
         throw;
     }
@@ -170,11 +170,12 @@ auto Run_Apart(WORK work)
 struct C_Object : C_TAV_Bluetooth
 {
     std::weak_ptr<C_Object> Self;
+    int BuiltIn = -1;  // the last socket that it opened its server with
 
     ~C_Object()
     {
-        const bool isOpen = m_ServerSocket >= 0 && m_ServerClients.count(m_ServerSocket) == 0;
-        if (isOpen) close(m_ServerSocket);  // which Close() leaves, as nobody has ever come
+        const bool isOpen = m_ServerSocket >= 0 && m_ServerSocket == BuiltIn;
+        if (isOpen && m_ServerClients.count(BuiltIn) == 0) close(BuiltIn);  // Close() leaves it, as nobody ever came
     }
 };
 
@@ -186,16 +187,6 @@ Object Make_Object()
     auto object = std::make_shared<C_Object>();
     object->Self = object;
     return {object.get(), [object](C_Object*) { object->m_StopAccept = true; }};
-}
-
-// For `with`: closes all that the object knows of, outgoing connections, too.
-void Leave(C_Object& object)
-{
-    for (std::size_t i = 0; i < object.m_ScanDevices.size(); ++i)
-        if (object.m_ScanDevices[i].Socket >= 0) object.Disconnect(object.m_ScanDevices[i].Socket);
-    if (object.m_ServerSocket >= 0 && !object.CloseServer_TAV()) close(object.m_ServerSocket);
-    object.Close();
-    object.m_StopAccept = true;  // of a thread that had not begun
 }
 
 }  // namespace
@@ -245,6 +236,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
     using Start = std::pair<void* (*)(void*), Object>;
     auto& object = static_cast<C_Object&>(*static_cast<C_TAV_Bluetooth*>(argument));
     auto given = std::make_unique<Start>(start, object.Self);
+    object.BuiltIn = object.m_ServerSocket;
     const auto run = [](void* taken) -> void* {
         const std::unique_ptr<Start> own(static_cast<Start*>(taken));
         pthread_detach(pthread_self());
@@ -345,7 +337,8 @@ using ByIndex = S_Reader<unsigned int>;
 template <typename OUTPUT, typename READ>
 std::optional<OUTPUT> Read_InSlices(const Object& self, unsigned long timeout, READ read)
 {
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout);
+    const std::chrono::milliseconds wait(std::min(timeout, 1UL << 31));  // or for weeks
+    const auto until = std::chrono::steady_clock::now() + wait;
     return Wait([&] {
         std::optional<OUTPUT> output;
         Wait_Until([&](std::chrono::milliseconds slice) {
@@ -435,6 +428,16 @@ bool Close_BuiltIn(const Object& self)
     });
 }
 
+// For `with`: closes all that the object knows of, outgoing connections, too.
+void Leave(const Object& self, const py::args&)
+{
+    for (std::size_t i = 0; i < self->m_ScanDevices.size(); ++i)
+        if (self->m_ScanDevices[i].Socket >= 0) self->Disconnect(self->m_ScanDevices[i].Socket);
+    if (self->m_ServerSocket >= 0 && !Close_BuiltIn(self)) close(self->m_ServerSocket);
+    self->Close();
+    self->m_StopAccept = true;  // of a thread that had not begun
+}
+
 // The entry of an accept thread, when a program calls it: to Ctrl-C it is as if it had been told to stop.
 void Accept_Clients(const Object& self)
 {
@@ -487,6 +490,7 @@ public:
                 fields.append(py::str("{}={!r}").format(field, self.attr(field)));
             return py::str("{}({})").format(py::type::of(self).attr("__name__"), py::str(", ").attr("join")(fields));
         });
+        m_Class.def("__copy__", [](const Held& self) { return Hold_New<RECORD>(self.Find()); });
         m_Class.def("__eq__", [](const py::object& self, const py::object& other) -> py::object {
             if (!py::isinstance(other, py::type::of(self)))
                 return py::reinterpret_borrow<py::object>(Py_NotImplemented);
@@ -518,7 +522,7 @@ private:
     py::class_<Held> m_Class;
 };
 
-// Adds what Python's abstract class makes of the few methods that are here: append, pop, get, items, update, ...
+// Adds what Python's abstract class makes of the few methods that are here: index, get, items, ...
 void Add_Mixins(py::handle type, const char* base)
 {
     const py::object abstract = py::module_::import("collections.abc").attr(base);
@@ -567,14 +571,13 @@ void Add_List(py::module_& module, const char* name)
                  list.Find().erase(list.Find().begin() + index);
              })
         .def("insert",
-             [](const List& list, py::ssize_t index, const Record& record) {
-                 auto& records = list.Find();
-                 const auto size = static_cast<py::ssize_t>(records.size());
-                 const py::ssize_t from = index < 0 ? index + size : index;
-                 records.insert(records.begin() + std::clamp<py::ssize_t>(from, 0, size), RECORD(record.Find()));
+             [place](const List& list, py::ssize_t index, const Record& record) {
+                 list.Find().insert(list.Find().begin() + place(list, index, 1), RECORD(record.Find()));
              })
+        .def("append", [](const List& list, const Record& record) { list.Find().push_back(RECORD(record.Find())); })
+        .def("clear", [](const List& list) { list.Find().clear(); })
         .def("__repr__", [](const py::object& self) { return py::repr(py::list(self)); });
-    Add_Mixins(type, "MutableSequence");
+    Add_Mixins(type, "Sequence");
 }
 
 // What a map's element is in Python, and back.
@@ -629,8 +632,9 @@ void Add_Map(py::module_& module, const char* name)
                      keys.append(entry.first);
                  return py::iter(keys);
              })
+        .def("clear", [](const Map& map) { map.Find().clear(); })
         .def("__repr__", [](const py::object& self) { return py::repr(py::dict(self)); });
-    Add_Mixins(type, "MutableMapping");
+    Add_Mixins(type, "Mapping");
 }
 
 // ---- Services -------------------------------------------------------------------------------------------------------
@@ -740,7 +744,7 @@ static void Add_Bluetooth(py::module_& module)
     py::class_<C_Object, Object>(module, "C_TAV_Bluetooth", doc::Class)
         .def(py::init(&Make_Object), doc::C_TAV_Bluetooth)
         .def("__enter__", [](py::object self) { return self; })
-        .def("__exit__", [](C_Object& self, const py::args&) { Leave(self); })
+        .def("__exit__", &Leave)
         .def("Close", Now(&Bt::Close), doc::Close)
 
         // Finding devices, and their list

@@ -4,7 +4,8 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # For those that source this: what building everything needs, the documents, and the lab (and qemu-system-arm for ARM).
 # shellcheck disable=SC2034
-build_packages=(g++ cmake libasio-dev libbluetooth-dev libcli11-dev libgtest-dev ninja-build nlohmann-json3-dev python3)
+build_packages=(g++ cmake libasio-dev libbluetooth-dev libcli11-dev libgtest-dev ninja-build nlohmann-json3-dev
+  pybind11-dev python3 python3-dev)
 # shellcheck disable=SC2034
 docs_packages=(doxygen furo python3 python3-breathe python3-myst-parser)
 # shellcheck disable=SC2034

@@ -64,6 +64,14 @@ grep -qx 'Robot1 | Robot2 says Hello to you' log.talk
 "$usr/bin/tav-air" run Robot2=build/my_server Robot1="$usr/bin/tavbt send Robot2 greeting --text Hello!" >log.talk
 grep -qx 'Robot2 | Robot1 says Hello!' log.talk
 
+python=$usr/lib/python3/dist-packages
+PYTHONPATH=$python "$usr/bin/tav-air" run Robot2=build/my_server Robot1="/usr/bin/python3 -c '
+from tav_bluetooth import C_TAV_Bluetooth
+with C_TAV_Bluetooth() as bluetooth:
+    bluetooth.SendMsg_TAV_String(\"Robot2\", \"greeting\", \"Hello!\")
+    print(bluetooth.ReadMsg_TAV_String(\"Robot2\", \"greeting\", 100, 5000))'" >log.talk
+grep -qx 'Robot1 | Hello to you' log.talk
+
 # What the firmware leaves open is told by the linker.
 g++ -std=c++17 -I"$usr/include/tav-bluetooth" my_client.cpp -o open -L"$libraries" -ltav-bluetooth -lbluetooth 2>log ||
   true
@@ -112,7 +120,7 @@ grep -q 'the channel is not one of 1 to 30' "$work/log"
 cd "$work"
 
 # Hardened as Debian's own. In the air, the checked calls are what it takes the place of.
-for binary in "$usr"/bin/tavbt "$libraries"/*.so.1 "$usr"/lib/tav-bluetooth/libtav_air.so; do
+for binary in "$usr"/bin/tavbt "$libraries"/*.so.1 "$usr"/lib/tav-bluetooth/libtav_air.so "$python"/tav_bluetooth/*.so; do
   readelf -ldsW --dyn-syms "$binary" >log
   grep -q GNU_RELRO log
   grep -q BIND_NOW log
