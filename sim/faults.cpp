@@ -89,7 +89,7 @@ std::string Parse_Rule(const std::string& text, S_Rule& rule)
 
 thread_local int t_Inside = 0;
 
-std::string Add_Faults(const std::string& rules)
+std::string Take_Faults(const std::string& rules)
 {
     std::vector<S_Rule> added;
     std::istringstream words(rules);
@@ -97,9 +97,14 @@ std::string Add_Faults(const std::string& rules)
         std::string wrong = Parse_Rule(word, added.emplace_back());
         if (!wrong.empty()) return wrong;
     }
-    const std::lock_guard lock(State().Mutex);
     Watch().Rules.insert(Watch().Rules.end(), added.begin(), added.end());
     return "";
+}
+
+std::string Add_Faults(const std::string& rules)
+{
+    const std::lock_guard lock(State().Mutex);
+    return Take_Faults(rules);
 }
 
 void Clear_Faults()

@@ -353,6 +353,8 @@ struct S_Fault
 // adapter this thread uses.
 S_Fault Begin(const char* call, const std::string& arguments = "", int fd = -1);
 
+std::string Take_Faults(const std::string& rules);  // Add_Faults, with the lock held
+
 // For calls that only may fail: true, with errno, when this one is to.
 bool Fails(const char* call, const std::string& arguments = "", int fd = -1);
 
@@ -362,8 +364,9 @@ extern thread_local int t_Inside;  // how deep in BlueZ's library, whose calls a
 //
 // All of it does nothing, and keeps errno, unless it was started.
 
-// From now on, appended to this file; false when that cannot be written.
-bool Start_Recording(const std::string& path, const S_Brick& brick);
+// With the lock held: from now on, appended to this file, unless another one is written already. Returns which one, or
+// in its place an errno.
+std::pair<std::string, int> Start_Recording(const std::string& path, const S_Brick& brick);
 
 std::int64_t Get_RecordTime();  // ns since 1970; 0: nothing is recorded
 std::string Explain(const std::string& call, int error);

@@ -84,8 +84,8 @@ __attribute__((constructor)) void Start()
     const std::string word = tav_air::Set_State(brick, Get_Variable("TAV_AIR_STATE"));
     if (!word.empty()) Refuse("TAV_AIR_STATE", "'" + word + "' is none of down, absent, hidden, nameless, no-sdp");
     const std::string recording = Get_Variable("TAV_AIR_RECORDING");
-    if (!recording.empty() && !tav_air::Start_Recording(recording, brick))
-        Refuse("TAV_AIR_RECORDING", recording + ": " + strerror(errno));
+    const int error = recording.empty() ? 0 : tav_air::Start_Recording(recording, brick).second;
+    if (error) Refuse("TAV_AIR_RECORDING", recording + ": " + strerror(error));
     if (!brick.Name.empty() && !tav_air::Put(brick))  // without a name there is no adapter
         Refuse("TAV_AIR_BRICK", "another user has a brick " + brick.Address + " on the air " + air);
 }

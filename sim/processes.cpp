@@ -109,6 +109,16 @@ bool Answer(const S_Brick& brick, int query)
     return query >= 0;
 }
 
+// What a program of a brick does when it is told to, besides being in another state; its answer.
+std::string Obey(const S_Adapter& brick, const std::string& order)
+{
+    const std::string argument = order.substr(std::min(order.find(' '), order.size() - 1) + 1);
+    if (order.rfind("faults ", 0) == 0) return Take_Faults(argument) + '\n';  // what is wrong with them
+    if (order.rfind("record ", 0) != 0) return Describe(brick);
+    const auto [path, error] = Start_Recording(argument, brick);  // without a path it tells that
+    return error ? '\n' + std::string(strerrordesc_np(error)) : path + '\n';
+}
+
 // Answers all who ask a brick.
 void Serve(S_Local& local)
 {
@@ -117,11 +127,10 @@ void Serve(S_Local& local)
         Send(asker, Describe(local.Brick));
     for (C_Own asker; (asker = Accept_Caller(open.Orders)) >= 0;) {
         const std::string order = Is_OfOurUser(asker) ? Receive(asker, ORDER_TIMEOUT_MS) : "";
-        if (order.find('\0') != std::string::npos) {
-            Change_Brick(Apply(local.Brick, order));
-            Listen_All(local);
-        }
-        Send(asker, Describe(local.Brick));
+        const bool isState = order.find('\0') != std::string::npos;
+        if (isState) Change_Brick(Apply(local.Brick, order));
+        if (isState) Listen_All(local);
+        Send(asker, isState || order.empty() ? Describe(local.Brick) : Obey(local.Brick, order));
     }
     for (C_Own call; (call = Accept_Caller(open.Sdp)) >= 0;)
         open.Queries.emplace_back(Receive_Fd(call));

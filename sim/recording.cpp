@@ -149,22 +149,20 @@ void Add_Packet(std::string& blocks, std::int64_t time, bool received, Pieces pi
     memcpy(blocks.data() + start + 4, &total, sizeof(total));
 }
 
-// A child writes through an open file of its own, so that it is another of the brick's programs.
-void Open_File()
+// A child writes through an open file of its own, so that it is another of the brick's programs. Each of them holds a
+// byte of the file, which the kernel gives back at its end. False, with errno, when there is no such file.
+bool Open_File()
 {
     static C_Own& file = *new C_Own;
     file = C_Own(open(g_Path->c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666));
+    g_File = file;
+    if (file < 0) return false;
+    g_Handles.reset();
     for (g_Program = 0; g_Program < PROGRAMS - 1; ++g_Program) {
-        struct flock mine
-        {
-        };  // one byte for each, which the kernel gives back at their end
-        mine.l_type = F_WRLCK;
-        mine.l_start = g_Program;
-        mine.l_len = 1;
+        struct flock mine = {F_WRLCK, SEEK_SET, g_Program, 1, 0};
         if (Real().Fcntl(file, F_OFD_SETLK, &mine) == 0) break;
     }
-    g_Handles.reset();
-    g_File = file;
+    return true;
 }
 
 __attribute__((constructor(101))) void Watch_Forks()  // before the air does, which holds its lock while we take ours
@@ -349,11 +347,11 @@ std::int64_t Get_RecordTime()
     return std::int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
 }
 
-bool Start_Recording(const std::string& path, const S_Brick& brick)
+std::pair<std::string, int> Start_Recording(const std::string& path, const S_Brick& brick)
 {
+    if (g_File >= 0 || path.empty()) return {g_File < 0 ? "" : *g_Path, 0};
     g_Path = new std::string(path);
-    Open_File();
-    if (g_File < 0) return false;
+    if (!Open_File()) return {path, errno};
     std::string section, interface, blocks;
     Add(section, std::uint32_t{0x1A2B3C4D});
     Add(section, std::uint32_t{1});  // version 1.0
@@ -374,7 +372,9 @@ bool Start_Recording(const std::string& path, const S_Brick& brick)
     Add_Packet(blocks, now, true, {Make_CommandComplete(OGF_INFO_PARAM, OCF_READ_BD_ADDR, address)});
     Add_Packet(blocks, now, true, {Make_CommandComplete(OGF_HOST_CTL, OCF_READ_LOCAL_NAME, name)});
     Write(blocks);
-    return true;
+    for (const auto& [fd, socket] : State().Sockets)  // as if they came about now
+        if (socket->State == E_State::CONNECTED && socket->Handle == 0) Record_Connection(*socket, now);
+    return {path, 0};
 }
 
 void Record_Note(const std::string& text)

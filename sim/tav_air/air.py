@@ -5,7 +5,6 @@ import pty
 import re
 import shutil
 import signal
-import socket
 import struct
 import subprocess
 import tempfile
@@ -18,6 +17,7 @@ from contextlib import suppress
 from pathlib import Path
 from typing import Any, TypeVar
 
+from . import sky
 from .names import get_address, get_id
 from .process import Problem, die_with_parent, screen_settings
 
@@ -364,8 +364,6 @@ class Air:
             if brick.name == name:  # it may have been started just now
                 brick.wait_until(lambda: brick.status is not None or brick.is_on_air(), "come on the air")
         for order in [rest for rest in self.names(name) if rest.startswith("!")]:
-            with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as program, suppress(ConnectionError):
-                program.settimeout(self.patience)
-                program.connect(f"\0{self.prefix}{self.address(name)}{order}")
-                program.send(f"\0{words}".encode())  # it keeps its name
-                program.recv(4)  # done, or it has ended
+            sky.ask(
+                self.name, f"{self.address(name)}{order}", f"\0{words}".encode(), self.patience
+            )  # it keeps its name
