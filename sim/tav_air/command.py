@@ -134,6 +134,10 @@ def main(version: str) -> int:
         from .run import run_several  # here: what one program needs not is not loaded for it
 
         return guarded("tav-air", lambda: run_several(Parser, own_name(), words[1:]))
+    if words[:1] == ["watch"]:
+        from .watch import watch_air
+
+        return guarded("tav-air", lambda: watch_air(Parser, own_name(), words[1:]))
     try:
         return run_one(make_parser(version), words)
     except Problem as problem:

@@ -8,6 +8,8 @@ import signal
 from argparse import ArgumentParser, Namespace
 from collections.abc import Callable, Sequence
 from concurrent.futures import ThreadPoolExecutor
+from contextlib import AbstractContextManager, nullcontext
+from pathlib import Path
 from typing import Any
 
 from .air import Air, can_be_brick
@@ -123,15 +125,23 @@ def run_several(make_parser: Callable[..., ArgumentParser], me: str, words: Sequ
     add("--service", action="append", default=[], metavar="BRICK=TEXT", help="an SDP record of a brick")
     add("--faults", action="append", default=[], metavar="BRICK=RULES", help="calls of a brick's program that fail")
     add("--record", metavar="FOLDER", help="writes what bricks send and receive to FOLDER/BRICK.pcapng, for Wireshark")
+    add("--watch", action="store_true", help="prints the address of a page that shows what happens")
     arguments = parse_arguments(parser, words)
     plan = parse(arguments, COMMANDS)
     printer = Printer(f"{{name:{max(len(setup.name) for setup in plan.setups)}}} | ")
     try:
         with Air(arguments.speed or get_speed(), printer.put, arguments.record) as air:
             warn(air, plan)
-            return asyncio.run(run_plan(air, plan, arguments))
+            with watched(air) if arguments.watch else nullcontext():
+                return asyncio.run(run_plan(air, plan, arguments))
     finally:
         printer.close()
+
+
+def watched(air: Air) -> AbstractContextManager[None]:
+    from .watch import Watch, served_beside  # here: it is much
+
+    return served_beside(Watch(air.name, Path(air.record or air.folder / "recordings"), records=air.record is not None))
 
 
 def get_speed() -> float:

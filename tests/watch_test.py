@@ -1,0 +1,182 @@
+"""tav-air watch: who may see the page, what it tells, and what the terminal shows."""
+
+import http.client
+import json
+import os
+import re
+import shlex
+import subprocess
+import sys
+from collections.abc import Callable, Iterator
+from pathlib import Path
+from typing import Any
+
+import pexpect
+import pytest
+from recording_test import HI, TO_2, Robot
+from tav_air import Air
+
+ROOT = Path(__file__).resolve().parent.parent
+PATIENCE = 30  # s
+
+
+class Page:
+    """What tav-air serves, as a browser sees it."""
+
+    def __init__(self, *words: str) -> None:
+        self.program = subprocess.Popen(
+            [sys.executable, ROOT / "sim" / "tav-air", *words], stderr=subprocess.PIPE, text=True
+        )
+        assert self.program.stderr
+        said = self.program.stderr.readline()
+        match = re.fullmatch(r"http://(127\.0\.0\.1:\d+)(/[\w-]{30,}/)\n", said)
+        assert match, said
+        self.host, self.way = match.groups()
+
+    def close(self) -> None:
+        self.program.terminate()
+        self.program.communicate(timeout=PATIENCE)
+
+    def ask(self, what: str = "", body: str | None = None, method: str = "GET", **headers: str) -> tuple[int, str]:
+        connection = http.client.HTTPConnection(self.host, timeout=PATIENCE)
+        way = what if what.startswith("/") else self.way + what
+        connection.request(method, way, body, headers)
+        answer = connection.getresponse()
+        return answer.status, answer.read().decode()
+
+    def order(self, do: str, brick: str = "") -> str:
+        body = json.dumps({"do": do, "brick": brick})
+        status, answer = self.ask("order", body, "POST", Origin=f"http://{self.host}")
+        wrong = json.loads(answer)["wrong"]
+        assert (status == 200) == (wrong == "")
+        return str(wrong)
+
+    def wait_for(self, what: str, fits: Callable[[Any], bool]) -> Any:
+        """The first event that does."""
+        connection = http.client.HTTPConnection(self.host, timeout=PATIENCE)
+        connection.request("GET", self.way + what)
+        stream = connection.getresponse()
+        while line := stream.readline():
+            if line.startswith(b"data: ") and fits(event := json.loads(line[6:])):
+                connection.close()
+                return event
+        raise AssertionError(f"{what} has ended")
+
+    def brick(self, address: str, fits: Callable[[Any], bool]) -> Any:
+        def find(event: Any) -> Any:
+            return next((brick for brick in event["bricks"] if brick["address"] == address and fits(brick)), None)
+
+        return find(self.wait_for("air", lambda event: bool(find(event))))
+
+
+@pytest.fixture
+def page(air: Air) -> Iterator[Page]:
+    made = Page("watch", "--air", air.name)
+    yield made
+    made.close()
+
+
+def test_only_who_was_told_may_see_it(page: Page) -> None:
+    own = f"http://{page.host}"
+    port = page.host.partition(":")[2]
+    cases: list[tuple[int, str, dict[str, str]]] = [
+        (200, "", {}),
+        (200, "", {"Origin": own, "Host": f"localhost:{port}"}),
+        (404, "else", {}),
+        (403, "/", {}),
+        (403, page.way[:-2] + "/", {}),
+        (403, "/../" + page.way, {}),
+        (403, "air", {"Origin": "http://example.org"}),
+        (403, "air", {"Origin": "null"}),
+        (403, "", {"Host": f"example.org:{port}"}),
+        (403, "", {"Host": "127.0.0.1"}),
+    ]
+    for status, what, headers in cases:
+        assert page.ask(what, **headers)[0] == status, (what, headers)
+    order = '{"do": "record"}'
+    assert page.ask("order", order, "POST")[0] == 400
+    assert page.ask("order", order, "POST", Origin="http://example.org")[0] == 403
+    assert page.ask("order", "[" * 5000, "POST", Origin=own)[0] == 400
+    assert page.ask("order", '["record"]', "POST", Origin=own)[0] == 400
+    if os.geteuid() == 0:
+        code = f"import urllib.request; urllib.request.urlopen('http://{page.host}{page.way}')"
+        said = subprocess.run(
+            ["/usr/bin/python3", "-c", code], user=65534, stderr=subprocess.PIPE, text=True, check=False
+        )
+        assert "403" in said.stderr
+
+
+def test_it_tells_what_happens_and_makes_things_go_wrong(air: Air, page: Page) -> None:
+    robot2, robot1 = Robot(air, "Robot2"), Robot(air, "Robot1")
+    robot2.do("s = listen(16)")
+    robot1.do(f"c = rfcomm(); c.connect({TO_2})")
+    robot2.do("d = s.accept()[0]")
+    one, two = robot1.brick.address, robot2.brick.address
+    assert page.brick(two, lambda brick: True)["channels"] == [16]
+    assert page.brick(one, lambda brick: brick["calls"])["calls"] == [{"peer": two, "channel": 16}]
+    page.order("record")
+    for address in one, two:
+        page.brick(address, lambda brick: brick["recording"])
+    assert page.order("short", one) == ""
+    robot1.do(b"c.send(%s)" % HI)
+    robot2.do("d.recv(30)")
+    for expected in "cut", "ok":
+
+        def is_told(rows: Any, expected: str = expected) -> bool:
+            return any(row["what"] == "send" and row["state"] == expected for row in rows)
+
+        page.wait_for("rows", is_told)
+        robot1.do(b"c.send(%s)" % HI)
+        robot2.do("d.recv(30)")
+    assert page.order("out", two) == ""
+    assert page.brick(two, lambda brick: brick["state"])["state"] == ["absent"]
+    assert robot1.do(f"rfcomm().connect({TO_2[:-4]}17))") == "failed Host is down"
+    assert page.order("back", two) == ""
+    page.brick(two, lambda brick: not brick["state"])
+    assert page.order("short", "02:00:00:00:00:09") and page.order("explode", one)
+    status, saved = page.ask("save")
+    assert status == 200 and "Robot2" in saved and "EventSource" in saved and '"live":""' in saved
+
+
+def test_a_run_is_watched() -> None:
+    page = Page("run", "--watch", "Robot3=sleep 60")
+    try:
+        seen = page.brick("02:00:00:00:00:03", lambda brick: brick["programs"])
+        assert seen["name"] == "Robot3" and page.order("out", seen["address"]) == ""
+        page.brick(seen["address"], lambda brick: "absent" in brick["state"])
+    finally:
+        page.close()
+
+
+def test_names_are_shown_harmlessly(air: Air, page: Page) -> None:
+    name = "<script>\x1b[2J\u202e&\n"
+    brick = Robot(air, name)
+    brick.do("s = listen(16)")
+    shown = page.brick(air.address(name), lambda brick: brick["channels"])["name"]
+    assert "script" in shown and not re.search("[\x00-\x1f\x7f\u202e]", shown)
+
+
+def test_the_terminal(air: Air) -> None:
+    robot2, robot1 = Robot(air, "Robot2"), Robot(air, "Robot1")
+    robot2.do("s = listen(16)")
+    robot1.do(f"c = rfcomm(); c.connect({TO_2})")
+    robot2.do("d = s.accept()[0]")
+    words = [sys.executable, str(ROOT / "sim" / "tav-air"), "watch", "--terminal", "--air", air.name]
+    screen = pexpect.spawn(
+        shlex.join(words), encoding="utf-8", timeout=PATIENCE, dimensions=(24, 120), env=os.environ | {"TERM": "xterm"}
+    )
+    screen.expect("-> Robot2 channel 16")  # of blanks, only moves of the cursor are sent
+    screen.expect("listens on 16")
+    screen.send("r")
+    screen.expect("recorded")
+    robot1.do(b"c.send(%s)" % HI)
+    robot2.do("d.recv(30)")
+    screen.expect('text a "Hi"')
+    screen.send("\x1bOB")
+    screen.send("o")
+    screen.expect("absent")
+    screen.send("q")
+    screen.expect(pexpect.EOF)
+    screen.close()
+    assert screen.exitstatus == 0
+    assert robot1.do(f"rfcomm().connect({TO_2[:-4]}17))") == "failed Host is down"
