@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import struct
 import subprocess
 import sys
 import time
@@ -20,6 +21,9 @@ from tav_session.follow import Follower
 webdriver = pytest.importorskip("selenium.webdriver")
 
 ROOT = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / "lab"))
+from radio import H4_ACL, H4_EVENT, PB_START, Trace  # noqa: E402
+
 PROGRAM = ROOT / "sim" / "tav-session"
 TAVBT = Path(os.environ["TAV_BUILD"]) / "tools" / "tavbt" / "tavbt"
 HOSTILE = "<script>document.title='run'</script><img src=x onerror=\"document.title='run'\">&amp;\u202eabc\u2066"
@@ -189,6 +193,38 @@ def test_it_plays_a_side_again(air: Air, tmp_path: Path) -> None:
         for folder in (pair.folder, tmp_path / "again")
     )
     assert after == before
+
+
+def test_it_reads_captures_of_radios(tmp_path: Path) -> None:
+    """Both sides of a connection that is refused, made anew, and used for a message of two frames; as the lab's are."""
+    frames: list[tuple[int, bytes]] = [(0x3F, b""), (-0x1F, b""), (0x3F, b""), (-0x73, b"")]  # SABM, DM, SABM, UA
+    message = b"\4Robot1\0map\0" + (200).to_bytes(4, "little") + bytes(200)
+    frames += [(0xEF, message[:150]), (0xEF, message[150:]), (0x53, b""), (-0x73, b"")]  # data, DISC, UA
+    for own, sign in ("Robot1", 1), ("Robot2", -1):
+        trace = Trace(str(tmp_path / f"{own}.btsnoop"))
+        address = bytes([int(own[-1]), 0, 0, 0, 0, 2])
+        peer = bytes([3 - int(own[-1]), 0, 0, 0, 0, 2])
+        trace.write(bytes([H4_EVENT, 0x0E, 10, 1, 9, 16, 0]) + address, True)  # Read BD_ADDR
+        trace.write(bytes([H4_EVENT, 3, 11, 0, 1, 0]) + peer + bytes([1, 0]), True)  # Connection Complete
+        for identifier, data in (2, bytes([3, 0, 0x40, 0])), (3, bytes([0x40, 0, 0x40, 0, 0, 0, 0, 0])):
+            part = struct.pack("<BBH", identifier, 1, len(data)) + data
+            trace.write(acl(1, part), (identifier == 2) == (sign < 0))  # L2CAP's connection
+        for control, data in frames:
+            size = bytes([len(data) << 1 | 1]) if len(data) < 128 else struct.pack("<H", len(data) << 1)
+            trace.write(acl(0x40, bytes([16 << 3 | 3, abs(control)]) + size + data + b"\0"), control * sign < 0)
+    rows = [json.loads(line) for line in session("--json", *sorted(tmp_path.glob("*.btsnoop"))).splitlines()]
+    told = [(row["what"], row["state"], row["from"], row["title"]) for row in rows if row["brick"] == "Robot1"]
+    assert told == [
+        ("connect", "refused", "Robot1", "connect fails: ECONNREFUSED"),
+        ("connect", "plain", "Robot1", "connected to channel 16"),
+        ("send", "cut", "Robot1", "data map 200 bytes"),
+        ("end", "plain", "Robot1", "hangs up"),
+    ]
+    assert "in frames of 150 and 66 bytes. A reader that waits for it takes the first alone" in rows[2]["says"]
+
+
+def acl(cid: int, data: bytes) -> bytes:
+    return struct.pack("<BHHHH", H4_ACL, 1 | PB_START, len(data) + 4, len(data), cid) + data
 
 
 def test_other_forms(air: Air) -> None:

@@ -21,6 +21,7 @@ from .words import (
 )
 
 SOON = 0.1  # s
+BESIDES = ("connect", "linked", "accepted")  # events that mostly have no row
 SHOWN_BYTES = 4096  # of a message, field by field
 ADVICE = "Send one message, and wait for its answer before the next."
 Row = dict[str, Any]
@@ -59,7 +60,10 @@ def fits(link: Link, other: Link) -> bool:
     """Whether these may be both sides of a connection: nobody received what the other one did not send."""
     for one, two in (link, other), (other, link):
         sent = b"".join(event.data for event in sent_by(one))
-        if not sent.startswith(b"".join(event.data for event in received_by(two))):
+        received = b"".join(event.data for event in received_by(two))
+        if not sent.startswith(received) and not received.startswith(
+            sent
+        ):  # a killed brick's last sends may be missing
             return False
     return True
 
@@ -85,7 +89,7 @@ def match(session: Session) -> Match:
     found = Match(pair_links(session))
     for link, other in found.peers.items():
         sends = sent_by(link)
-        ends = []
+        ends: list[int] = []
         total = 0
         for send in sends:
             total += len(send.data)
@@ -93,7 +97,7 @@ def match(session: Session) -> Match:
         at = 0
         for receive in received_by(other):
             end = at + len(receive.data)
-            while at < end:
+            while at < min(end, total):
                 index = bisect_right(ends, at)
                 size = min(ends[index], end) - at
                 part = Part(sends[index], receive, size)
@@ -128,7 +132,7 @@ class Analysis:
             return self.connect_row(event)
         if event.what == "note":
             return self.plain(event, "note", "note", safe(event.text))
-        return self.attempt_row(event)
+        return self.attempt_row(event) if event.what == "connect" else None
 
     def plain(self, event: Event, what: str, state: str, title: str, says: str = "") -> Row:
         return {
@@ -151,7 +155,7 @@ class Analysis:
         """Of a call that nothing came of; else that is told."""
         for later in self.session.events[self.at[event] + 1 :]:
             if later.brick == event.brick and later.peer == event.peer:
-                if later.what in ("connected", "failed"):
+                if later.what in ("linked", "failed"):
                     return None
                 if later.what == "connect":
                     break
@@ -189,6 +193,8 @@ class Analysis:
         if not event.error:
             return self.plain(event, "end", "plain", "hangs up")
         state, words = explain(event.error, event.brick, event.peer, event.channel)
+        if event.error == "ETIMEDOUT" and self.is_silent(event.brick, event.time):
+            words = f"{safe(event.brick)} was out of range"
         if event.error == "ECONNRESET" and theirs and not theirs.error:
             return (
                 None
@@ -215,7 +221,7 @@ class Analysis:
         return (
             self.at[event] < self.at[other]
             and len(between) < 8
-            and all(one.what == "receive" and self.is_folded(one) for one in between if one.what != "connect")
+            and all(one.what == "receive" and self.is_folded(one) for one in between if one.what not in BESIDES)
         )
 
     def is_folded(self, receive: Event) -> bool:
@@ -225,7 +231,7 @@ class Analysis:
             return False
         send = parts[0].send
         return not any(
-            one.what not in ("connect", "receive") for one in self.session.events[self.at[send] + 1 : self.at[receive]]
+            one.what not in (*BESIDES, "receive") for one in self.session.events[self.at[send] + 1 : self.at[receive]]
         )
 
     def message_row(self, event: Event, what: str, state: str, says: str) -> Row:
@@ -273,6 +279,9 @@ class Analysis:
         if not whole and not is_short:
             got = sum(part.size for part in parts)
             return "cut", f"{peer} read {got} of its {count(len(event.data), 'byte')}: {self.why_unread(event)[0]}."
+        first = event.messages[0] if event.messages else None
+        if whole and parts and (not first or not first.kind):
+            return "damaged", reader_gets(event.messages, event.data)
         if is_short:
             sentence = f"Only {len(event.data)} of its {count(event.asked, 'byte')} were sent, and the operation returned false. "
             return "cut", sentence + reader_gets(event.messages, event.data)
@@ -336,13 +345,15 @@ class Analysis:
         if their_end and not their_end.error:
             return f"{name} {'had hung up' if their_end.time < event.time else 'hung up before it read this'}", True
         if own_end and own_end.error == "ECONNRESET":
-            return f"the program on {name} ended before it read this", True
-        if self.is_silent(event.peer):
+            return f"the program on {name} ended, and nothing tells that it read this", True
+        if self.is_silent(event.peer, self.last):
             return f"{name} was out of range when the recording ended", False
         return f"{name} had not read it when the recording ended", False
 
-    def is_silent(self, brick: str) -> bool:
-        notes = [one.text for one in self.session.events if one.what == "note" and one.brick == brick]
+    def is_silent(self, brick: str, time: float) -> bool:
+        notes = [
+            one.text for one in self.session.events if one.what == "note" and one.brick == brick and one.time <= time
+        ]
         notes = [text for text in notes if text in ("out of range", "in range")]
         return notes[-1:] == ["out of range"]
 

@@ -95,7 +95,7 @@ class Event:
 
     time: float
     brick: str
-    what: str  # connect, connected, accepted, failed, end, send, receive or note
+    what: str  # connect, linked, connected, accepted, failed, end, send, receive or note
     link: Link | None = None
     peer: str = ""
     channel: int = 0
@@ -258,12 +258,14 @@ class Reader:
             self.take_frame(row, messages, comment)
         elif row["command_address"]:
             self.add(row, "connect", peer=row["command_address"], channel=comment.channel)
-        elif last(row["event"]) == CONNECTED and last(row["status"]):
+        elif last(row["event"]) == CONNECTED and not last(row["status"]):
+            self.add(row, "linked", peer=row["event_address"])
+        elif last(row["event"]) == CONNECTED:
             error = comment.error or HCI_ERRORS.get(last(row["status"]) or 0, "EIO")
             self.add(row, "failed", peer=row["event_address"], channel=comment.channel, error=error)
         elif last(row["event"]) == DISCONNECTED:
             self.end_links(row)
-        elif comment.text and last(row["event"]) != CONNECTED:
+        elif comment.text:
             self.add(row, "note", text=comment.text)
 
     def end_links(self, row: dict[str, str]) -> None:

@@ -8,6 +8,7 @@ from .capture import Message
 LONGEST = 4000  # characters of a text that are shown
 # Line ends, and what turns lines round: as host/printable.cpp has them.
 UNSHOWN = re.compile("[\0-\x1f\x7f-\x9f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069\ud800-\udfff]")
+FAILS = re.compile(r"readers? fails?|misread")  # how the dissector says that there is no result
 # By errno: what kind of trouble it is, and what it means for a connection.
 ERRORS = {
     "ECONNREFUSED": ("refused", "{peer} is there, but refuses: no program on it listens on channel {channel}"),
@@ -65,15 +66,15 @@ def explain(error: str, brick: str, peer: str, channel: int) -> tuple[str, str]:
 # ---- Messages -------------------------------------------------------------------------------------------------------
 
 
-def value_of(message: Message) -> str:
-    """As a message's value is shown, in full."""
+def value_of(message: Message, size: int = LONGEST) -> str:
+    """As a message's value is shown."""
     if message.value is None:
         return ""
     if message.kind == "bool":
         return "false" if message.value[:1] == b"\0" else "true"
     if message.kind == "data":
-        return message.value[: LONGEST // 2].hex(" ").upper()
-    return '"' + shorten(printable(message.value.removesuffix(b"\0")), LONGEST) + '"'
+        return shorten(message.value[:LONGEST].hex(" ").upper(), size)
+    return quoted(message.value.removesuffix(b"\0"), size)
 
 
 def title_of(messages: Sequence[Message], size: int) -> str:
@@ -84,7 +85,7 @@ def title_of(messages: Sequence[Message], size: int) -> str:
         return f"the rest of a message, {count(size, 'byte')}"
     if not first.kind or first.id is None:
         return f"no message, {count(size, 'byte')}"
-    value = count(first.length, "byte") if first.kind == "data" else shorten(value_of(first), 60)
+    value = count(first.length, "byte") if first.kind == "data" else value_of(first, 60)
     return f"{first.kind} {shorten(printable(first.id), 40)} {value}".rstrip()
 
 
@@ -99,14 +100,14 @@ def call_of(message: Message) -> str:
 def result_of(messages: Sequence[Message], data: bytes) -> str:
     """What a reader that expects the first message is given, of all that one receive brought; empty: it fails."""
     first = messages[0]
-    if first.value is None or any("readers fail" in text or "reader fails" in text for text in first.found("damaged")):
+    if first.value is None or any(FAILS.search(text) for text in first.found("damaged")):
         return ""
     if first.kind == "text" and not first.classic:
         text = data[first.value_at : -1]
         return quoted(text, 60) + ("" if len(messages) == 1 else f", {count(len(text), 'byte')}")
     if first.kind == "data":
         return f"{count(len(first.value), 'byte')} {shorten(first.value.hex().upper(), 40)}"
-    return shorten(value_of(first), 60)
+    return value_of(first, 60)
 
 
 def reader_gets(messages: Sequence[Message], data: bytes) -> str:
@@ -114,7 +115,7 @@ def reader_gets(messages: Sequence[Message], data: bytes) -> str:
     if not messages or not data:
         return ""
     first = messages[0]
-    damage = "; ".join(first.found("damaged", "odd"))
+    damage = re.sub(", (a text )?readers? fails?", "", "; ".join(first.found("damaged", "odd")))
     if first.is_part:
         return "It is the rest of a message that was begun before: every reader fails, and what came with it is lost."
     if not first.kind or first.id is None:
