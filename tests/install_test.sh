@@ -10,7 +10,7 @@ trap 'echo "FAILED, line $LINENO: $BASH_COMMAND"; cat "$work"/log* 2>/dev/null' 
 
 # block FILE LANGUAGE N: the N-th block of this language in a document.
 block() {
-  awk -v start="\`\`\`$2" -v n="$3" '/^```/ { inside = $0 == start && ++count == n; next } inside' "$root/$1"
+  PYTHONDONTWRITEBYTECODE=1 "$root/docs/blocks.py" "$root/$1" "$2" "$3"
 }
 
 # The robot of docs/testing.md, and the steps of its workflow as they stand; but for apt-get, which unpacks our packages
@@ -52,7 +52,7 @@ for file in share/man/man1/tavbt.1.gz share/man/man1/tav-session.1.gz share/bash
 done
 
 block README.md cpp 1 >my_client.cpp
-block README.md cpp 2 >my_server.cpp
+cp "$root/examples/tutorial/answer.cpp" my_server.cpp
 block docs/building.md cpp 1 >firmware.cpp
 block docs/building.md cmake 1 >CMakeLists.txt
 
