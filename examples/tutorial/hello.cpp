@@ -24,5 +24,6 @@ int main()
     if (bluetooth.ReadMsg_TAV_String("Robot2", "greeting", answer, 100, 5000) < 0)
         return Fail("Robot2 does not answer");
     std::cout << "Robot2 says " << Printable(answer) << '\n';
-    bluetooth.Disconnect(bluetooth.m_ScanDevices[bluetooth.isConnected("Robot2")].Socket);
+    const auto index = static_cast<std::size_t>(bluetooth.isConnected("Robot2"));
+    bluetooth.Disconnect(bluetooth.m_ScanDevices[index].Socket);
 }
