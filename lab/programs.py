@@ -97,7 +97,7 @@ async def run(image: Image, arguments: Namespace, plan: Plan) -> int:
     """Boots the bricks and runs their programs; the highest of their statuses."""
     form = f"{{name:{max(len(setup.name) for setup in plan.setups)}}} | "
     started = time.monotonic()
-    options = arguments.speed or 1, arguments.trace, arguments.keep, form, arguments.shell
+    options = arguments.speed or 1, arguments.record, arguments.keep, form, arguments.shell
     commands = {setup.name: bring_program(setup, image.arch) for setup in plan.programs()}
     for setup in plan.setups:
         add_libraries(setup.files, image.libraries(), image.arch, arguments.libraries)

@@ -11,7 +11,7 @@ all of them listen. Then every line on stdin is a command, answered by one line,
     nameless NAME | named NAME   the device ignores name requests, answers them again
     refuse NAME | accept NAME    the device refuses every connection (limited resources), is asked again
     slow NAME BYTES_PER_SECOND   each link of the device carries ACL data at this rate, each way; 0: as fast as it can
-    trace DIR                    from now on, the HCI packets of each controller are written to DIR/NAME.btsnoop
+    trace DIR                    from now on, the HCI packets of each controller are written to DIR/NAME.pcapng
 
 The radio ends with its stdin, so it never outlives its parent. Inquiry, paging and supervision take the times of the
 Core specification, but a device in page scan answers a page within a moment, and nothing is lost or repeated on the
@@ -122,19 +122,33 @@ class Refusal(Exception):
 
 
 class Trace:
-    """A btsnoop file of the packets between one controller and its host."""
+    """A pcapng file of the packets between one controller and its host. Its interface bears the controller's name."""
 
-    UNIX_EPOCH = 0x00DCDDB30F2F8000  # 1970 in microseconds since the year 0, from where btsnoop counts
-    H4_DATALINK = 1002
+    SECTION, INTERFACE, PACKET = 0x0A0D0D0A, 1, 6  # blocks
+    H4_WITH_DIRECTION = 201  # link type
+    NAME, DESCRIPTION, RESOLUTION = 2, 3, 9  # options
 
-    def __init__(self, path: str) -> None:
+    def __init__(self, path: str, name: str) -> None:
         self.file = open(path, "wb", buffering=0)  # complete at any moment, however the radio ends
-        self.file.write(b"btsnoop\0" + struct.pack(">II", 1, self.H4_DATALINK))
+        self.write_block(self.SECTION, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1))
+        options = {self.NAME: name.encode(), self.DESCRIPTION: b"lab, a controller", self.RESOLUTION: b"\x09"}
+        packed = [struct.pack("<HH", code, len(value)) + self.padded(value) for code, value in options.items()]
+        self.write_block(
+            self.INTERFACE, struct.pack("<HHI", self.H4_WITH_DIRECTION, 0, 0) + b"".join(packed) + bytes(4)
+        )
+
+    @staticmethod
+    def padded(data: bytes) -> bytes:
+        return data + bytes(-len(data) % 4)
+
+    def write_block(self, kind: int, body: bytes) -> None:
+        size = struct.pack("<I", len(body) + 12)
+        self.file.write(struct.pack("<I", kind) + size + body + size)
 
     def write(self, packet: bytes, to_host: bool) -> None:
-        flags = (1 if to_host else 0) | (2 if packet[0] in (H4_COMMAND, H4_EVENT) else 0)
-        stamp = self.UNIX_EPOCH + time.time_ns() // 1000
-        self.file.write(struct.pack(">IIIIq", len(packet), len(packet), flags, 0, stamp) + packet)
+        data = struct.pack(">I", to_host) + packet
+        high, low = divmod(time.time_ns(), 1 << 32)
+        self.write_block(self.PACKET, struct.pack("<5I", 0, high, low, len(data), len(data)) + self.padded(data))
 
 
 class Device:
@@ -670,7 +684,7 @@ class Radio:
         for name, device in self.devices.items():
             try:
                 if isinstance(device, Controller):
-                    device.trace = Trace(os.path.join(folder, name + ".btsnoop"))
+                    device.trace = Trace(os.path.join(folder, name + ".pcapng"), name)
             except OSError as error:
                 raise Refusal(f"{error.filename}: {error.strerror}") from error
 

@@ -363,7 +363,8 @@ std::pair<std::string, int> Start_Recording(const std::string& path, const S_Bri
     Add(interface, std::uint32_t{0});    // without a limit
     options.clear();
     Add_Option(options, 2, brick.Name);
-    Add_Option(options, 9, "\x09");  // nanoseconds
+    Add_Option(options, 3, "simulated air, a frame for each call");  // what radio sends may be in other frames
+    Add_Option(options, 9, "\x09");                                  // nanoseconds
     Add_Block(blocks, 1, interface, options);
     const std::int64_t now = Get_RecordTime();
     std::string name = brick.Name;

@@ -272,12 +272,14 @@ def test_trace(air: Radio, tmp_path: Path) -> None:
     folder.mkdir()
     assert air.order(f"trace '{folder}'") == "ok"
     assert air.one.ask(SCAN, b"\3") == 0
-    capture = (folder / "Robot1.btsnoop").read_bytes()
-    assert capture.startswith(b"btsnoop\0" + struct.pack(">II", 1, 1002))
-    packets, position = [], 16
+    capture = (folder / "Robot1.pcapng").read_bytes()
+    packets, position = [], 0
     while position < len(capture):
-        size, _, flags = struct.unpack_from(">III", capture, position)
-        packets.append((flags, capture[position + 24 : position + 24 + size]))
-        position += 24 + size
-    assert packets == [(2, b"\1\x1a\x0c\1\3"), (3, b"\4\x0e\4\1\x1a\x0c\0")]
+        kind, size = struct.unpack_from("<II", capture, position)
+        if kind == 6:
+            length = struct.unpack_from("<I", capture, position + 20)[0]
+            packets.append(capture[position + 28 : position + 28 + length])
+        position += size
+        assert capture[position - 4 : position] == struct.pack("<I", size)
+    assert packets == [b"\0\0\0\0\1\x1a\x0c\1\3", b"\0\0\0\1\4\x0e\4\1\x1a\x0c\0"]
     assert air.order(f"trace '{folder}/none'").startswith("error: ")

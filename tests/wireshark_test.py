@@ -72,8 +72,8 @@ def show(frames: Iterable[tuple[int, str]], *what: str) -> list[str]:
         trace.write(struct.pack("<BHHHH", H4_ACL, 1 | PB_START, len(data) + 4, len(data), cid) + data, to_host)
 
     with tempfile.TemporaryDirectory() as folder:
-        path = os.path.join(folder, "brick.btsnoop")
-        trace = Trace(path)
+        path = os.path.join(folder, "brick.pcapng")
+        trace = Trace(path, "Robot1")
         trace.write(bytes([H4_EVENT, 3, 11, 0, 1, 0, 2, 0, 0, 0, 0, 2, 1, 0]), True)  # Connection Complete
         write_acl(1, bytes([2, 1, 4, 0, 3, 0, 0x40, 0]))  # Connection Request
         write_acl(1, bytes([3, 1, 8, 0, 0x41, 0, 0x40, 0, 0, 0, 0, 0]), True)  # Connection Response

@@ -124,7 +124,6 @@ def run_several(make_parser: Callable[..., ArgumentParser], me: str, words: Sequ
     add = parser.add_argument
     add("--service", action="append", default=[], metavar="BRICK=TEXT", help="an SDP record of a brick")
     add("--faults", action="append", default=[], metavar="BRICK=RULES", help="calls of a brick's program that fail")
-    add("--record", metavar="FOLDER", help="writes what bricks send and receive to FOLDER/BRICK.pcapng, for Wireshark")
     add("--watch", action="store_true", help="prints the address of a page that shows what happens")
     arguments = parse_arguments(parser, words)
     plan = parse(arguments, COMMANDS)

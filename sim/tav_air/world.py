@@ -75,6 +75,7 @@ def add_options(parser: ArgumentParser, more: str) -> None:
     add("--python", action="append", default=[], metavar="BRICK", help="a brick with Python")
     add("--device", action="append", default=[], metavar="NAME[@ADDRESS]", help="one more device, which never connects")
     add("--radio", action="append", default=[], metavar="'[SECONDS] COMMAND'", help=f"a fault, and when ({more})")
+    add("--record", type=Path, metavar="FOLDER", help="writes what bricks do to FOLDER/BRICK.pcapng, for Wireshark")
     add("--speed", type=float, metavar="N", help="all times of the radio run N times as fast")
     add("--at-once", action="store_true", help="starts all programs at once, whatever they need")
     add("--until", metavar="BRICK", help="ends when the program of this brick has ended")

@@ -18,6 +18,7 @@ PLUGIN = "wireshark/plugins/tav.lua"  # where it is installed
 NOBODY = 65534
 SABM, UA, DM, DISC = 0x2F, 0x63, 0x0F, 0x43  # RFCOMM's frames, without their P/F bit
 CONNECTED, DISCONNECTED, COMPLETE = 3, 5, 14  # HCI's events; the last one answers a command
+CALLS = "simulated air, a frame for each call"  # what interfaces of its recordings are
 NO_ADDRESS = "00:00:00:00:00:00"
 # What HCI calls errors, as the errno that programs see.
 HCI_ERRORS = {0x04: "EHOSTDOWN", 0x08: "ETIMEDOUT", 0x09: "EMLINK", 0x10: "EHOSTDOWN", 0x22: "ETIMEDOUT"}
@@ -27,6 +28,7 @@ COLUMNS = {
     "time": "frame.time_epoch",
     "direction": "frame.p2p_dir",
     "interface": "frame.interface_name",
+    "description": "frame.interface_description",
     "comment": "frame.comment",
     "source": "bthci_acl.src.bd_addr",
     "source_name": "bthci_acl.src.name",
@@ -229,11 +231,12 @@ def last(text: str) -> int | None:
 class Reader:
     """Turns the rows of a brick's capture into events. Peers are known by their addresses, for now."""
 
-    def __init__(self, file: Path, name: str, names: dict[str, str]) -> None:
+    def __init__(self, file: Path, name: str, description: str, names: dict[str, str]) -> None:
         self.file = file
         self.names = names  # by address
-        self.has_calls = bool(name) and not re.match(r"(bluetooth|hci|usbmon)\d", name)
-        self.own = name if self.has_calls else file.stem  # of others, a better name may come
+        self.has_calls = description == CALLS
+        is_brick = name and not re.match(r"(bluetooth|hci|usbmon)\d", name)
+        self.own = name if is_brick else file.stem  # where frames are those of a radio, a better name may come
         self.address = ""
         self.links: dict[tuple[str, int], Link] = {}  # by handle and DLCI
         self.last_sent: dict[Link, Event] = {}
@@ -378,7 +381,9 @@ def read_capture(file: Path, names: dict[str, str]) -> list[Reader]:
                     while number < int(row["number"]):
                         number, messages = next(found, none)
                     name = row["interface"]
-                    reader = readers.get(name) or readers.setdefault(name, Reader(file, name, names))
+                    reader = readers.get(name) or readers.setdefault(
+                        name, Reader(file, name, row["description"], names)
+                    )
                     reader.take(row, messages if number == int(row["number"]) else [])
                 for _ in found:
                     pass

@@ -17,7 +17,7 @@ PAUSE = 0.5  # s, between looks at files that grow
 
 EXAMPLES = """examples:
   tav-session recording/*.pcapng -o session.html
-  tav-session captures/Robot1.btsnoop captures/Robot2.btsnoop --text
+  tav-session captures/*.pcapng --text
   tav-session recording/*.pcapng --text --follow
   tav-session recording/*.pcapng --replay Robot2 -- tavbt pipe Robot1
 """
