@@ -2,7 +2,7 @@
 
 import os
 import re
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 from pathlib import Path
 
 from image import Arch
@@ -26,6 +26,17 @@ def system_folders(arch: Arch) -> list[Path]:
         f"{LAB.parent}/build/{arch.name}-sysroot/usr/lib",
     ]
     return [folder for name in names for folder in (Path(name) / arch.triplet, Path(name))]
+
+
+def python_module(arch: Arch, folders: Iterable[Path] = ()) -> dict[str, Path]:
+    """The module tav_bluetooth for this processor, if there is one: in these folders, or where programs here find it."""
+    names = [*filter(None, os.environ.get("PYTHONPATH", "").split(":")), "/usr/lib/python3/dist-packages"]
+    built = [LAB.parent / "build" / preset / "python" for preset in ("release", "dev", arch.name)]
+    for folder in [*folders, *built, *map(Path, names)]:
+        for file in (folder / "tav_bluetooth").glob("__init__.*.so"):
+            if elf_machine(file) == arch.elf_machine:
+                return {f"tav_bluetooth/{file.name}": file}
+    return {}
 
 
 def search_folders(said: str, origin: Path) -> Iterator[Path]:

@@ -14,7 +14,7 @@ from pathlib import Path
 
 from bricks import Brick, Lab
 from image import Arch, Image
-from libraries import add_libraries, elf_machine
+from libraries import add_libraries, elf_machine, python_module
 from radio import RADIO_COMMANDS
 from tav_air.process import Problem, say
 from tav_air.world import Plan, Setup, add_file, check_names, parse, play
@@ -100,6 +100,8 @@ async def run(image: Image, arguments: Namespace, plan: Plan) -> int:
     options = arguments.speed or 1, arguments.record, arguments.keep, form, arguments.shell
     commands = {setup.name: bring_program(setup, image.arch) for setup in plan.programs()}
     for setup in plan.setups:
+        if setup.python:
+            setup.files |= python_module(image.arch)
         add_libraries(setup.files, image.libraries(), image.arch, arguments.libraries)
     async with Lab(image, plan.setups, plan.phantoms, *options) as lab:
         say(f"Ready after {time.monotonic() - started:.0f} s")

@@ -352,19 +352,43 @@ std::optional<OUTPUT> Read_InSlices(const Object& self, unsigned long timeout, R
     });
 }
 
-std::optional<bool> Serve_Bool(const Object& self, const S_Text& name, const S_Text& msgId, unsigned long timeout)
+std::optional<bool> Server_ReadBool(const Object& self, const S_Text& name, const S_Text& msgId, unsigned long timeout)
 {
     return Read_InSlices<bool>(self, timeout, [&](bool& value, unsigned long slice) {
         return self->Server_ReadMsg_TAV_Bool(name, msgId, value, slice);
     });
 }
 
-std::optional<S_Text> Serve_Text(const Object& self, const S_Text& name, const S_Text& msgId, unsigned int maxSize,
-                                 unsigned long timeout)
+std::optional<S_Text> Server_ReadText(const Object& self, const S_Text& name, const S_Text& msgId, unsigned int maxSize,
+                                      unsigned long timeout)
 {
     return Read_InSlices<S_Text>(self, timeout, [&](S_Text& text, unsigned long slice) {
         return self->Server_ReadMsg_TAV_String(name, msgId, text, maxSize, slice);
     });
+}
+
+// To one client after the other, as the operation does, but it would go on with the next after Ctrl-C.
+template <typename SEND>
+bool Send_ToClients(const Object& self, SEND send)
+{
+    if (self->m_ServerSocket < 0 && !self->OpenServer_TAV()) return false;
+    const auto server = self->m_ServerClients.find(self->m_ServerSocket);
+    if (server == self->m_ServerClients.end() || server->second.empty()) return false;
+    for (std::size_t i = 0; i < server->second.size(); ++i) {
+        const int socket = server->second[i].Socket;
+        if (socket >= 0) Wait([&] { return send(socket); });
+    }
+    return true;
+}
+
+bool Server_SendBool(const Object& self, const S_Text& msgId, bool value)
+{
+    return Send_ToClients(self, [&](int socket) { return self->_SendMsg_TAV_Bool(socket, msgId, value); });
+}
+
+bool Server_SendText(const Object& self, const S_Text& msgId, const S_Text& text)
+{
+    return Send_ToClients(self, [&](int socket) { return self->_SendMsg_TAV_String(socket, msgId, text); });
 }
 
 const unsigned char* Get_Bytes(const S_Data& data)
@@ -782,11 +806,11 @@ static void Add_Bluetooth(py::module_& module)
         // The built-in server
         .def("OpenServer_TAV", Now(&Bt::OpenServer_TAV), doc::OpenServer_TAV)
         .def("CloseServer_TAV", &Close_BuiltIn, doc::CloseServer_TAV)
-        .def("Server_SendMsg_TAV_Bool", Waits(&Bt::Server_SendMsg_TAV_Bool), msgId, value, doc::Server_SendMsg_TAV_Bool)
-        .def("Server_SendMsg_TAV_String", Waits(&Bt::Server_SendMsg_TAV_String), msgId, text,
-             doc::Server_SendMsg_TAV_String)
-        .def("Server_ReadMsg_TAV_Bool", &Serve_Bool, name, msgId, timeout, doc::Server_ReadMsg_TAV_Bool)
-        .def("Server_ReadMsg_TAV_String", &Serve_Text, name, msgId, maxSize, timeout, doc::Server_ReadMsg_TAV_String)
+        .def("Server_SendMsg_TAV_Bool", &Server_SendBool, msgId, value, doc::Server_SendMsg_TAV_Bool)
+        .def("Server_SendMsg_TAV_String", &Server_SendText, msgId, text, doc::Server_SendMsg_TAV_String)
+        .def("Server_ReadMsg_TAV_Bool", &Server_ReadBool, name, msgId, timeout, doc::Server_ReadMsg_TAV_Bool)
+        .def("Server_ReadMsg_TAV_String", &Server_ReadText, name, msgId, maxSize, timeout,
+             doc::Server_ReadMsg_TAV_String)
 
         // Servers on any channel
         .def("OpenServer", Now(&Bt::OpenServer), channel, doc::OpenServer)

@@ -277,6 +277,35 @@ def test_ctrl_c_ends(air: Any, waiting: str) -> None:
     assert robot1.said.count("hci_read_remote_name") == (waiting == "names")  # the second was not asked
 
 
+def send_to_the_deaf() -> None:
+    bt = C_TAV_Bluetooth()
+    bt.OpenServer_TAV()
+    while len(bt.m_ServerClients.get(bt.m_ServerSocket, [])) < 2:
+        time.sleep(0.01)
+    print("sends", flush=True)
+    try:
+        print("returned", bt.Server_SendMsg_TAV_String("id", "x" * 40000))
+    except KeyboardInterrupt:
+        print("interrupted")
+
+
+def be_deaf() -> None:
+    bt = C_TAV_Bluetooth()
+    bt.Add_BT_Device("Robot1", "02:00:00:00:00:01", -1, 0)
+    assert bt.Connect("Robot1", 16, 30000) >= 0
+    time.sleep(1000)
+
+
+def test_ctrl_c_ends_sending_to_all(air: Any) -> None:
+    robot1 = brick(air, "Robot1", send_to_the_deaf)
+    robot1.wait_for_channel(16)
+    for name in "Robot2", "Robot3":
+        brick(air, name, be_deaf)
+    robot1.wait_for("sends")
+    time.sleep(0.3)  # until it waits for the first
+    assert robot1.stop() == 0 and "interrupted" in robot1.said
+
+
 def ask_for_services() -> None:
     bt = C_TAV_Bluetooth()
     bt.Add_BT_Device("Robot2", "02:00:00:00:00:02", -1, 0)

@@ -13,6 +13,7 @@ from pathlib import Path
 
 from bricks import Lab
 from image import Image
+from libraries import python_module
 from runner import AIR, LAB, Device, Failure, Place, Player, Report, Scenario
 from tav_air import Air
 from tav_air.process import Problem, die_with_parent
@@ -45,7 +46,10 @@ class AirPlace(Place):
         state = " ".join(["nameless"] * ("nameless" in device.traits) + ["no-sdp"] * ("sdp" not in device.traits))
         adapter = "no-adapter" not in device.traits
         path = f"{self.build / 'examples'}:/usr/bin:{os.environ['PATH']}"  # Debian's python3 has PyBluez
-        return self.air.environment(device.name, services=SERIAL_PORTS, state=state, adapter=adapter, PATH=path)
+        python = str(self.build / "python")
+        return self.air.environment(
+            device.name, services=SERIAL_PORTS, state=state, adapter=adapter, PATH=path, PYTHONPATH=python
+        )
 
     async def launch(self, device: Device, *command: str | Path) -> Process:
         folder = self.air.run_folder(device.name)
@@ -193,6 +197,7 @@ class LabRun:
     """Plays scenarios in the lab, several boots beside each other."""
 
     image: Image
+    build: Path
     files: list[Path]  # that every brick gets
     trace: Path | None
     report: Report
@@ -216,7 +221,7 @@ class LabRun:
     @asynccontextmanager
     async def boot(self, boot: Boot, room: Room) -> AsyncIterator[LabPlace]:
         addresses = {brick.name: brick.address for brick in boot.scenarios[0].bricks()}
-        files = {file.name: file for file in self.files}
+        files = {file.name: file for file in self.files} | python_module(self.image.arch, [self.build / "python"])
         setups = [Setup(name, addresses[name], files=files, sdp=sdp, python=python) for name, sdp, python in boot.needs]
         devices = {device.name: device for scenario in boot.scenarios for device in scenario.bare_devices()}
         phantoms = [(device.name, device.address) for device in devices.values()]

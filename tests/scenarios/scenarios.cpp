@@ -842,12 +842,12 @@ S_Steps Loops()
     });
 }
 
-// PyBluez builds and takes apart both formats on its own.
-S_Steps Python()
+// A Python program as client and server of both formats.
+S_Steps Python(const std::string& program)
 {
     return Join({
         Open(R2, 16),
-        Meanwhile(Shell(R1, "python3 ./peer.py client " + Get_Address(R2), "all well")),
+        Meanwhile(Shell(R1, program + " client " + Get_Address(R2), "all well")),
         Accept(R2, R1, 16),
         Do(R2, "2 Hi", [](S_Robot& robot) { return robot.Read_Text("Robot1", 100, 20000); }),
         Do(R2, "true", [](S_Robot& robot) { return robot.Say("Hello"); }),
@@ -856,7 +856,7 @@ S_Steps Python()
         Accept(R2, R1, 1),
         Do(R2, "2 Hi", [](S_Robot& robot) { return robot.Read_Classic(100, 20000); }),
         Do(R2, "true", [](S_Robot& robot) { return robot.Say_Classic("Hello"); }),
-        Meanwhile(Shell(R1, "python3 ./peer.py server", "all well")),
+        Meanwhile(Shell(R1, program + " server", "all well")),
         Pause(3),
         Reach(R2, R1, 16),
         Do(R2, "true", [](S_Robot& robot) { return robot.Say("Hi"); }),
@@ -913,7 +913,8 @@ std::vector<S_Scenario> All_Scenarios()
          Seven()},
         {"services", "SDP with and without a server", served, Services(), BOTH, true},
         {"tools", "BlueZ's tools as peers", served, Tools()},
-        {"python", "PyBluez as client and server of both formats", served, Python()},
+        {"python", "PyBluez as client and server of both formats", served, Python("python3 ./peer.py")},
+        {"module", "the module for Python as client and server of both formats", served, Python("python3 ./module.py")},
         {"mutants", "damaged messages from PyBluez, and what its decoder says of each", served, Mutants(), LAB},
         {"loops", "asyncio, Asio, poll and plain sockets", served, Loops()},
     };
