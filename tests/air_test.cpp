@@ -5,6 +5,8 @@
 #include <bluetooth/hci_lib.h>
 #include <bluetooth/l2cap.h>
 #include <bluetooth/rfcomm.h>
+#include <bluetooth/sdp.h>
+#include <bluetooth/sdp_lib.h>
 #include <cstring>
 #include <fcntl.h>
 #include <future>
@@ -13,9 +15,20 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 
 using namespace tav_c_api_impl;
+
+// What the C library's headers put in where _FORTIFY_SOURCE is.
+extern "C" {
+ssize_t __read_chk(int fd, void* buffer, std::size_t size, std::size_t room);
+ssize_t __recv_chk(int fd, void* buffer, std::size_t size, std::size_t room, int flags);
+ssize_t __recvfrom_chk(int fd, void* buffer, std::size_t size, std::size_t room, int flags, sockaddr* address,
+                       socklen_t* length);
+int __poll_chk(pollfd* fds, nfds_t count, int timeout, std::size_t room);
+int __ppoll_chk(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* signals, std::size_t room);
+}
 
 namespace {
 
@@ -210,8 +223,22 @@ TEST_F(Air, ChannelsAndBacklog)
     EXPECT_EQ(Bind(first, ROBOT1, 3), "EADDRNOTAVAIL") << "another brick's address";
     EXPECT_EQ(Bind(first, ROBOT2, 3), "0");
     EXPECT_EQ(Bind(second, "00:00:00:00:00:00", 3), "EADDRINUSE") << "though nobody listens yet";
+    EXPECT_EQ(Bind(first, ROBOT2, 4), "EBADFD") << "bound already";
+    EXPECT_EQ(Connect(first, ROBOT1, 3), "EBADFD");
+    EXPECT_EQ(listen(first, 8), 0);
     EXPECT_EQ(listen(first, 1), 0);
     EXPECT_EQ(Call_FromBricks(3), "EAGAIN EAGAIN ECONNREFUSED ") << "a backlog of 1 lets 2 wait";
+    sockaddr_rc address = Address(ROBOT2, 5);
+    EXPECT_EQ(Errno(bind(second, reinterpret_cast<sockaddr*>(&address), 3)), "EINVAL");
+    address.rc_family = AF_INET;
+    EXPECT_EQ(Errno(connect(second, reinterpret_cast<sockaddr*>(&address), sizeof(address))), "EINVAL");
+    std::string results;
+    for (int i = 0; i < 30; ++i) {
+        const int any = As_Robot2([] { return Open(); });
+        EXPECT_EQ(Bind(any, ROBOT2, 0), "0");
+        results += Errno(listen(any, 1));
+    }
+    EXPECT_EQ(results, std::string(29, '0') + "EINVAL") << "of 30 channels one was taken";
 }
 
 // Another program of this machine connects to what is under the air, and hands over nothing.
@@ -275,6 +302,68 @@ TEST_F(Air, BrickThatFallsSilentIsGivenUpLater)
     EXPECT_EQ(Receive(m_Near), "ETIMEDOUT");
 }
 
+// What programs call, of the air's as of other sockets; the last ones are those that _FORTIFY_SOURCE puts in.
+TEST_F(Air, EveryWayToMoveBytes)
+{
+    char bytes[8] = {};
+    iovec parts[] = {{bytes, 2}, {bytes + 2, sizeof(bytes) - 2}};
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+    sockaddr_storage address{};
+    socklen_t length = sizeof(address);
+    const std::function<ssize_t(int)> TAKE[] = {
+        [&](int fd) { return read(fd, bytes, sizeof(bytes)); },
+        [&](int fd) { return readv(fd, parts, 2); },
+        [&](int fd) { return recv(fd, bytes, sizeof(bytes), 0); },
+        [&](int fd) {
+            length = sizeof(address);
+            return recvfrom(fd, bytes, sizeof(bytes), 0, reinterpret_cast<sockaddr*>(&address), &length);
+        },
+        [&](int fd) { return recvmsg(fd, &message, 0); },
+        [&](int fd) { return __read_chk(fd, bytes, sizeof(bytes), sizeof(bytes)); },
+        [&](int fd) { return __recv_chk(fd, bytes, sizeof(bytes), sizeof(bytes), 0); },
+        [&](int fd) { return __recvfrom_chk(fd, bytes, sizeof(bytes), sizeof(bytes), 0, nullptr, nullptr); },
+    };
+    char word[] = "words";
+    iovec halves[] = {{word, 2}, {word + 2, 3}};
+    msghdr said{};
+    said.msg_iov = halves;
+    said.msg_iovlen = 2;
+    const std::function<ssize_t(int)> GIVE[] = {
+        [&](int fd) { return write(fd, word, 5); },    [&](int fd) { return writev(fd, halves, 2); },
+        [&](int fd) { return send(fd, word, 5, 0); },  [&](int fd) { return sendto(fd, word, 5, 0, nullptr, 0); },
+        [&](int fd) { return sendmsg(fd, &said, 0); },
+    };
+    Link();
+    int plain[2] = {};
+    socketpair(AF_UNIX, SOCK_STREAM, 0, plain);
+    for (const auto& [near, far] : {std::pair(m_Near, m_Far), std::pair(plain[0], plain[1])}) {
+        for (std::size_t i = 0; i < std::size(TAKE); ++i) {
+            SCOPED_TRACE((near == plain[0] ? "plain " : "") + std::to_string(i));
+            memset(bytes, 0, sizeof(bytes));
+            EXPECT_EQ(GIVE[i % std::size(GIVE)](near), 5);
+            pollfd waited{far, POLLIN, 0};
+            fd_set readable;
+            FD_ZERO(&readable);
+            FD_SET(far, &readable);
+            const timespec now{};
+            EXPECT_EQ(__poll_chk(&waited, 1, 1000, sizeof(waited)), 1);
+            EXPECT_EQ(__ppoll_chk(&waited, 1, &now, nullptr, sizeof(waited)), 1);
+            EXPECT_EQ(pselect(far + 1, &readable, nullptr, nullptr, i % 2 ? &now : nullptr, nullptr), 1);
+            EXPECT_EQ(TAKE[i](far), 5);
+            EXPECT_STREQ(bytes, "words");
+        }
+        EXPECT_EQ(Errno(readv(far, parts, atoi("-1"))), "EINVAL");
+        EXPECT_EQ(Errno(writev(far, parts, atoi("-1"))), "EINVAL");
+        EXPECT_EQ(length, 0U) << "a stream says nobody's name";
+    }
+    EXPECT_DEATH(__read_chk(m_Far, bytes, sizeof(bytes) + 1, sizeof(bytes)), "");
+    EXPECT_EQ(fcntl(m_Near, F_GETFD), 0);
+    close(plain[0]);
+    close(plain[1]);
+}
+
 // What Linux says of a socket at each of its ages.
 TEST_F(Air, NamesOfSockets)
 {
@@ -316,10 +405,14 @@ TEST_F(Air, CopiesOfDescriptors)
         EXPECT_EQ(write(copy, "x", 1), 1);
         EXPECT_EQ(Receive(m_Far), "x");
     }
+    EXPECT_EQ(dup2(copies[0], copies[0]), copies[0]);
+    EXPECT_EQ(Errno(dup2(699, 699)), "EBADF");
+    EXPECT_EQ(Errno(dup3(699, copies[0], 0)), "EBADF");
+    EXPECT_EQ(Errno(close(700)) + Errno(dup2(0, 700)), "EBADFEBUSY") << "which is the air's own";
     dup2(0, copies[0]);
     close(copies[1]);
     EXPECT_EQ(Send(copies[2], "y"), "1");
-    EXPECT_EQ(close_range(601, 602, 0), 0);
+    closefrom(601);
     EXPECT_EQ(Receive(m_Far), "y");
     EXPECT_EQ(Receive(m_Far), "ECONNRESET");
     EXPECT_EQ(tav_air::Get_Open(), std::vector<int>{m_Far});
@@ -434,6 +527,148 @@ TEST_F(Air, AdapterOffAndOn)
     EXPECT_EQ(Errno(hci_get_route(nullptr)), "0");
 }
 
+// Options that are asked for, or set and asked for; of sockets of each kind.
+TEST_F(Air, OptionsOfSockets)
+{
+    Link();
+    const int hci = socket(AF_BLUETOOTH, SOCK_RAW, BTPROTO_HCI);
+    const int l2cap = socket(AF_BLUETOOTH, SOCK_SEQPACKET, BTPROTO_L2CAP);
+    const int fresh = Open();
+    const struct
+    {
+        int Fd, Level, Option, Set;  // -1: only asked for
+        const char *SetResult, *Got;
+    } CASES[] = {
+        {fresh, SOL_SOCKET, SO_DOMAIN, -1, "", "31"},
+        {l2cap, SOL_SOCKET, SO_TYPE, -1, "", "5"},
+        {fresh, SOL_SOCKET, SO_PROTOCOL, -1, "", "3"},
+        {l2cap, SOL_SOCKET, SO_PROTOCOL, -1, "", "0"},
+        {hci, SOL_SOCKET, SO_PROTOCOL, -1, "", "1"},
+        {fresh, SOL_SOCKET, SO_KEEPALIVE, 1, "0", "1"},
+        {fresh, SOL_BLUETOOTH, BT_SECURITY, -1, "", "1"},
+        {fresh, SOL_BLUETOOTH, BT_SECURITY, BT_SECURITY_HIGH, "0", "3"},
+        {fresh, SOL_BLUETOOTH, BT_SECURITY, 9, "EINVAL", "3"},
+        {fresh, SOL_RFCOMM, RFCOMM_LM, -1, "", "38"},
+        {fresh, SOL_RFCOMM, RFCOMM_LM, RFCOMM_LM_AUTH, "0", "2"},
+        {fresh, SOL_RFCOMM, RFCOMM_LM, RFCOMM_LM_AUTH | RFCOMM_LM_ENCRYPT, "0", "6"},
+        {fresh, SOL_RFCOMM, RFCOMM_LM, RFCOMM_LM_SECURE, "0", "38"},
+        {fresh, SOL_RFCOMM, RFCOMM_CONNINFO, -1, "", "ENOTCONN"},
+        {m_Near, SOL_RFCOMM, RFCOMM_CONNINFO, -1, "", "1"},
+        {fresh, SOL_RFCOMM, 99, 1, "ENOPROTOOPT", "ENOPROTOOPT"},
+        {fresh, SOL_L2CAP, L2CAP_OPTIONS, 1, "ENOPROTOOPT", "ENOPROTOOPT"},
+        {l2cap, SOL_L2CAP, L2CAP_OPTIONS, 672, "0", "44040864"},  // 672 twice
+        {l2cap, SOL_L2CAP, L2CAP_LM, -1, "", "2"},
+        {l2cap, SOL_L2CAP, 99, -1, "", "ENOPROTOOPT"},
+        {l2cap, SOL_RFCOMM, RFCOMM_LM, 1, "ENOPROTOOPT", "ENOPROTOOPT"},
+        {hci, SOL_HCI, HCI_TIME_STAMP, 1, "0", "0"},
+        {hci, SOL_HCI, HCI_FILTER, 16, "0", "16"},
+        {hci, SOL_RFCOMM, RFCOMM_LM, 1, "ENOPROTOOPT", "ENOPROTOOPT"},
+    };
+    for (const auto& test : CASES) {
+        SCOPED_TRACE(std::to_string(test.Level) + " " + std::to_string(test.Option) + " " + std::to_string(test.Set));
+        int value = test.Set;
+        const bool sets = test.Set >= 0;
+        EXPECT_EQ(sets ? Errno(setsockopt(test.Fd, test.Level, test.Option, &value, sizeof(value))) : "",
+                  test.SetResult);
+        socklen_t length = sizeof(value);
+        value = 0;
+        const std::string result = Errno(getsockopt(test.Fd, test.Level, test.Option, &value, &length));
+        EXPECT_EQ(result == "0" ? std::to_string(value) : result, test.Got);
+    }
+    int mode = 0;
+    EXPECT_EQ(Errno(setsockopt(fresh, SOL_RFCOMM, RFCOMM_LM, &mode, 1)), "EINVAL") << "too short";
+    const struct
+    {
+        int Type, Protocol;
+        const char* Result;
+    } SOCKETS[] = {{SOCK_DGRAM, BTPROTO_RFCOMM, "EPROTONOSUPPORT"},
+                   {SOCK_SEQPACKET, BTPROTO_RFCOMM, "EPROTONOSUPPORT"},
+                   {SOCK_STREAM, BTPROTO_HCI, "EPROTONOSUPPORT"},
+                   {SOCK_DGRAM, BTPROTO_L2CAP, "EPROTONOSUPPORT"},
+                   {SOCK_RAW, BTPROTO_SCO, "EPROTONOSUPPORT"}};
+    for (const auto& test : SOCKETS)
+        EXPECT_EQ(Errno(socket(AF_BLUETOOTH, test.Type, test.Protocol)), test.Result) << test.Type << test.Protocol;
+}
+
+// What hciconfig and others ask of an adapter, by ioctl and by commands.
+TEST_F(Air, ControlOfTheAdapter)
+{
+    const int control = hci_open_dev(0);
+    hci_version version{};
+    EXPECT_EQ(hci_read_local_version(control, &version, 1000), 0);
+    EXPECT_EQ(version.manufacturer, 0xFFFF);
+    std::uint8_t features[8] = {}, type[3] = {1, 1, 1};
+    EXPECT_EQ(hci_read_local_features(control, features, 1000), 0);
+    EXPECT_EQ(hci_read_class_of_dev(control, type, 1000), 0);
+    EXPECT_EQ(type[0] + type[1] + type[2], 0);
+    bdaddr_t address{};
+    EXPECT_EQ(hci_read_bd_addr(control, &address, 1000), 0);
+    EXPECT_EQ(address.b[0], 1);
+    EXPECT_EQ(hci_write_local_name(control, "Anna", 1000), 0);
+    char name[249] = {};
+    EXPECT_EQ(hci_read_local_name(control, sizeof(name), name, 1000), 0);
+    EXPECT_STREQ(name, "Anna");
+    std::uint8_t wanted = SCAN_PAGE, scan[2] = {};
+    hci_request request{};
+    request.ogf = OGF_HOST_CTL;
+    request.ocf = OCF_WRITE_SCAN_ENABLE;
+    request.cparam = &wanted;
+    request.clen = sizeof(wanted);
+    EXPECT_EQ(hci_send_req(control, &request, 1000), 0);
+    request = {};
+    request.ogf = OGF_HOST_CTL;
+    request.ocf = OCF_READ_SCAN_ENABLE;
+    request.rparam = scan;
+    request.rlen = sizeof(scan);
+    EXPECT_EQ(hci_send_req(control, &request, 1000), 0);
+    EXPECT_EQ(scan[1], SCAN_PAGE);
+    EXPECT_EQ(Errno(hci_write_inquiry_mode(control, 1, 1000)), "EIO") << "an unknown command";
+    EXPECT_EQ(Errno(write(control, "ab", 2)), "EINVAL") << "no command";
+
+    Link();
+    alignas(hci_conn_list_req) char room[sizeof(hci_conn_list_req) + 2 * sizeof(hci_conn_info)] = {};
+    auto* const links = reinterpret_cast<hci_conn_list_req*>(room);
+    for (const bool hasRoom : {true, false}) {
+        links->conn_num = hasRoom ? 2 : 0;
+        EXPECT_EQ(ioctl(control, HCIGETCONNLIST, links), 0);
+        EXPECT_EQ(links->conn_num, hasRoom ? 1 : 0) << "as many as there is room for";
+    }
+    EXPECT_EQ(links->conn_info[0].link_mode, HCI_LM_MASTER);
+    EXPECT_EQ(links->conn_info[0].bdaddr.b[0], 2);
+
+    hci_dev_req discoverable{0, SCAN_PAGE | SCAN_INQUIRY};
+    struct
+    {
+        hci_inquiry_req Request;
+        inquiry_info Room;
+    } inquiry{{0, IREQ_CACHE_FLUSH, {}, 1, 1}, {}};
+    const struct
+    {
+        unsigned long Request;
+        void* Argument;
+        const char *Up, *Down;
+    } CASES[] = {
+        {HCISETSCAN, &discoverable, "0", "ENETDOWN"},
+        {HCIINQUIRY, &inquiry, "0", "ENETDOWN"},
+        {HCIDEVRESET, nullptr, "0", "ENETDOWN"},
+        {HCISETPTYPE, &discoverable, "EOPNOTSUPP", "ENETDOWN"},
+        {HCIDEVRESTAT, reinterpret_cast<void*>(7), "ENODEV", "ENODEV"},
+    };
+    for (const bool isUp : {true, false}) {
+        for (const auto& test : CASES)
+            EXPECT_EQ(Errno(ioctl(control, test.Request, test.Argument)), isUp ? test.Up : test.Down) << test.Request;
+        EXPECT_EQ(ioctl(control, HCIDEVDOWN, 0), 0);
+    }
+    EXPECT_EQ(Errno(hci_read_local_name(control, sizeof(name), name, 1000)), "ENETDOWN");
+    sockaddr_hci monitor{AF_BLUETOOTH, HCI_DEV_NONE, 2};
+    EXPECT_EQ(Errno(bind(control, reinterpret_cast<sockaddr*>(&monitor), sizeof(monitor))), "EINVAL");
+    int on = 0;
+    EXPECT_EQ(ioctl(control, FIONREAD, &on), 0) << "which is any socket's";
+    std::uint16_t adapters = 0;
+    EXPECT_EQ(ioctl(control, HCIGETDEVLIST, &adapters), 0);
+    EXPECT_EQ(adapters, 0) << "no room";
+}
+
 TEST_F(Air, NamesOfDevices)
 {
     tav_air::Put({"02:00:00:00:00:03", "Robot3", true, true, false});
@@ -464,6 +699,19 @@ TEST_F(Air, NamesOfDevices)
     EXPECT_EQ(hci_read_local_name(adapter, sizeof(own), own, 1000), 0);
     EXPECT_STREQ(own, "Robot1");
     EXPECT_EQ(Errno(hci_open_dev(7)), "ENODEV");
+
+    // What l2ping does.
+    sockaddr_l2 device{};
+    device.l2_family = AF_BLUETOOTH;
+    for (const char* brick : {"02:00:00:00:00:99", ROBOT2}) {
+        const int echo = socket(AF_BLUETOOTH, SOCK_RAW, BTPROTO_L2CAP);
+        str2ba(brick, &device.l2_bdaddr);
+        const std::string result = Errno(connect(echo, reinterpret_cast<sockaddr*>(&device), sizeof(device)));
+        EXPECT_EQ(result, brick == ROBOT2 ? "0" : "EHOSTDOWN");
+        if (result != "0") continue;
+        EXPECT_EQ(Send(echo, "\x01 no echo") + Send(echo, "\x08 echo"), "96");
+        EXPECT_EQ(Receive(echo), "\x09 echo");
+    }
     Enter_Air(1);  // a program's time-outs are its own
     const sockaddr_rc absent = Address("02:00:00:00:00:99", 0);
     EXPECT_EQ(Errno(hci_read_remote_name(hci_open_dev(0), &absent.rc_bdaddr, sizeof(own), own, 50)), "ETIMEDOUT");
@@ -490,6 +738,62 @@ TEST_F(Air, InquiriesFromTheCache)
     EXPECT_EQ(inquire(0), 0);
 }
 
+TEST_F(Air, EveryCallFailsOnRequest)
+{
+    Link();
+    const int fresh = Open(), server = Open(), adapter = hci_open_dev(0);
+    EXPECT_EQ(Bind(server, ROBOT1, 5), "0");
+    const bdaddr_t any{};
+    const bdaddr_t robot2 = Address(ROBOT2, 0).rc_bdaddr;
+    sdp_session_t* const session = sdp_connect(&any, &robot2, 0);
+    ASSERT_NE(session, nullptr);
+    char text[9] = {};
+    int value = 0;
+    socklen_t length = sizeof(value);
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(m_Near, &readable);
+    const struct
+    {
+        const char* Call;
+        std::function<std::string()> Make;
+    } CASES[] = {
+        {"socket", [] { return Errno(Open()); }},
+        {"bind", [&] { return Bind(fresh, ROBOT1, 3); }},
+        {"listen", [&] { return Errno(listen(server, 1)); }},
+        {"accept", [&] { return Errno(accept(server, nullptr, nullptr)); }},
+        {"connect", [&] { return Connect(fresh, ROBOT2, 3); }},
+        {"select", [&] { return Errno(select(m_Near + 1, &readable, nullptr, nullptr, nullptr)); }},
+        {"select", [&] { return Errno(pselect(m_Near + 1, &readable, nullptr, nullptr, nullptr, nullptr)); }},
+        {"setsockopt", [&] { return Errno(setsockopt(fresh, SOL_RFCOMM, RFCOMM_LM, &value, length)); }},
+        {"getsockopt", [&] { return Errno(getsockopt(fresh, SOL_SOCKET, SO_ERROR, &value, &length)); }},
+        {"recv", [&] { return Receive(m_Near); }},
+        {"send", [&] { return Send(m_Near, "x"); }},
+        {"fcntl", [&] { return Errno(fcntl(m_Near, F_GETFL)); }},
+        {"shutdown", [&] { return Errno(shutdown(m_Near, SHUT_WR)); }},
+        {"close", [&] { return Errno(close(m_Near)); }},
+        {"hci_devinfo", [] { return Errno(hci_devinfo(0, nullptr)); }},
+        {"hci_get_route", [] { return Errno(hci_get_route(nullptr)); }},
+        {"hci_open_dev", [] { return Errno(hci_open_dev(0)); }},
+        {"hci_inquiry", [] { return Errno(hci_inquiry(0, 1, 1, nullptr, nullptr, 0)); }},
+        {"hci_read_remote_name", [&] { return Errno(hci_read_remote_name(adapter, &robot2, 9, text, 0)); }},
+        {"hci_read_local_name", [&] { return Errno(hci_read_local_name(adapter, 9, text, 0)); }},
+        {"hci_close_dev", [&] { return Errno(hci_close_dev(adapter)); }},
+        {"sdp_connect", [&] { return Errno(sdp_connect(&any, &robot2, 0) ? 0 : -1); }},
+        {"sdp_service_search_attr_req",
+         [&] { return Errno(sdp_service_search_attr_req(session, nullptr, SDP_ATTR_REQ_RANGE, nullptr, nullptr)); }},
+        {"sdp_close", [&] { return Errno(sdp_close(session)); }},
+    };
+    for (const auto& test : CASES) {
+        Ask_Faults(std::string(test.Call) + ":1=EXDEV");
+        EXPECT_EQ(test.Make(), "EXDEV") << test.Call;
+        EXPECT_EQ(Count(test.Call), 1);
+    }
+    auto left = std::vector<int>{m_Far, fresh, server};
+    std::sort(left.begin(), left.end());
+    EXPECT_EQ(tav_air::Get_Open(), left) << "what is told to fail to close is closed";
+}
+
 TEST_F(Air, FaultsOnRequest)
 {
     const struct
@@ -499,7 +803,11 @@ TEST_F(Air, FaultsOnRequest)
         {"send:2=short:1 recv:1=short:2", ""},
         {"send", "'send' is not of the form CALL:N=EFFECT"},
         {"dance:1=EIO", "'dance' in 'dance:1=EIO' is no call that can fail"},
+        {"=:", "'=:' is not of the form CALL:N=EFFECT"},
         {"send:0=EIO", "'0' in 'send:0=EIO' is neither a number from 1 on nor *"},
+        {"send:x=EIO", "'x' in 'send:x=EIO' is neither a number from 1 on nor *"},
+        {"recv:1=short:0", "'short:0' in 'recv:1=short:0' is neither the name of an errno (EIO, ...) nor vanish nor, "
+                           "for send and recv, short:BYTES"},
         {"close:1=short:3", "'short:3' in 'close:1=short:3' is neither the name of an errno (EIO, ...) nor vanish nor, "
                             "for send and recv, short:BYTES"},
     };
@@ -510,7 +818,7 @@ TEST_F(Air, FaultsOnRequest)
     EXPECT_EQ(Send(m_Near, "two"), "1");
     EXPECT_EQ(Receive(m_Far), "on");
     EXPECT_EQ(Receive(m_Far), "et");
-    EXPECT_FALSE(tav_air::Enter("no/slash", 1));
+    EXPECT_FALSE(tav_air::Enter("", 1) || tav_air::Enter(std::string(31, 'a'), 1) || tav_air::Enter("no/slash", 1));
     EXPECT_FALSE(tav_air::Enter("air", 0));
 }
 

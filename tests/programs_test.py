@@ -56,6 +56,10 @@ OUTCOMES: list[tuple[int, str, Command]] = [
     (1, "channels 1 and 16", ["--faults", "bind:1=EACCES", "Robot2", "--", *SERVER]),
     (2, "tav-air: TAV_AIR_FAULTS: 'NOTHING'", ["--faults", "bind:1=NOTHING", "A", "--", "true"]),
     (2, "tav-air: TAV_AIR_SPEED: '1x'", ["--speed", "1x", "A", "--", "true"]),
+    (2, "tav-air: TAV_AIR_SPEED: '0'", ["--speed", "0", "A", "--", "true"]),
+    (2, "tav-air: TAV_AIR_BRICK: a name has at most 248 bytes", ["A" * 249, "--", "true"]),
+    (2, "tav-air: TAV_AIR_SERVICES: 'Mail=31'", ["--service", "0xAB", "--service", "Mail=31", "A", "--", "true"]),
+    (1, "air: hci_get_route(), told to fail", ["--trace", "--faults", "hci_get_route:1=EIO", "A", "--", *CLIENT]),
     (2, "tav-air: TAV_AIR: 'a/b'", ["--air", "a/b", "A", "--", "true"]),
     (2, "tav-air: TAV_AIR_STATE: 'lost'", ["--state", "hidden lost", "A", "--", "true"]),
     (2, "tav-air: TAV_AIR_SERVICES: 'Mailboxes'", ["--service", "Mailboxes", "A", "--", "true"]),
@@ -208,6 +212,22 @@ import errno, socket as s
 client = s.socket(s.AF_BLUETOOTH, s.SOCK_STREAM, s.BTPROTO_RFCOMM)
 print(errno.errorcode.get(client.connect_ex(("02:00:00:00:00:02", 16)), "connected"))
 """
+
+
+FORK_SCRIPT = """
+import os, socket as s
+client, address = s.socket(s.AF_BLUETOOTH, s.SOCK_STREAM, s.BTPROTO_RFCOMM), ("02:00:00:00:00:02", 16)
+if os.fork() == 0: os._exit(client.connect_ex(address) or len(client.recv(9)))
+print("the child got", os.waitstatus_to_exitcode(os.wait()[1]))
+"""
+
+
+def test_a_child_connects_with_its_parents_socket(air: Air) -> None:
+    air.brick(
+        "Robot2", "/usr/bin/python3", "-c", SERVER_SCRIPT.replace("accept()", "accept()[0].send(b'four')")
+    ).wait_for("here")
+    robot1 = air.brick("Robot1", "/usr/bin/python3", "-c", FORK_SCRIPT)
+    robot1.wait_for("the child got 4")
 
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="only root can be two users")

@@ -56,6 +56,7 @@ CASES = [
     Case("devices", 0, ROBOT2 + " +Robot2\n02:00:00:00:00:03 +Robot 3\n$", listed=LIST),
     Case("devices", 3, "no device list file.*\n  -> mkdir"),
     Case("devices", 7, ROBOT2 + " +Robot2\n.*__BTScan__ is damaged from byte 27 on", listed=LIST[:-1]),
+    Case("devices", 7, "__BTScan__ is damaged from byte 0 on", listed="Robot2"),
     Case("services Robot2", 0, "CHANNEL +NAME +DESC.*\n16 +Lights +On and off +Me\n- +Bare", "serve --any"),
     Case("services Robot2 --json", 0, '"channel":16}\n.*"channel":null}', "serve --any"),
     Case(
@@ -86,6 +87,10 @@ CASES = [
         "serve --any -n 1 -t 2",
         "damaged, has no data",
     ),
+    Case("send Robot2 abc --bool true", 0, "sent", "serve --from Robot1 --id abc --bool --raw -n 1", "^true$"),
+    Case("send Robot2 abc --bool true", 0, "sent", "serve --dump --json -n 1", '^{"bytes":"03526F'),
+    Case("send Robot2 abc --text Hi", 0, "sent", "serve --any --time", "^[-0-9]{10}T[:0-9]{8}[.][0-9]{6}Z text from"),
+    Case("send Robot2 abc --text Hi --classic", 0, "sent", "serve --any --classic", '^text, id "abc": "Hi"'),
     Case("send Robot2 abc --file -", 0, "sent", "serve --from Robot1 --id abc --data --raw -n 1", "stdin of Robot1$"),
     Case("send Robot2 abc --text= --classic", 0, "sent", "serve --classic --id abc --text -n 1", "^\n$"),
     Case("send Robot2 abc --bool false --classic", 0, "sent", "serve --classic --id abc --bool -n 1", "^false\n"),
@@ -178,6 +183,8 @@ CASES = [
         "broadcast xyz --text Hi",
     ),
     Case("recv Robot2 abc --text", 4, "ignored 13 bytes, not a text .*: it is a bool", "broadcast xyz --bool true"),
+    Case("recv Robot2 abc --data", 4, "ignored 13 bytes, not data from", "broadcast xyz --bool true"),
+    Case("recv Robot2 abc --text --classic", 4, "not a text with the id", "broadcast xyz --text Hi --classic"),
     Case("recv Robot2 abc --text", 4, 'its sender is "Bob"', "broadcast abc --text Hi", name="Bob"),
     Case("recv Robot2 abc --bool -t 0.3", 5, "nothing that matches came in 0.3 s", "serve --any"),
     Case("recv Robot2 --text", 2, "the id of the messages is missing"),
@@ -193,6 +200,7 @@ CASES = [
         "chat --listen --from Robot1",
         "Robot1: stdin of\nRobot1: Robot1\n",
     ),
+    Case("chat Robot2", 0, "", "chat --listen --from Robot1 --json", '"sender":"Robot1","id":"chat","value":"Robot1"}'),
     Case("chat Robot2", 4, "refused", "serve --any --classic"),
     Case("chat", 2, "with whom"),
     Case("bench Robot2 -t 0.01", 0, "ROUND TRIPS/S.*\n1 .*\n16 .*\n64 .*\n256 .*\n800 ", "bench --serve"),
@@ -216,6 +224,8 @@ CASES = [
     ),
     Case("doctor", 1, "problem  channel 16: free, but .* obexd", air={"faults": "bind:4=EADDRINUSE"}),
     Case("doctor", 0, "warning  device list: no folder.*\n +-> mkdir", project=False),
+    Case("doctor", 0, "warning  name: the adapter has none", air={"faults": "hci_read_local_name:*=EIO"}),
+    Case("doctor", 0, "warning  name: the adapter has none", air={"faults": "hci_open_dev:*=EIO"}),
     Case("doctor --json", 0, '"check":"name","state":"warning","what":"other bricks find', name="Bob"),
     Case(
         "decode 03 41 42 00 61 62 63 00 01",
@@ -231,6 +241,8 @@ CASES = [
         "a zero byte, which readers skip(.*\n)*odd: its length is 13, not 12",
     ),
     Case("decode 01 41 00 61 00 48", 7, "damaged: no NUL ends its text: readers drop its last byte"),
+    Case("decode 04 41 00 61 00 40 00 00 00 " + 64 * "DE", 0, "9 +(DE )+[.]{3} +data"),
+    Case("decode --lines", 7, "not pairs of hexadecimal digits"),
     Case("decode 07", 7, "its type is 7, which is none of"),
     Case("decode 0 7", 7, "not pairs of hexadecimal digits"),
     Case("complete -- send R", 0, "^Robot2\nRobot 3\n$", listed=LIST),
@@ -380,6 +392,11 @@ nonsense
 {"kind":"text","id":"d","value":"","value_hex":"E9FF","sender":"x"}
 {"kind":"text","id":"d","valeu":"x"}
 {"kind":"text","id":"d","value":"x","to":"Robot9"}
+["no object"]
+{"kind":"data","id":"c","value":"0"}
+{"kind":"text","id":5,"value":"x"}
+{"id":"d","value":"x"}
+{"kind":"flag","id":"b","value":true}
 {"kind":"bool","id":"b","value":true}"""  # the last one without an end
 
 
@@ -398,11 +415,16 @@ def test_pipe_carries_what_is_a_message(world: World) -> None:
         ("b", True),
     ]
     assert answers[2]["value_hex"] == "E9FF"
-    assert re.findall(r"line \d, column \d+", pipe.said) == [
+    assert re.findall(r"line \d+, column \d+", pipe.said) == [
         "line 2, column 2",
         "line 5, column 25",
         "line 7, column 25",
         "line 8, column 1",
+        "line 9, column 1",
+        "line 10, column 25",
+        "line 11, column 16",
+        "line 12, column 1",
+        "line 13, column 2",
     ], pipe.said
     assert server.stop() == 0 and server.said.count(" connected\n") == 1, server.said
 
@@ -532,6 +554,7 @@ def test_cut_messages_are_damaged(form: str) -> None:
     """Cut anywhere; whole ones are not."""
     got = run("decode", form, "--lines", given="\n".join(WHOLE[form]))
     assert got.returncode == 0 and got.stdout.count("OFFSET") == len(WHOLE[form]) and "joined" not in got.stdout
+    assert run("decode", form, "--lines", given="07\n" + WHOLE[form][0]).returncode == 7
     for message in WHOLE[form]:
         for size in range(1, len(message.split()) + 1):
             cut = message.split()[:size]
