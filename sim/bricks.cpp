@@ -164,8 +164,7 @@ bool Put(const S_Brick& brick)
         State().Bricks[brick.Address].Brick = put;
     }
     Change_Brick(put);
-    Wait_ForThread(
-        lock);  // a name stays taken until the thread has left its wait on it: the thread, not this one, listens
+    Wait_ForThread(lock);  // it listens, and a name is taken until it has left its wait on it
     return true;
 }
 

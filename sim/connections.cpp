@@ -166,14 +166,14 @@ std::vector<int> List_Fds(const S_Socket& socket)
     return fds;
 }
 
-std::set<std::string> List_Links(const std::string& address)
+std::map<std::string, bool> List_Links(const std::string& address)
 {
-    std::set<std::string> links;
+    std::map<std::string, bool> links;
     for (const std::string& name : List_Names(true)) {
         if (name.size() <= 2 * ADDRESS_SIZE + 1 || name[ADDRESS_SIZE] != '>') continue;
         const std::string from = name.substr(0, ADDRESS_SIZE), to = name.substr(ADDRESS_SIZE + 1, ADDRESS_SIZE);
-        if (from == address) links.insert(to);
-        if (to == address) links.insert(from);
+        if (from == address) links[to] = true;
+        if (to == address) links.emplace(from, false);
     }
     return links;
 }
@@ -190,10 +190,9 @@ Clock::time_point Do_DueConnections(Clock::time_point now)
         next = std::min(next, socket.Deadline);
     }
     auto& kept = State().Kept;
-    const auto names = kept.empty() ? std::set<std::string>{} : List_Names();
     for (auto one = kept.begin(); one != kept.end();) {
-        const bool isSilent = one->second.Brick.empty() || names.count(one->second.Brick + "/gone") > 0;
-        const bool isOver = one->first <= now || !isSilent;
+        const std::string& brick = one->second.Brick;
+        const bool isOver = one->first <= now || (!brick.empty() && !Is_Silent(brick));
         if (isOver) Real().Shutdown(one->second.Fd, SHUT_RDWR);  // wakes who still waits on it, unlike close
         one = isOver ? kept.erase(one) : std::next(one);
     }
@@ -231,7 +230,7 @@ void Fall_Silent(S_Local& local)
     Record_Note("out of range");
     local.Open.Radio = C_Own();
     local.Open.Gone = Open_UnixSocket(SOCK_DGRAM);
-    Bind_Name(local.Open.Gone, address + "/gone");
+    Bind_Name(local.Open.Gone, address + "/gone" + std::to_string(getpid()));
     For_All(address, E_State::CONNECTED, Cut);
 }
 
@@ -261,7 +260,7 @@ void Drop_Socket(int fd)
     g_Ours.Set(fd, false);
     if (!isLast) return;
     Record_Close(*socket, isUp || socket->State == E_State::LOST);
-    if (isUp && Is_Taken(socket->Peer + "/gone")) {
+    if (isUp && Is_Silent(socket->Peer)) {
         Keep(socket->Call, Clock::now() + Scaled(SUPERVISION), socket->Peer);
         Wake_Thread();
     }

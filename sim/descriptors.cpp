@@ -47,16 +47,16 @@ const S_Real& Real()
     return real;
 }
 
-std::vector<S_Watch> List_Watches(const std::string& instance)
+std::vector<S_Registration> List_Registrations(const std::string& instance)
 {
-    std::vector<S_Watch> watches;
+    std::vector<S_Registration> watches;
     std::ifstream file("/proc/self/fdinfo/" + instance);
     for (std::string line; std::getline(file, line);) {
         int fd = -1;
         std::uint32_t events = 0;
         unsigned long long data = 0;
         if (sscanf(line.c_str(), "tfd: %d events: %x data: %llx", &fd, &events, &data) != 3) continue;
-        S_Watch& watch = watches.emplace_back(S_Watch{fd, {}});
+        S_Registration& watch = watches.emplace_back(S_Registration{fd, {}});
         watch.Event.events = events;
         watch.Event.data.u64 = data;
     }
@@ -116,7 +116,7 @@ void Swap_In(int fd, int other)
     Real().Fcntl(other, F_SETFL, flags);
     std::vector<std::pair<int, epoll_event>> watches;  // epoll watches open files, not numbers
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo"))
-        for (const S_Watch& watch : List_Watches(entry.path().filename()))
+        for (const S_Registration& watch : List_Registrations(entry.path().filename()))
             if (watch.Fd == fd) watches.emplace_back(std::stoi(entry.path().filename()), watch.Event);
     for (const auto& watch : watches)
         epoll_ctl(watch.first, EPOLL_CTL_DEL, fd, nullptr);

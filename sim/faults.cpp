@@ -49,13 +49,6 @@ int Get_Errno(const std::string& name)
     return 0;
 }
 
-bool Parse_Number(const std::string& text, unsigned long& number)
-{
-    if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos) return false;
-    number = std::stoul(text);
-    return true;
-}
-
 // What is wrong with the rule CALL:N=EFFECT; empty: nothing.
 std::string Parse_Rule(const std::string& text, S_Rule& rule)
 {
@@ -88,6 +81,13 @@ std::string Parse_Rule(const std::string& text, S_Rule& rule)
 }  // namespace
 
 thread_local int t_Inside = 0;
+
+bool Parse_Number(const std::string& text, unsigned long& number)
+{
+    if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos) return false;
+    number = std::stoul(text);
+    return true;
+}
 
 std::string Take_Faults(const std::string& rules)
 {

@@ -57,18 +57,16 @@ void Fill_Info(const S_Brick& brick, hci_dev_info& info)
 int List_Connections(const S_Brick& brick, hci_conn_info* infos, int room)
 {
     const std::lock_guard lock(State().Mutex);
-    const auto names = List_Names();
     int count = 0;
-    for (const std::string& peer : List_Links(brick.Address)) {
+    for (const auto& [peer, hasCalled] : List_Links(brick.Address)) {
         if (count == room) break;
         hci_conn_info& info = infos[count++];
         info = {};
         info.handle = static_cast<std::uint16_t>(count);
         info.type = ACL_LINK;
         info.state = BT_CONNECTED;
-        const auto own = names.lower_bound(brick.Address + ">" + peer);
-        info.out = own != names.end() && own->rfind(brick.Address + ">" + peer, 0) == 0;
-        info.link_mode = info.out ? HCI_LM_MASTER : 0;
+        info.out = hasCalled;
+        info.link_mode = hasCalled ? HCI_LM_MASTER : 0;
         str2ba(peer.c_str(), &info.bdaddr);
     }
     return count;

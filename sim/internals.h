@@ -256,12 +256,12 @@ C_Own Open_Pair(int type, int& near);
 int Close_Range(unsigned int first, unsigned int last, int flags);
 
 // What an epoll instance watches, as the kernel knows it: with what is left of EPOLLONESHOT.
-struct S_Watch
+struct S_Registration
 {
     int Fd;
     epoll_event Event;
 };
-std::vector<S_Watch> List_Watches(const std::string& instance);
+std::vector<S_Registration> List_Registrations(const std::string& instance);
 
 // Puts the open file of `other` behind the number `fd`, which keeps its flags and whoever watches it by epoll.
 void Swap_In(int fd, int other);
@@ -302,10 +302,10 @@ int Bind_Name(int fd, const std::string& name);
 int Connect_Name(int fd, const std::string& name);  // a stranger's is not there
 std::set<std::string> List_Names(bool onlyConnected = false);
 std::set<std::string> List_Programs(const std::string& address);  // those that are the brick
-bool Is_Taken(const std::string& name);
-bool Is_Friend(int fd);                                               // who is at the other end may be there
-bool Is_Foreign(const std::string& name);                             // another user has it
-bool Is_Listening(const std::string& name);                           // and is a friend
+bool Is_Silent(const std::string& address);  // a program of this brick is, whose links are not given up
+bool Is_Friend(int fd);                      // who is at the other end may be there
+bool Is_Foreign(const std::string& name);    // another user has it
+bool Is_Listening(const std::string& name);  // and is a friend
 std::string Parse_Client(const sockaddr* address, socklen_t length);  // the peer that calls
 
 // What who listens there tells about its brick, after it has obeyed an order, if there is one; without the lock.
@@ -329,8 +329,8 @@ void Drop_Socket(int fd);
 bool Is_AtEnd(int fd);
 Clock::time_point Do_DueConnections(Clock::time_point now);  // for the thread; returns when the next is due
 
-// Whom a brick has links to.
-std::set<std::string> List_Links(const std::string& address);
+// Whom a brick has links to, and whether it called.
+std::map<std::string, bool> List_Links(const std::string& address);
 
 // ---- HCI and SDP (hci.cpp, sdp.cpp) ---------------------------------------------------------------------------------
 
@@ -348,6 +348,8 @@ struct S_Fault
     size_t Limit = SIZE_MAX;  // move at most so many bytes
     bool Vanish = false;
 };
+
+bool Parse_Number(const std::string& text, unsigned long& number);  // at most 9 digits, or false
 
 // Counts and traces a call, unless it is made by BlueZ's library: on a descriptor or, without one, of the brick whose
 // adapter this thread uses.
@@ -386,8 +388,12 @@ int Fail(int error);  // always -1, with errno
 std::string Get_Text(const bdaddr_t& address);
 
 SocketPointer Find_Socket(int fd);  // with the lock held; null: none
-S_Socket Get_Socket(int fd);        // a copy, which may be outdated at once
-int Take_Error(int fd);             // that of its connection, once
+
+// What a copy of the descriptor is, too; null: none of ours, or a vforked child's, which borrows our memory.
+SocketPointer Share_Socket(int fd);
+
+S_Socket Get_Socket(int fd);  // a copy, which may be outdated at once
+int Take_Error(int fd);       // that of its connection, once
 int Add_Socket(int fd, const SocketPointer& socket);
 void Forget_Socket(int fd);  // it is closed, or about to be
 

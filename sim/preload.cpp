@@ -25,10 +25,7 @@ std::string Get_Variable(const char* name, const std::string& byDefault = "")
 std::string Get_Canonical(const std::string& text)
 {
     bdaddr_t address{};
-    char canonical[18] = {};
-    if (bachk(text.c_str()) < 0 || str2ba(text.c_str(), &address) < 0) return "";
-    ba2str(&address, canonical);
-    return canonical;
+    return str2ba(text.c_str(), &address) < 0 ? "" : tav_air::Get_Text(address);
 }
 
 // NAME[|DESCRIPTION[|PROVIDER]]=CHANNEL, one a line.
@@ -43,17 +40,15 @@ std::vector<tav_air::S_Service> Parse_Services(const std::string& text)
             continue;
         }
         const std::size_t equals = line.rfind('=');
-        const std::string number = equals == std::string::npos ? "" : line.substr(equals + 1);
-        const bool valid = !number.empty() && number.size() <= 2 &&
-                           number.find_first_not_of("0123456789") == std::string::npos && std::stoi(number) <= 30;
-        if (!valid)
+        unsigned long channel = 0;
+        if (equals == std::string::npos || !tav_air::Parse_Number(line.substr(equals + 1), channel) || channel > 30)
             Refuse("TAV_AIR_SERVICES", "'" + line + "' is not NAME[|DESCRIPTION[|PROVIDER]]=CHANNEL, channel 0 to 30");
         std::istringstream texts(line.substr(0, equals));
         tav_air::S_Service& service = services.emplace_back();
         std::getline(texts, service.Name, '|');
         std::getline(texts, service.Description, '|');
         std::getline(texts, service.Provider, '|');
-        service.Channel = std::stoi(number);
+        service.Channel = static_cast<int>(channel);
     }
     return services;
 }

@@ -264,9 +264,11 @@ std::set<std::string> List_Names(bool onlyConnected)
     return names;
 }
 
-bool Is_Taken(const std::string& name)
+bool Is_Silent(const std::string& address)
 {
-    return List_Names().count(name) > 0;
+    const auto names = List_Names();
+    const auto name = names.lower_bound(address + "/gone");
+    return name != names.end() && name->rfind(address + "/gone", 0) == 0;
 }
 
 std::set<std::string> List_Programs(const std::string& address)

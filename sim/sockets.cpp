@@ -36,6 +36,13 @@ SocketPointer Find_Socket(int fd)
     return found == State().Sockets.end() ? nullptr : found->second;
 }
 
+SocketPointer Share_Socket(int fd)
+{
+    if (!g_Ours.Has(fd) || getpid() != State().Process) return nullptr;
+    const std::lock_guard lock(State().Mutex);
+    return Find_Socket(fd);
+}
+
 S_Socket Get_Socket(int fd)
 {
     const std::lock_guard lock(State().Mutex);
@@ -50,7 +57,7 @@ int Take_Error(int fd)
     if (!socket) return 0;
     if (socket->State == E_State::CONNECTED && !socket->Ended && !socket->Shut && Is_AtEnd(fd)) {
         socket->Ended = true;
-        socket->Error = Is_Taken(socket->Peer + "/gone") ? ETIMEDOUT : ECONNRESET;
+        socket->Error = Is_Silent(socket->Peer) ? ETIMEDOUT : ECONNRESET;
         Record_End(*socket, socket->Error);
     }
     return std::exchange(socket->Error, 0);
@@ -113,14 +120,6 @@ void Write_Address(const S_Socket& socket, const std::string& brick, sockaddr* a
     const void* const bytes = isRfcomm ? static_cast<const void*>(&rfcomm) : &l2cap;
     memcpy(address, bytes, std::min<std::size_t>(*length, size));
     *length = static_cast<socklen_t>(size);
-}
-
-// What a copy of the descriptor is, too; null: none of ours, or a vforked child's, which borrows our memory.
-SocketPointer Share_Socket(int fd)
-{
-    if (!g_Ours.Has(fd) || getpid() != State().Process) return nullptr;
-    const std::lock_guard lock(State().Mutex);
-    return Find_Socket(fd);
 }
 
 bool Is_Connected(const S_Socket& socket)
@@ -317,12 +316,9 @@ int setsockopt(int fd, int level, int option, const void* value, socklen_t lengt
     if (!g_Ours.Has(fd) || level == SOL_SOCKET) return Real().Setsockopt(fd, level, option, value, length);
     const E_Kind kind = Get_Socket(fd).Kind;
     const auto* const bytes = static_cast<const unsigned char*>(value);
-    if (kind == E_Kind::HCI) {
-        if (level != SOL_HCI) return Fail(ENOPROTOOPT);
-        if (option == HCI_FILTER)
-            memcpy(&C_Locked(fd)->Filter, value, std::min<std::size_t>(length, sizeof(hci_filter)));
-        return 0;
-    }
+    if (kind == E_Kind::HCI && option == HCI_FILTER)
+        memcpy(&C_Locked(fd)->Filter, value, std::min<std::size_t>(length, sizeof(hci_filter)));
+    if (kind == E_Kind::HCI) return level == SOL_HCI ? 0 : Fail(ENOPROTOOPT);
     const bool isSecurity = level == SOL_BLUETOOTH && option == BT_SECURITY;
     std::string arguments = isSecurity ? "BT_SECURITY" : "RFCOMM_LM";
     for (socklen_t i = 0; i < length; ++i)
@@ -374,7 +370,7 @@ int getsockopt(int fd, int level, int option, void* value, socklen_t* length) __
     static_assert(RFCOMM_LM == L2CAP_LM && RFCOMM_CONNINFO == L2CAP_CONNINFO);
     const bool isL2cap = level == SOL_L2CAP && socket.Kind != E_Kind::RFCOMM && socket.Kind != E_Kind::HCI;
     if (!isL2cap && (level != SOL_RFCOMM || socket.Kind != E_Kind::RFCOMM)) return Fail(ENOPROTOOPT);
-    if (option == RFCOMM_LM) return give(LEVELS[socket.Security <= BT_SECURITY_HIGH ? socket.Security : 0]);
+    if (option == RFCOMM_LM) return give(LEVELS[socket.Security]);
     if (option == RFCOMM_CONNINFO) return Is_Connected(socket) ? give(rfcomm_conninfo{1, {0, 0, 0}}) : Fail(ENOTCONN);
     l2cap_options options{};
     options.omtu = options.imtu = L2CAP_DEFAULT_MTU;

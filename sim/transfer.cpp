@@ -109,13 +109,14 @@ ssize_t Receive(int fd, const Parts& parts, int flags)
 void Send_Frame(int fd, std::string& bytes, int flags)
 {
     int before = 0;
-    if (bytes.size() <= FRAME || Real().Ioctl(fd, TIOCOUTQ, &before) < 0 || before > 0) return;
+    Real().Ioctl(fd, TIOCOUTQ, &before);
+    if (bytes.size() <= FRAME || before > 0) return;
     if (Real().Send(fd, bytes.data(), FRAME, flags) != static_cast<ssize_t>(FRAME)) return;
     bytes.erase(0, FRAME);
     const auto until = Clock::now() + FRAME_TIME;
     for (int left = 1; left > 0 && Clock::now() < until;) {
         usleep(200);
-        if (Real().Ioctl(fd, TIOCOUTQ, &left) < 0) return;
+        Real().Ioctl(fd, TIOCOUTQ, &left);
     }
 }
 
@@ -126,9 +127,8 @@ ssize_t Give(int fd, Parts parts, int flags)
     if (fault.Error) return Fail(fault.Error);
     const S_Socket socket = Get_Socket(fd);
     if (socket.Kind == E_Kind::HCI || socket.Kind == E_Kind::RAW) {
-        std::unique_lock lock(State().Mutex);
-        const SocketPointer pointer = Find_Socket(fd);
-        lock.unlock();
+        const SocketPointer pointer = Share_Socket(fd);
+        if (!pointer) return Fail(EBADF);
         return (socket.Kind == E_Kind::HCI ? Send_Command : Send_Signal)(pointer, Join(parts));
     }
     if (socket.State == E_State::FAILED) return Report_End(fd, flags, ENOTCONN);
@@ -191,7 +191,7 @@ int Correct_Events(int instance, epoll_event* events, int count)
 {
     for (int i = 0; i < count; ++i) {
         if ((events[i].events & EPOLLHUP) == 0) continue;
-        for (const S_Watch& watch : List_Watches(std::to_string(instance))) {
+        for (const S_Registration& watch : List_Registrations(std::to_string(instance))) {
             if (watch.Event.data.u64 != events[i].data.u64 || !Is_AtEnd(watch.Fd)) continue;
             pollfd waited{watch.Fd, 0, static_cast<short>(events[i].events)};
             Correct(waited);

@@ -230,6 +230,29 @@ def test_a_child_connects_with_its_parents_socket(air: Air) -> None:
     robot1.wait_for("the child got 4")
 
 
+PEER_SCRIPT = """
+import errno, socket as s
+client = s.socket(s.AF_BLUETOOTH, s.SOCK_STREAM, s.BTPROTO_RFCOMM)
+client.connect(("02:00:00:00:00:02", 16)), print("connected", flush=True)
+try: client.recv(1)
+except OSError as error: print(errno.errorcode[error.errno])
+"""
+
+
+@pytest.mark.skipif(not shutil.which("hciconfig"), reason="there is no hciconfig")
+def test_an_adapter_goes_down_for_all_programs_of_its_brick(air: Air) -> None:
+    """Also when the one that switched it off is gone: the peer notices when the link is given up."""
+    server = air.brick(
+        "Robot2", "/usr/bin/python3", "-c", SERVER_SCRIPT.replace("server.accept", "kept = server.accept")
+    )
+    server.wait_for("here")
+    robot1 = air.brick("Robot1", "/usr/bin/python3", "-c", PEER_SCRIPT)
+    robot1.wait_for("connected")
+    assert air.brick("Robot2", "hciconfig", "hci0", "down").wait() == 0
+    robot1.wait_for("ETIMEDOUT")
+    assert "DOWN" in air.brick("Robot2", "hciconfig").wait_for("BD Address.*\n.*\n").string
+
+
 @pytest.mark.skipif(os.geteuid() != 0, reason="only root can be two users")
 @pytest.mark.parametrize(("share", "outcome"), [("0", "EHOSTDOWN"), ("1", "connected")])
 def test_two_users_meet_only_where_both_share(share: str, outcome: str, monkeypatch: pytest.MonkeyPatch) -> None:
