@@ -118,7 +118,7 @@ def link_operations(app: Sphinx, doctree: nodes.document) -> None:
         section = link.parent
         while not isinstance(section, nodes.section):
             section = section.parent
-        if docname not in NO_EXPLANATION:
+        if docname not in NO_EXPLANATION and name != "C_TAV_Bluetooth":
             told: dict[str, dict[tuple[str, str], str]] = app.env.__dict__.setdefault("told", {})
             place = (docname, section["ids"][0] if section.parent.parent else "")
             told.setdefault(name, {})[place] = section.next_node(nodes.title).astext()
