@@ -45,7 +45,8 @@ done <steps
 libraries=$(dirname "$usr"/lib/*/libtav-bluetooth.a)
 export PKG_CONFIG_PATH=$libraries/pkgconfig TAV_AIR_SPEED=50
 
-for file in share/man/man1/tavbt.1.gz share/man/man1/tav-session.1.gz share/bash-completion/completions/tavbt share/zsh/vendor-completions/_tavbt \
+for file in share/man/man1/{tavbt,tav-session}.1.gz share/bash-completion/completions/{tavbt,tav-session} \
+  share/zsh/vendor-completions/{_tavbt,_tav-session} \
   'lib/*/wireshark/plugins/tav.lua'; do
   # shellcheck disable=SC2086  # a pattern
   ls "$usr"/$file >/dev/null

@@ -123,15 +123,23 @@ FATES: list[tuple[Callable[[Pair], None], list[tuple[str, str]]]] = [
         play_joined,
         [
             ("joined", r'ReadMsg_TAV_String("Robot1", "a") gives "one\x00\x03Robot1\x00b\x00"'),
-            ("swallowed", "It ends up inside that text: no reader gets it. Send one message, and wait"),
+            ("swallowed", "it ends up inside that text, and no reader gets it. Send one message, and wait"),
         ],
     ),
     (
         play_cut,
-        [("cut", 'in pieces of 15 and 3 bytes. ReadMsg_TAV_String("Robot1", "a") gives "left" (no NUL ends the text')],
+        [
+            (
+                "cut",
+                'in pieces of 15 and 3 bytes, as it asked for no more at once. ReadMsg_TAV_String("Robot1", "a") gives "left" (no NUL ends the text',
+            )
+        ],
     ),
     (play_wrong_sender, [("sender", 'a reader that expects "Robot1" fails, and the message is lost')]),
-    (play_gone, [("gone", "Robot2 has hung up, or its program has ended"), ("lost", "The operation returns false")]),
+    (
+        play_gone,
+        [("gone", "The program on Robot2 has ended, without hanging up"), ("lost", "The operation returns false")],
+    ),
     (play_hung_up, [("lost", "Robot2 hung up before it read this")]),
     (play_damaged, [("damaged", "Every reader fails: no NUL ends the id")]),
     (play_well, [("ok", 'ReadMsg_TAV_Data("Robot1", "raw") gives 2 bytes DEAD.')]),
@@ -220,7 +228,7 @@ def test_it_reads_captures_of_radios(tmp_path: Path) -> None:
         ("send", "cut", "Robot1", "data map 200 bytes"),
         ("end", "plain", "Robot1", "hangs up"),
     ]
-    assert "in frames of 150 and 66 bytes. A reader that waits for it takes the first alone" in rows[2]["says"]
+    assert "in frames of 150 and 66 bytes. A reader that waits takes the first alone" in rows[2]["says"]
 
 
 def acl(cid: int, data: bytes) -> bytes:

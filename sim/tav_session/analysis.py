@@ -170,7 +170,7 @@ class Analysis:
         if event.what == "failed":
             state, words = explain(event.error, event.brick, event.peer, event.channel)
             if event.error in ("ECONNREFUSED", "EHOSTDOWN"):
-                words += ". Connect may return a socket all the same: then the first message fails"
+                words += ". Connect may return a socket all the same: then the first message fails. Disconnect, wait a second, try again"
             return self.plain(event, "connect", state, f"connect fails: {event.error}", sentence(words))
         title = f"connected to channel {event.channel}" if event.what == "connected" else "accepted"
         says = ""
@@ -192,7 +192,7 @@ class Analysis:
         theirs = next((other for other in peer.events if other.what == "end"), None) if peer else None
         if not event.error:
             return self.plain(event, "end", "plain", "hangs up")
-        state, words = explain(event.error, event.brick, event.peer, event.channel)
+        state, words = self.explain(event)
         if event.error == "ETIMEDOUT" and self.is_silent(event.brick, event.time):
             words = f"{safe(event.brick)} was out of range"
         if event.error == "ECONNRESET" and theirs and not theirs.error:
@@ -203,12 +203,24 @@ class Analysis:
             )
         return self.plain(event, "end", state, f"sees the end: {event.error}", sentence(words))
 
+    def explain(self, event: Event) -> tuple[str, str]:
+        state, words = explain(event.error, event.brick, event.peer, event.channel)
+        peer = self.match.peers.get(event.link) if event.link else None
+        if event.error == "ECONNRESET" and peer:
+            has_hung_up = any(other.what == "end" for other in peer.events)
+            words = (
+                f"{safe(event.peer)} has hung up"
+                if has_hung_up
+                else f"the program on {safe(event.peer)} has ended, without hanging up"
+            )
+        return state, words
+
     def failure_row(self, event: Event, what: str) -> Row | None:
         assert event.link
         is_told = any(end.what in ("end", "failed") and end.error == event.error for end in event.link.events)
         if not event.error or (what == "receive" and (is_told or event.error == "ENOTCONN")):
             return None
-        state, words = explain(event.error, event.brick, event.peer, event.channel)
+        state, words = self.explain(event)
         if what == "send":
             words += ". The operation returns false: the message is lost"
         return self.plain(event, what, state, f"{what} fails: {event.error}", sentence(words))
@@ -297,27 +309,34 @@ class Analysis:
 
     def cut_words(self, event: Event, parts: Sequence[Part], pieces: str) -> str:
         first = parts[0].receive
-        where = "in pieces of" if event.peer not in self.session.frames else "in frames of"
-        words = f"{safe(event.peer)} got it {where} {pieces} bytes. "
         if event.peer in self.session.frames:
-            words += "A reader that waits for it takes the first alone. "
+            words = (
+                f"{safe(event.peer)} got it in frames of {pieces} bytes. A reader that waits takes the first alone. "
+            )
+        else:
+            words = f"{safe(event.peer)} got it in pieces of {pieces} bytes"
+            words += ", as it asked for no more at once. " if first.asked == len(first.data) else ". "
         words += reader_gets(first.messages, first.data)
         return words + " The rest spoils the next read. Keep messages below 1000 bytes."
 
     def joined_fate(self, event: Event, company: Sequence[Part]) -> tuple[str, str]:
         first = company[0].send
         receive = company[0].receive
-        gets = reader_gets(receive.messages, receive.data)
-        others = len(company) - 1
-        if event is first:
-            words = f"{count(others, 'message')} behind it came in the same receive. {gets}"
-            is_text = bool(event.messages) and event.messages[0].kind == "text" and not event.messages[0].classic
-            words += "" if is_text else " The rest is dropped."
-            return "joined", f"{words} {ADVICE}"
-        before = title_of(first.messages, len(first.data))
+        name = safe(event.peer)
         is_text = bool(first.messages) and first.messages[0].kind == "text" and not first.messages[0].classic
-        fate = "It ends up inside that text" if is_text else "The reader takes that one and drops this"
-        return "swallowed", f"It came in one receive with {before}. {fate}: no reader gets it. {ADVICE}"
+        if event is first:
+            others = count(len(company) - 1, "more message")
+            words = (
+                f"{name} read {duration(receive.time - event.time)} later, and got this and {others} in one receive. "
+            )
+            words += reader_gets(receive.messages, receive.data) + ("" if is_text else " The rest is dropped.")
+            return "joined", f"{words} {ADVICE}"
+        fate = "it ends up inside that text" if is_text else "the reader takes that one and drops this"
+        before = title_of(first.messages, len(first.data))
+        return (
+            "swallowed",
+            f"{name} got it in one receive with {before}, behind that: {fate}, and no reader gets it. {ADVICE}",
+        )
 
     def sender_fate(self, event: Event, gets: str) -> tuple[str, str]:
         first = event.messages[0] if event.messages else None
@@ -326,7 +345,10 @@ class Analysis:
         if first.sender is not None and first.sender.decode("utf-8", "surrogateescape") != event.brick:
             own = quoted(event.brick.encode("utf-8", "surrogateescape"), 40)
             words = f"{safe(event.brick)} sent it under the name {quoted(first.sender, 40)}: a reader that expects {own} fails, and the message is lost. "
-            return "sender", words + f"Only {call_of(first)} takes it."
+            return (
+                "sender",
+                words + f"Only {call_of(first)} takes it. Messages bear the adapter's name, or TAV_BRICK_NAME.",
+            )
         return ("damaged" if first.found("damaged") else "ok"), gets
 
     def why_unread(self, event: Event) -> tuple[str, bool]:

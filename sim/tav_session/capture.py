@@ -127,6 +127,11 @@ def find_dissector() -> Path | None:
     return next((place for place in places if place.is_file()), None)
 
 
+def quiet_environment(folder: str) -> dict[str, str]:
+    """Without what is set for the user; and not a brick on the air."""
+    return {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"} | {"HOME": folder}
+
+
 def run_tshark(file: Path, *options: str, folder: str) -> subprocess.Popen[bytes]:
     """Newer ones run no scripts for root, so they are run as nobody then, who gets what to read as open files."""
     script = []
@@ -135,7 +140,6 @@ def run_tshark(file: Path, *options: str, folder: str) -> subprocess.Popen[bytes
         if os.geteuid() == 0:
             as_user = {"user": NOBODY, "group": NOBODY, "extra_groups": []}
         script = [f"-Xlua_script:{shutil.copy(dissector, folder)}"]
-    environment = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}  # it is no brick
     channels = ["-d", "btrfcomm.dlci==4-31,tav", "-d", "btrfcomm.dlci==34-61,tav"]  # those that it does not know
     with file.open("rb") as capture:
         return subprocess.Popen(
@@ -143,7 +147,7 @@ def run_tshark(file: Path, *options: str, folder: str) -> subprocess.Popen[bytes
             stdin=capture,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
-            env=environment | {"HOME": folder},
+            env=quiet_environment(folder),
             preexec_fn=die_with_parent,
             **as_user,
         )
@@ -232,7 +236,7 @@ class Reader:
     """Turns the rows of a brick's capture into events. Peers are known by their addresses, for now."""
 
     def __init__(self, file: Path, name: str, description: str, names: dict[str, str]) -> None:
-        self.file = file
+        self.key = name or str(file)
         self.names = names  # by address
         self.has_calls = description == CALLS
         is_brick = name and not re.match(r"(bluetooth|hci|usbmon)\d", name)
@@ -244,7 +248,7 @@ class Reader:
         self.count = 0
 
     def add(self, row: dict[str, str], what: str, link: Link | None = None, **more: Any) -> Event:
-        event = Event(float(row["time"]), self.own, what, link, key=f"{self.file.name}:{row['number']}", **more)
+        event = Event(float(row["time"]), self.own, what, link, **more)
         if link:
             event.peer, event.channel = link.peer, link.channel
             link.events.append(event)
@@ -291,14 +295,12 @@ class Reader:
         key = row["handle"], dlci
         if frame == SABM:
             self.count += 1
-            self.links[key] = Link(self.own, row[peer], dlci >> 1, sent, f"{self.file.name}/{self.own}/{self.count}")
+            self.links[key] = Link(self.own, row[peer], dlci >> 1, sent, f"{self.key}/{self.count}")
             return
         link = self.links.get(key)
         if not link:
             self.count += 1
-            link = self.links[key] = Link(
-                self.own, row[peer], dlci >> 1, True, f"{self.file.name}/{self.own}/{self.count}"
-            )
+            link = self.links[key] = Link(self.own, row[peer], dlci >> 1, True, f"{self.key}/{self.count}")
         if frame == UA and not link.events:
             self.add(row, "connected" if link.calls else "accepted", link)
         elif frame == DM:
@@ -357,49 +359,64 @@ def parse_comment(text: str) -> Comment:
     return Comment(text, error[1] if error else "", int(channel[1]) if channel else 0, int(asked[2]) if asked else 0)
 
 
-def read_capture(file: Path, names: dict[str, str]) -> list[Reader]:
+def read_capture(file: Path, names: dict[str, str], folder: str) -> list[Reader]:
     """Of one brick, or of several that mergecap joined."""
     readers: dict[str, Reader] = {}
-    with TemporaryDirectory(prefix="tav-") as folder:
-        os.chmod(folder, 0o755)
-        fields = [option for column in COLUMNS.values() for option in ("-e", column)]
+    fields = [option for column in COLUMNS.values() for option in ("-e", column)]
+    try:
+        table = run_tshark(file, "-Y", WANTED, "-T", "fields", *fields, folder=folder)
+        tree = run_tshark(file, "-Y", "tav or tav_classic", "-T", "pdml", "-J", "tav tav_classic", folder=folder)
+    except FileNotFoundError as error:
+        if error.filename != "tshark":
+            raise
+        raise Problem("captures are read by tshark; on Debian: apt-get install tshark") from None
+    assert table.stdout and tree.stdout
+    with table, tree:
+        found = read_messages(tree.stdout)
+        number = 0
+        messages: list[Message] = []
+        none: tuple[int, list[Message]] = (1 << 62, [])
         try:
-            table = run_tshark(file, "-Y", WANTED, "-T", "fields", *fields, folder=folder)
-            tree = run_tshark(file, "-Y", "tav or tav_classic", "-T", "pdml", "-J", "tav tav_classic", folder=folder)
-        except FileNotFoundError as error:
-            if error.filename != "tshark":
-                raise
-            raise Problem("captures are read by tshark; on Debian: apt-get install tshark") from None
-        assert table.stdout and tree.stdout
-        with table, tree:
-            found = read_messages(tree.stdout)
-            number = 0
-            messages: list[Message] = []
-            none: tuple[int, list[Message]] = (1 << 62, [])
-            try:
-                for row in read_rows(table.stdout):
-                    while number < int(row["number"]):
-                        number, messages = next(found, none)
-                    name = row["interface"]
-                    reader = readers.get(name) or readers.setdefault(
-                        name, Reader(file, name, row["description"], names)
-                    )
-                    reader.take(row, messages if number == int(row["number"]) else [])
-                for _ in found:
-                    pass
-            except ElementTree.ParseError:
-                pass  # what tshark said comes next
-            finish(table, file)
-            finish(tree, file)
+            for row in read_rows(table.stdout):
+                while number < int(row["number"]):
+                    number, messages = next(found, none)
+                name = row["interface"]
+                reader = readers.get(name) or readers.setdefault(name, Reader(file, name, row["description"], names))
+                reader.take(row, messages if number == int(row["number"]) else [])
+            for _ in found:
+                pass
+        except ElementTree.ParseError:
+            pass  # what tshark said comes next
+        finish(table, file)
+        finish(tree, file)
     return [*readers.values()]
 
 
 # ---- All of them ----------------------------------------------------------------------------------------------------
 
 
+def is_recording(file: Path) -> bool:
+    with file.open("rb") as stream:
+        return CALLS.encode() in stream.read(1000)
+
+
+def merge(files: list[Path], folder: str) -> list[Path]:
+    """Recordings say whose they are, so they are read as one file: each run of tshark takes its time."""
+    recordings = [file for file in files if is_recording(file)]
+    merged = Path(folder) / "recordings"
+    command = ["mergecap", "-w", str(merged), *map(str, recordings)]
+    if len(recordings) < 2 or not shutil.which("mergecap"):
+        return files
+    if subprocess.run(command, capture_output=True, check=False, env=quiet_environment(folder)).returncode:
+        return files  # one is cut short
+    return [merged, *(file for file in files if file not in recordings)]
+
+
 def read(files: Iterable[Path]) -> Session:
     names: dict[str, str] = {}
-    readers = [reader for file in files for reader in read_capture(file, names)]
+    with TemporaryDirectory(prefix="tav-") as folder:
+        os.chmod(folder, 0o755)
+        readers = [reader for file in merge([*files], folder) for reader in read_capture(file, names, folder)]
     for reader in readers:
         if reader.address:
             names[reader.address] = reader.own if reader.has_calls else names.get(reader.address, reader.own)
@@ -409,7 +426,10 @@ def read(files: Iterable[Path]) -> Session:
 
 def join(readers: list[Reader], names: dict[str, str]) -> Session:
     session = Session()
-    for reader in readers:
+    for position, reader in enumerate(readers):
+        is_alone = all(other.key != reader.key for other in readers[:position])
+        for number, event in enumerate(reader.events):
+            event.key = f"{reader.key if is_alone else position}:{number}"  # the same when more is read later
         session.recorded.add(reader.own)
         if not reader.has_calls:
             session.frames.add(reader.own)

@@ -1,6 +1,7 @@
 """tav-session: what it is told, and what it writes."""
 
 import argparse
+import os
 import sys
 import time
 from pathlib import Path
@@ -92,10 +93,17 @@ def show(arguments: argparse.Namespace, program: list[str]) -> int:
         (arguments.output or Path("session.html")).write_text(render.page(session, rows, title))
         return 0
     lines = render.mermaid(session, rows) if arguments.mermaid else render.text(rows, sys.stdout.isatty())
-    for line in render.json_lines(rows) if arguments.json else lines:
-        print(line)
+    print(*(render.json_lines(rows) if arguments.json else lines), sep="\n", flush=True)
     return 0
 
 
+def run_to_end(version: str) -> int:
+    try:
+        return run(version)
+    except BrokenPipeError:  # nobody listens any more
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 1
+
+
 def main(version: str) -> int:
-    return guarded("tav-session", lambda: run(version))
+    return guarded("tav-session", lambda: run_to_end(version))
