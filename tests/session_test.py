@@ -209,7 +209,7 @@ def test_it_reads_captures_of_radios(tmp_path: Path) -> None:
     message = b"\4Robot1\0map\0" + (200).to_bytes(4, "little") + bytes(200)
     frames += [(0xEF, message[:150]), (0xEF, message[150:]), (0x53, b""), (-0x73, b"")]  # data, DISC, UA
     for own, sign in ("Robot1", 1), ("Robot2", -1):
-        trace = Trace(str(tmp_path / f"{own}.btsnoop"))
+        trace = Trace(str(tmp_path / f"{own}.pcapng"), own)
         address = bytes([int(own[-1]), 0, 0, 0, 0, 2])
         peer = bytes([3 - int(own[-1]), 0, 0, 0, 0, 2])
         trace.write(bytes([H4_EVENT, 0x0E, 10, 1, 9, 16, 0]) + address, True)  # Read BD_ADDR
@@ -220,7 +220,7 @@ def test_it_reads_captures_of_radios(tmp_path: Path) -> None:
         for control, data in frames:
             size = bytes([len(data) << 1 | 1]) if len(data) < 128 else struct.pack("<H", len(data) << 1)
             trace.write(acl(0x40, bytes([16 << 3 | 3, abs(control)]) + size + data + b"\0"), control * sign < 0)
-    rows = [json.loads(line) for line in session("--json", *sorted(tmp_path.glob("*.btsnoop"))).splitlines()]
+    rows = [json.loads(line) for line in session("--json", *sorted(tmp_path.glob("*.pcapng"))).splitlines()]
     told = [(row["what"], row["state"], row["from"], row["title"]) for row in rows if row["brick"] == "Robot1"]
     assert told == [
         ("connect", "refused", "Robot1", "connect fails: ECONNREFUSED"),
