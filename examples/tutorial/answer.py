@@ -8,5 +8,5 @@ with C_TAV_Bluetooth() as bluetooth:
     text = bluetooth.Server_ReadMsg_TAV_String("Robot1", "greeting", 100, 60000)  # waits a minute
     if text is None:
         sys.exit("Robot1 did not say hello")
-    print("Robot1 says", text)
+    print("Robot1 says", repr(text))
     bluetooth.Server_SendMsg_TAV_String("greeting", "Hello to you")
