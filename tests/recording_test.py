@@ -199,6 +199,20 @@ def test_runs_of_a_brick_and_bricks_are_joined(air: Air) -> None:
     assert sent == [("Robot1", 16, f"Sent {text}") for text in (SAYS_HI, SAYS_YOU, SAYS_YOU)]
 
 
+def test_connections_are_told_apart(air: Air) -> None:
+    """Also two between the same bricks, of which each called the other, when long messages take turns."""
+    robot2, robot1 = Robot(air, "Robot2"), Robot(air, "Robot1")
+    call(robot1, robot2)
+    robot1.do("s = listen(16)")
+    robot2.do("e = rfcomm(); e.connect(('02:00:00:00:00:01', 16))")
+    robot1.do("f = s.accept()[0]")
+    for part in rb"b'\1A\0a\0' + b'x' * 150", rb"b'the end\0'":
+        for connection in b"c", b"f":
+            robot1.do(b"%s.send(%s)" % (connection, part))
+    begun = [re.findall(r"begun in frame (\d+)", packet.info) for packet in show(robot1.file) if packet.sent]
+    assert [len(frames) for frames in begun[-4:]] == [0, 0, 1, 1] and begun[-2] != begun[-1]
+
+
 def test_many_messages_are_all_there(air: Air) -> None:
     """They are not written one by one then."""
     robot2, robot1 = Robot(air, "Robot2"), Robot(air, "Robot1")

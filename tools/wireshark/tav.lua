@@ -236,6 +236,7 @@ end
 
 -- ---- Frames of a stream ---------------------------------------------------------------------------------------------
 
+local link = Field.new("bthci_acl.chandle")  -- two bricks may have several, in recordings of the simulated air
 local open   -- by stream: the message that its last frame cut, as {frame = number, missing = bytes, mark = mark}
 local begun  -- by format and frame number: the message that is cut before this frame
 
@@ -274,7 +275,7 @@ end
 
 local function dissect(format, take, buf, pinfo, root)
   -- The address alone: the name behind it may be learned during the capture.
-  local stream = table.concat({format, tostring(pinfo.src):match("^%S*"), tostring(pinfo.dst):match("^%S*")}, " ")
+  local stream = table.concat({format, tostring(pinfo.src):match("^%S*"), tostring(pinfo.dst):match("^%S*"), tostring(link())}, " ")
   local this = format .. pinfo.number
   if not pinfo.visited then begun[this] = open[stream] end
   local before = begun[this]
