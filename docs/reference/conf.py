@@ -33,8 +33,8 @@ html_show_copyright = False
 html_copy_source = False
 highlight_language = "none"  # where a document does not say
 html_title = project
-html_js_files = ["scripts/gumshoe-patched.js"]  # see docs/make
-html_static_path = ["site.css"]
+html_js_files = ["site.js", "scripts/gumshoe-patched.js"]  # see docs/make
+html_static_path = ["site.css", "site.js"]
 html_css_files = ["site.css"]
 # The dark colours are Furo's. Debian 12's has them for who chooses dark, and not for whose browser does.
 html_theme_options = {
@@ -100,12 +100,35 @@ def sections_of_groups(doctree: nodes.document) -> None:
         page += section
 
 
+def languages_as_tabs(doctree: nodes.document) -> None:
+    """Makes tabs of programs that follow each other, each below a paragraph "In LANGUAGE, `FILE`:"."""
+    programs: list[nodes.paragraph] = []
+    for paragraph in list(doctree.findall(nodes.paragraph)):
+        if not re.match(r"In \S+, \S+:$", paragraph.astext()):
+            continue
+        code = paragraph.next_node(siblings=True, descend=False)
+        tabs = paragraph.parent[paragraph.parent.index(paragraph) - 1]
+        if "tabs" not in tabs.get("classes", []):
+            tabs = nodes.container(classes=["tabs"], ids=[f"tabs-{len(programs)}"])
+            paragraph.parent.insert(paragraph.parent.index(paragraph), tabs)
+        language, file = paragraph.astext()[3:-1].split(", ")
+        label = f"{tabs['ids'][0]}-{len(tabs) // 2}"
+        programs.append(paragraph)
+        checked = "" if len(tabs) else "checked"
+        html = f'<input type="radio" name="{tabs["ids"][0]}" id="{label}" value="{language}" {checked}>'
+        html += f'<label for="{label}">{language}: <code>{file}</code></label>'
+        paragraph.parent.remove(paragraph)
+        code.parent.remove(code)
+        tabs += [nodes.raw("", html, format="html"), code]
+
+
 def link_operations(app: Sphinx, doctree: nodes.document) -> None:
     """Leads what stands in `code` to the reference, and remembers where that was."""
     docname = app.env.docname
     if docname == CLASS_PAGE:
         sections_of_groups(doctree)
         return
+    languages_as_tabs(doctree)
     names = names_of_the_class(app)
     for literal in list(doctree.findall(nodes.literal)):
         name = literal.astext().partition("(")[0].rpartition("::")[2]
