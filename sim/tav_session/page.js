@@ -19,12 +19,13 @@ const KEYS = [
   ["↓ ↑  j k", "next, previous"], ["n  p", "next, previous trouble"], ["Enter", "bytes, field by field"], ["Esc", "close"],
   ["/", "find text"], ["+  −", "more, less room for time"], ["0", "show all again"], ["Home  End", "first, last"],
 ];
-const LINE = 18, LOW = 32, TIMES = 96, LARGEST = 12e6, PAUSE = .0995, LONG_WORD = /\S{40}/;
+const LINE = 18, LOW = 32, TIMES = 96, LARGEST = 12e6, PAUSE = .0995, LONG_WORD = /\S{40}/, MOST_PRINTED = 2000;
 
 const $ = name => document.getElementById(name);
 const data = JSON.parse($("session").textContent);
 const rows = [], byKey = new Map();
 let shown = [], tops = [], heights = [], total = 0, begin = 0, chosen = null, scale = 0, range = null, lanes = [], geometry = {};
+let isPrinting = false;
 const wanted = {bricks: new Set(), states: new Set()};  // bricks: those that are left out
 
 function make(tag, properties = {}, ...children) {
@@ -142,6 +143,10 @@ function arrange() {
   const text = $("text").value.toLowerCase();
   const kind = $("kind").value, id = $("id").value;
   shown = rows.filter(row => passes(row, kind, id, text));
+  if (isPrinting && shown.length > MOST_PRINTED) {
+    const left = shown.splice(MOST_PRINTED).length;
+    shown.push({key: "", time: shown[MOST_PRINTED - 1].time, what: "note", state: "note", title: "", says: `${left} more rows are not printed; choose a time, or filter.`});
+  }
   const width = $("scroller").clientWidth || 1200;
   const visible = lanes.filter(name => !wanted.bricks.has(name));
   const words = Math.max(260, Math.min(620, (width - TIMES) * .42, width - TIMES - 110 * visible.length));
@@ -199,8 +204,6 @@ function find(y) {
 }
 
 // ---- Drawing -------------------------------------------------------------------------------------------------------
-
-let isPrinting = false;
 
 function render() {
   const from = isPrinting ? 0 : find($("scroller").scrollTop - 200);
