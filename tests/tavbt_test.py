@@ -224,6 +224,13 @@ CASES = [
         air={"faults": "bind:1=EADDRINUSE"},
     ),
     Case("doctor", 1, "problem  channel 16: free, but .* obexd", air={"faults": "bind:4=EADDRINUSE"}),
+    # What ordinary users find, who may not try the channel of SDP.
+    Case(
+        "doctor",
+        0,
+        "ok +channel 16: free\n(.*\n)*warning  SDP server: there is none",
+        air={"faults": "bind:4=EIO bind:5=EACCES"},
+    ),
     Case("doctor", 0, "warning  device list: no folder.*\n +-> mkdir", project=False),
     Case("doctor", 0, "warning  name: the adapter has none", air={"faults": "hci_read_local_name:*=EIO"}),
     Case("doctor", 0, "warning  name: the adapter has none", air={"faults": "hci_open_dev:*=EIO"}),
@@ -244,6 +251,9 @@ CASES = [
     ),
     Case("decode 01 41 00 61 00 48", 7, "damaged: no NUL ends its text: readers drop its last byte"),
     Case("decode 04 41 00 61 00 40 00 00 00 " + 64 * "DE", 0, "9 +(DE )+[.]{3} +data"),
+    Case(
+        "decode --json 03 41 00 61 00 01 03 41 00 61 00 00", 0, '"value":true.*\n.*"value":false,"fields":.{"offset":6,'
+    ),
     Case("decode --binary", 7, "its type is 115, which is none of"),
     Case("decode 0", 7, "not pairs of hexadecimal digits"),
     Case("decode --lines", 7, "not pairs of hexadecimal digits"),
