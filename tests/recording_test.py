@@ -214,18 +214,22 @@ def test_connections_are_told_apart(air: Air) -> None:
 
 
 def test_many_messages_are_all_there(air: Air) -> None:
-    """They are not written one by one then."""
+    """They are not written one by one then, and some when the program ends; none before it was sent."""
     robot2, robot1 = Robot(air, "Robot2"), Robot(air, "Robot1")
     call(robot1, robot2)
+    robot1.do("import ctypes; leave = ctypes.CDLL(None).exit")
     robot2.brick.type("for _ in range(2000): d.send(d.recv(30))\n")
-    robot1.do(rb"for i in range(2000): c.send(b'\3A\0%d\0\1' % i), c.recv(30)")
-    robot1.brick.stop()
+    robot1.brick.type(rb"for i in range(2000): c.send(b'\3A\0%d\0\1' % i), c.recv(30), i < 1999 or leave(0)" + b"\n")
+    robot1.brick.wait()
     robot2.brick.stop()
+    times = []
     for robot in robot1, robot2:
         packets = [packet for packet in show(robot.file) if packet.info.endswith(": true")]
         assert [re.findall(r'"(\d+)"', packet.info)[0] for packet in packets] == [str(i // 2) for i in range(4000)]
         assert [packet.sent == (robot == robot1) for packet in packets] == [True, False] * 2000
         assert packets == sorted(packets, key=lambda packet: packet.time)
+        times.append([packet.time for packet in packets])
+    assert all(sent <= received for sent, received in zip(times[0][::2], times[1][::2]))
 
 
 @pytest.mark.parametrize("name", ["../up/.", "-Xlua_script:x", "<b>\x1b[2J\u202e&amp;", "\udcff\udce0", "x" * 248])
