@@ -16,8 +16,7 @@ from typing import Any
 
 import pytest
 
-ROOT = Path(__file__).resolve().parent.parent
-EXAMPLES, DOCUMENT = ROOT / "examples/python", ROOT / "docs/python.md"
+EXAMPLES = Path(__file__).resolve().parent.parent / "examples/python"
 BUILD = Path(os.environ["TAV_BUILD"]).resolve()
 MODULE = BUILD / "python"
 MESSAGES = 100_000
@@ -446,16 +445,6 @@ def test_messages_take_no_memory(air: Any) -> None:
 def example(air: Any, name: str, program: str, *arguments: str, **options: Any) -> Any:
     command = [sys.executable, EXAMPLES / program] if program.endswith(".py") else [str(BUILD / "examples" / program)]
     return air.brick(name, *command, *arguments, PYTHONPATH=str(MODULE), **options)
-
-
-def test_the_first_programs(air: Any) -> None:
-    """As the document has them."""
-    blocks = re.findall(r"^```python\n(.*?)^```", DOCUMENT.read_text(), re.M | re.S)
-    robot2 = air.brick("Robot2", sys.executable, "-c", blocks[2] + blocks[1], PYTHONPATH=str(MODULE))
-    robot2.wait_for_channel(16)
-    robot1 = air.brick("Robot1", sys.executable, "-c", blocks[0], PYTHONPATH=str(MODULE))
-    assert robot1.wait() == 0 and robot2.wait() == 0
-    assert "02:00:00:00:00:02 Robot2\nRobot2 says Hello to you" in robot1.said and "says Hello!" in robot2.said
 
 
 PAIRS = [("server.py", "client.py"), ("brick_server", "client.py"), ("server.py", "brick_client")]
