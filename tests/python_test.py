@@ -385,14 +385,15 @@ def in_use() -> tuple[int, int]:
 def drop_objects() -> None:
     C_TAV_Bluetooth().BT_Scan()  # what it takes once
     before = in_use()
-    for number in range(1000):
-        bt = C_TAV_Bluetooth()
-        bt.Add_BT_Device("Robot2", "02:00:00:00:00:02", -1, 0)
+    for _ in range(1000):
+        C_TAV_Bluetooth().Add_BT_Device("Robot2", "02:00:00:00:00:02", -1, 0)
+    own = [C_TAV_Bluetooth()]
     for number in range(6):
-        while not bt.OpenServer_TAV():  # the last one's thread still runs
+        while not own[0].OpenServer_TAV():  # while the last one's thread lives
             time.sleep(0.05)
         time.sleep(0.01 * (number % 2))
-        bt = C_TAV_Bluetooth()  # the other is collected, while its thread runs or has not begun
+        own.clear()  # collected, while its thread runs or has not begun
+        own.append(C_TAV_Bluetooth())  # not at the same place, or that thread would take this one for its own
         with C_TAV_Bluetooth() as closed:
             closed.BT_Scan()
     for _ in range(100):
