@@ -36,6 +36,28 @@ SocketPointer Find_Socket(int fd)
     return found == State().Sockets.end() ? nullptr : found->second;
 }
 
+namespace {
+
+// A socket that is used with the lock held, for as long as this lives.
+class C_Locked
+{
+public:
+    explicit C_Locked(int fd) : m_Lock(State().Mutex), m_Socket(Find_Socket(fd))
+    {
+        if (m_Socket) return;  // unless another thread has closed it
+        m_Socket = std::make_shared<S_OpenSocket>();
+        m_Socket->State = E_State::FAILED;
+    }
+    S_OpenSocket* operator->() const { return m_Socket.get(); }
+    S_OpenSocket& operator*() const { return *m_Socket; }
+
+private:
+    std::lock_guard<std::mutex> m_Lock;
+    SocketPointer m_Socket;
+};
+
+}  // namespace
+
 SocketPointer Share_Socket(int fd)
 {
     if (!g_Ours.Has(fd) || getpid() != State().Process) return nullptr;
@@ -45,16 +67,12 @@ SocketPointer Share_Socket(int fd)
 
 S_Socket Get_Socket(int fd)
 {
-    const std::lock_guard lock(State().Mutex);
-    const SocketPointer socket = Find_Socket(fd);
-    return socket ? *socket : S_Socket{};
+    return *C_Locked(fd);
 }
 
 int Take_Error(int fd)
 {
-    const std::lock_guard lock(State().Mutex);
-    const SocketPointer socket = Find_Socket(fd);
-    if (!socket) return 0;
+    const C_Locked socket(fd);
     if (socket->State == E_State::CONNECTED && !socket->Ended && !socket->Shut && Is_AtEnd(fd)) {
         socket->Ended = true;
         socket->Error = Is_Silent(socket->Peer) ? ETIMEDOUT : ECONNRESET;
@@ -146,24 +164,6 @@ int Fail_Connect(S_Socket socket, const S_Address& to, int error)
     Record_Failure(socket, error);
     return Fail(error);
 }
-
-// A socket that is used with the lock held, for as long as this lives.
-class C_Locked
-{
-public:
-    explicit C_Locked(int fd) : m_Lock(State().Mutex), m_Socket(Find_Socket(fd))
-    {
-        if (m_Socket) return;  // unless another thread has closed it
-        m_Socket = std::make_shared<S_OpenSocket>();
-        m_Socket->State = E_State::FAILED;
-    }
-    S_OpenSocket* operator->() const { return m_Socket.get(); }
-    S_OpenSocket& operator*() const { return *m_Socket; }
-
-private:
-    std::lock_guard<std::mutex> m_Lock;
-    SocketPointer m_Socket;
-};
 
 }  // namespace
 

@@ -211,7 +211,7 @@ bool Has_Ours(const fd_set* set, int count)
 }
 
 // Counts a select that waits for one of ours; true when it is to fail.
-bool Fails_Select(int count, const fd_set* readable, const fd_set* writable, const std::optional<timespec>& time)
+bool Fails_Select(int count, const fd_set* readable, const fd_set* writable, const timespec* time)
 {
     const bool reads = Has_Ours(readable, count);
     if (!reads && !Has_Ours(writable, count)) return false;
@@ -313,16 +313,16 @@ int epoll_pwait2(int instance, epoll_event* events, int room, const timespec* ti
 
 int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* time)
 {
-    std::optional<timespec> wait;
-    if (time) wait = timespec{time->tv_sec, static_cast<long>(time->tv_usec * 1000)};
-    if (Fails_Select(count, readable, writable, wait)) return -1;
+    timespec wait{};
+    if (time) wait = {time->tv_sec, static_cast<long>(time->tv_usec * 1000)};
+    if (Fails_Select(count, readable, writable, time ? &wait : nullptr)) return -1;
     return Real().Select(count, readable, writable, exceptional, time);
 }
 
 int pselect(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, const timespec* time,
             const sigset_t* signals)
 {
-    if (Fails_Select(count, readable, writable, time ? std::optional(*time) : std::nullopt)) return -1;
+    if (Fails_Select(count, readable, writable, time)) return -1;
     return Real().Pselect(count, readable, writable, exceptional, time, signals);
 }
 
