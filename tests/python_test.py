@@ -31,6 +31,8 @@ from tav_bluetooth import (
     uuid_t,
 )  # noqa: E402
 
+# Of the class; pybind11 has some of its own.
+MEMBERS = {name for name in dir(C_TAV_Bluetooth) if not name.startswith(("__", "_pybind11_"))}
 TEXTS = ["", "a", "Käse", "a\0b\0", "\udcff\udc80 bad", "x" * 1000]
 DATA = [b"a", b"\0\xff\0", bytes(range(256)), b"x" * 1000]
 ID = "\udcffid"  # not UTF-8, either
@@ -148,8 +150,7 @@ def test_every_operation(air: Any) -> None:
     robot1 = brick(air, "Robot1", ask)
     assert robot1.wait() == 0 and robot2.wait() == 0
     tried = set(re.findall(r"\bbt\.(\w+)", inspect.getsource(ask) + inspect.getsource(answer)))
-    everything = {name for name in vars(C_TAV_Bluetooth) if not name.startswith("__")}
-    assert everything - tried == {"Add_BT_Device", "m_StopAccept", "Thread_AcceptClient"}  # see below
+    assert MEMBERS - tried == {"Add_BT_Device", "m_StopAccept", "Thread_AcceptClient"}  # see below
 
 
 # ---- In this process ------------------------------------------------------------------------------------------------
@@ -212,7 +213,7 @@ def test_containers_are_live() -> None:
 
 
 def test_the_reference_is_there() -> None:
-    members = [getattr(C_TAV_Bluetooth, name) for name in dir(C_TAV_Bluetooth) if not name.startswith("__")]
+    members = [getattr(C_TAV_Bluetooth, name) for name in MEMBERS]
     assert len(members) == 52 + 7 and all(len(member.__doc__.splitlines()[-1]) > 10 for member in members)
     assert "page time-out, 5.12 s" in str(C_TAV_Bluetooth.Connect_Index.__doc__)
     assert "returns name and addrText, or None" in str(C_TAV_Bluetooth.Get_ScanDevice.__doc__)
@@ -224,8 +225,8 @@ def test_the_stubs_say_what_is(tmp_path: Path) -> None:
     # Which cannot see the arguments; pybind11 says them.
     stub = ast.parse((MODULE / "tav_bluetooth/__init__.pyi").read_text())
     told = {node.name: [a.arg for a in node.args.args] for node in ast.walk(stub) if isinstance(node, ast.FunctionDef)}
-    for name in dir(C_TAV_Bluetooth):
-        if not name.startswith(("__", "m_")):
+    for name in MEMBERS:
+        if not name.startswith("m_"):
             signature = getattr(C_TAV_Bluetooth, name).__doc__.partition("\n")[0]
             assert re.findall(r"(\w+): ", signature) == told[name], name
 
