@@ -139,7 +139,7 @@ def run_tshark(file: Path, *options: str, folder: str) -> subprocess.Popen[bytes
     if dissector := find_dissector():
         if os.geteuid() == 0:
             as_user = {"user": NOBODY, "group": NOBODY, "extra_groups": []}
-        script = [f"-Xlua_script:{shutil.copy(dissector, folder)}"]
+        script = [f"-Xlua_script:{shutil.copyfile(dissector, Path(folder) / dissector.name)}"]
     channels = ["-d", "btrfcomm.dlci==4-31,tav", "-d", "btrfcomm.dlci==34-61,tav"]  # those that it does not know
     with file.open("rb") as capture:
         return subprocess.Popen(

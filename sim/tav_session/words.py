@@ -2,6 +2,7 @@
 
 import re
 from collections.abc import Sequence
+from functools import lru_cache
 
 from .capture import Message
 
@@ -26,6 +27,7 @@ ERRORS = {
 }
 
 
+@lru_cache(10000)
 def printable(data: bytes) -> str:
     """What a terminal and a page only show: what they could obey, or what is not UTF-8, becomes \\x1B and the like."""
 
@@ -36,6 +38,7 @@ def printable(data: bytes) -> str:
     return UNSHOWN.sub(escape, data.decode("utf-8", "surrogateescape"))
 
 
+@lru_cache(10000)
 def safe(text: str) -> str:
     """A name, which tshark has as text."""
     return printable(text.encode("utf-8", "surrogateescape"))
