@@ -38,8 +38,7 @@ def state_words(state: str) -> str:
 
 def embed(value: object) -> str:
     """JSON that ends no script, whatever it holds."""
-    text = json.dumps(value, separators=(",", ":"))
-    return text.replace("<", "\\u003c").replace(">", "\\u003e").replace("&", "\\u0026")
+    return json.dumps(value, separators=(",", ":")).replace("<", "\\u003c")
 
 
 def source_of(text: str) -> str:
