@@ -22,7 +22,7 @@ def install(folder: Path) -> dict[str, str]:
         "PATH": f"{folder}/bin:{os.environ['PATH']}",
         "PKG_CONFIG_PATH": str(pkg_config),
         "LD_LIBRARY_PATH": str(pkg_config.parent),
-        "PYTHONPATH": f"{folder}/lib/python3/dist-packages:{BUILD}/python",
+        "PYTHONPATH": f"{folder}/lib/python3/dist-packages",
     }
     return {**os.environ, **variables}
 
