@@ -49,10 +49,11 @@ function show() {
     for (const call of brick.calls) {
       const a = places.get(brick.address), b = places.get(call.peer);
       if (!a || !b) continue;
-      const bend = 14 * (call.channel % 5 - 2) + (brick.address < call.peer ? 6 : -6);
-      const x = (a.x + b.x) / 2, y = (a.y + b.y) / 2 + bend;
-      links.push(draw("path", {class: "link", d: `M${a.x} ${a.y}Q${x} ${y + bend} ${b.x} ${b.y}`}),
-        draw("text", {class: "channel", x, y: y - 6}, "channel " + call.channel));
+      // Bent to the left of who called, so that several between two bricks are told apart; the words beside it.
+      const length = Math.hypot(b.x - a.x, b.y - a.y), left = {x: (b.y - a.y) / length, y: (a.x - b.x) / length};
+      const bend = 12 + 14 * (call.channel % 5), x = (a.x + b.x) / 2, y = (a.y + b.y) / 2;
+      links.push(draw("path", {class: "link", d: `M${a.x} ${a.y}Q${x + left.x * bend} ${y + left.y * bend} ${b.x} ${b.y}`}),
+        draw("text", {class: "channel", x: x + left.x * (bend / 2 + 36), y: y + left.y * (bend / 2 + 9) + 4}, "channel " + call.channel));
     }
     bricks.push(makeBrick(brick));
   }
