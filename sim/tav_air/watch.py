@@ -32,7 +32,7 @@ from .process import Problem, say
 
 HERE = Path(__file__).resolve().parent
 PAUSE = 0.4  # s, between looks
-LEISURE = 2  # times as long as a look takes there is none
+NICE = 10  # of looks, and of tshark: the bricks go first
 PATIENCE = 5  # s, for looks to end
 BEHIND = 50  # events that a browser may be late; then it connects anew
 LINES = 200  # that a terminal has room for
@@ -94,6 +94,7 @@ class Watch:
         )
 
     def repeat(self, act: Callable[[], None]) -> None:
+        os.setpriority(os.PRIO_PROCESS, threading.get_native_id(), NICE)  # of this thread, and of what it starts
         pause = 0.0
         while not self.is_over.wait(pause):
             started = time.monotonic()
@@ -101,7 +102,7 @@ class Watch:
                 act()
             except (OSError, Problem) as error:
                 self.wrong = str(error)
-            pause = max(PAUSE, LEISURE * (time.monotonic() - started))
+            pause = max(PAUSE, time.monotonic() - started)  # at most half the time is spent on it
 
     def __enter__(self) -> "Watch":
         for thread in self.threads:
@@ -382,7 +383,6 @@ def served_beside(watch: Watch) -> Iterator[None]:
 
 def watch_air(make_parser: Callable[..., ArgumentParser], me: str, words: Sequence[str]) -> int:
     arguments = parse(make_parser, me, words)
-    os.nice(10)  # the bricks go first
     with tempfile.TemporaryDirectory(prefix="tav-watch-") as folder:
         watch = Watch(arguments.air, arguments.record or Path(folder), records=arguments.record is not None)
         if arguments.terminal:
