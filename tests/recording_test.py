@@ -96,6 +96,7 @@ class Robot:
 @pytest.fixture
 def air(tmp_path: Path) -> Iterator[Air]:
     with Air(record=tmp_path / "session") as made:
+        made.patience = 120
         yield made
 
 

@@ -7,6 +7,7 @@ import re
 import shlex
 import subprocess
 import sys
+import time
 from collections.abc import Callable, Iterator
 from pathlib import Path
 from typing import Any
@@ -17,7 +18,7 @@ from recording_test import HI, TO_2, Robot
 from tav_air import Air
 
 ROOT = Path(__file__).resolve().parent.parent
-PATIENCE = 30  # s
+PATIENCE = 120  # s, for what takes one or two on a quiet machine
 
 
 class Page:
@@ -56,11 +57,12 @@ class Page:
         connection = http.client.HTTPConnection(self.host, timeout=PATIENCE)
         connection.request("GET", self.way + what)
         stream = connection.getresponse()
-        while line := stream.readline():
+        until = time.monotonic() + PATIENCE
+        while (line := stream.readline()) and time.monotonic() < until:
             if line.startswith(b"data: ") and fits(event := json.loads(line[6:])):
                 connection.close()
                 return event
-        raise AssertionError(f"{what} has ended")
+        raise AssertionError(f"{what} has ended, or never told it")
 
     def brick(self, address: str, fits: Callable[[Any], bool]) -> Any:
         def find(event: Any) -> Any:
