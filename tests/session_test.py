@@ -14,8 +14,10 @@ from typing import Any
 import pytest
 from recording_test import Robot
 from tav_air import Air
-from tav_session import render
-from tav_session.capture import Session
+from tav_air.process import Problem
+from tav_session import capture, render
+from tav_session.analysis import analyse
+from tav_session.capture import Event, Link, Message, Session
 from tav_session.follow import Follower
 
 webdriver = pytest.importorskip("selenium.webdriver")
@@ -91,6 +93,28 @@ def play_cut(pair: Pair) -> None:
     pair.receive()
 
 
+def play_tail(pair: Pair) -> None:
+    pair.send(text("a", "left 20"))
+    pair.receive(15)
+    pair.send(named(3, "b", b"\1"))
+    pair.receive()
+    pair.send(text("c", "three"))
+    pair.receive()
+
+
+def play_behind(pair: Pair) -> None:
+    pair.send(text("a", "one"), text("b", "two"))
+    pair.receive(20)
+    pair.receive()
+
+
+def play_empty(pair: Pair) -> None:
+    pair.send(repr(b"\1Robot1\0a\0"))
+    pair.receive()
+    pair.send(named(4, "none", bytes(4)), named(3, "b", b"\1"))
+    pair.receive()
+
+
 def play_wrong_sender(pair: Pair) -> None:
     pair.send(text("a", "one", sender="Robot9"))
     pair.receive()
@@ -135,6 +159,29 @@ FATES: list[tuple[Callable[[Pair], None], list[tuple[str, str]]]] = [
             )
         ],
     ),
+    (
+        play_tail,
+        [
+            ("cut", 'gives "left" (no NUL'),
+            (
+                "swallowed",
+                'with the rest of text a "left 20", behind that: every reader fails at what comes first, and no',
+            ),
+            ("ok", 'gives "three"'),
+        ],
+    ),
+    (
+        play_behind,
+        [("joined", "got this and 1 more message"), ("cut", 'came behind text a "one": no reader gets it.')],
+    ),
+    (
+        play_empty,
+        [
+            ("damaged", 'ReadMsg_TAV_String("Robot1", "a") gives "" (no NUL ends the text'),
+            ("joined", 'ReadMsg_TAV_Data("Robot1", "none") gives 0 bytes. The rest is dropped.'),
+            ("swallowed", "the reader takes that one and drops this"),
+        ],
+    ),
     (play_wrong_sender, [("sender", 'a reader that expects "Robot1" fails, and the message is lost')]),
     (
         play_gone,
@@ -157,6 +204,29 @@ def test_it_says_what_became_of_messages(air: Air, play: Callable[[Pair], None],
         assert words in row["says"]
 
 
+@pytest.mark.parametrize(("frames", "states"), [((), ["lost", "ok"]), (("Robot2",), ["ok", "lost"])])
+def test_a_connection_that_was_over_is_accepted_by_nobody(frames: tuple[str, ...], states: list[str]) -> None:
+    """Unless a radio's capture has times of another clock."""
+    over, anew = (Link("Robot1", "Robot2", 16, True, key) for key in ("1", "2"))
+    other = Link("Robot2", "Robot1", 16, False, "3")
+    data = b"\3Robot1\0a\0\1"
+    drawn = Session(bricks=["Robot1", "Robot2"], recorded={"Robot1", "Robot2"}, frames={*frames})
+    for link, steps in (
+        (over, ("connected", "send", "end")),
+        (anew, ("connected", "send")),
+        (other, ("accepted", "receive")),
+    ):
+        for what in steps:
+            event = Event(len(drawn.events), link.brick, what, link, link.peer, 16)
+            event.error = "ECONNRESET" if what == "end" else ""
+            if what in ("send", "receive"):
+                event.data = data
+                event.messages = [Message(False, 0, len(data), "bool", b"Robot1", b"a", b"\1")]
+            link.events.append(event)
+            drawn.events.append(event)
+    assert [row["state"] for row in analyse(drawn) if row["what"] == "send"] == states
+
+
 def test_a_refused_connection_does_not_look_like_a_success(air: Air) -> None:
     two = Robot(air, "Robot2")
     two.do("pass")
@@ -177,10 +247,29 @@ def test_it_follows_a_recording(air: Air) -> None:
     assert not follower.look()
 
 
+def test_it_says_what_tshark_does_not(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    file = tmp_path / "some.pcapng"
+    file.write_bytes(b"\n")
+
+    def end_early(_: Path, *options: str, folder: str) -> "subprocess.Popen[bytes]":
+        script = "echo '<pdml>'" if "pdml" in options else "seq 100000"  # more than a pipe holds
+        return subprocess.Popen(["sh", "-c", script], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    def find_nothing(*_: object, **__: object) -> None:
+        raise FileNotFoundError(2, "", "tshark")
+
+    monkeypatch.setattr(capture, "run_tshark", end_early)
+    with pytest.raises(Problem, match="tshark did not show all messages"):
+        capture.read([file])
+    monkeypatch.setattr(capture, "run_tshark", find_nothing)
+    with pytest.raises(Problem, match="apt-get install tshark"):
+        Follower(lambda: [file]).look()
+
+
 def test_it_plays_a_side_again(air: Air, tmp_path: Path) -> None:
     """With the answers that it waited for, on an air on which the other side is slower than it was."""
     pair = Pair(air)
-    pair.send(text("a", "é\u202e"))
+    pair.send(text("a", "é\u202e\0x"))
     pair.receive()
     pair.answer(text("a", "yes", sender="Robot2"))
     pair.send(named(3, "b", b"\1"), named(4, "c", b"\1\0\0\0\xff"))
@@ -197,7 +286,7 @@ def test_it_plays_a_side_again(air: Air, tmp_path: Path) -> None:
         two.do("d.recv(1024); d.recv(1024)")
         assert one.wait() == 0, one.said
     before, after = (
-        [(row["id"], row["value"]) for row in rows_of(folder) if "reads" in row]
+        [(row["id"], row["value"], row["size"]) for row in rows_of(folder) if "reads" in row]
         for folder in (pair.folder, tmp_path / "again")
     )
     assert after == before

@@ -68,6 +68,13 @@ def fits(link: Link, other: Link) -> bool:
     return True
 
 
+def was_over(link: Link, other: Link, session: Session) -> bool:
+    """Whether the caller saw its end before the other side began. Clocks of captures of radios may differ."""
+    end = next((event for event in link.events if event.what == "end" and event.error), None)
+    is_one_clock = not {link.brick, other.brick} & session.frames
+    return is_one_clock and end is not None and end.time < other.events[0].time
+
+
 def pair_links(session: Session) -> dict[Link, Link]:
     links = list(dict.fromkeys(event.link for event in session.events if event.link))
     links = [link for link in links if not any(event.what == "failed" for event in link.events)]
@@ -78,7 +85,7 @@ def pair_links(session: Session) -> dict[Link, Link]:
     pairs: dict[Link, Link] = {}
     for link in links:
         waiting = free.get((link.brick, link.peer, link.channel), []) if link.calls else []
-        other = next((other for other in waiting if fits(link, other)), None)
+        other = next((other for other in waiting if fits(link, other) and not was_over(link, other, session)), None)
         if other:
             waiting.remove(other)
             pairs[link], pairs[other] = other, link
@@ -316,23 +323,32 @@ class Analysis:
         else:
             words = f"{safe(event.peer)} got it in pieces of {pieces} bytes"
             words += ", as it asked for no more at once. " if first.asked == len(first.data) else ". "
-        words += reader_gets(first.messages, first.data)
+        before = self.match.brought[first][0].send
+        if before is event:
+            words += reader_gets(first.messages, first.data)
+        else:
+            words += f"The first piece came behind {title_of(before.messages, len(before.data))}: no reader gets it."
         return words + " The rest spoils the next read. Keep messages below 1000 bytes."
 
     def joined_fate(self, event: Event, company: Sequence[Part]) -> tuple[str, str]:
         first = company[0].send
         receive = company[0].receive
         name = safe(event.peer)
-        is_text = bool(first.messages) and first.messages[0].kind == "text" and not first.messages[0].classic
+        gets = reader_gets(receive.messages, receive.data)
+        is_text = any(message.kind == "text" and not message.classic for message in receive.messages[:1])
         if event is first:
             others = count(len(company) - 1, "more message")
             words = (
                 f"{name} read {duration(receive.time - event.time)} later, and got this and {others} in one receive. "
             )
-            words += reader_gets(receive.messages, receive.data) + ("" if is_text else " The rest is dropped.")
+            words += gets + ("" if is_text else " The rest is dropped.")
             return "joined", f"{words} {ADVICE}"
         fate = "it ends up inside that text" if is_text else "the reader takes that one and drops this"
+        if not gets.startswith("ReadMsg"):
+            fate = "every reader fails at what comes first"
         before = title_of(first.messages, len(first.data))
+        if self.match.taken[first][0].receive is not receive:
+            before = f"the rest of {before}"
         return (
             "swallowed",
             f"{name} got it in one receive with {before}, behind that: {fate}, and no reader gets it. {ADVICE}",

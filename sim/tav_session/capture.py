@@ -6,6 +6,7 @@ import shutil
 import subprocess
 from collections.abc import Iterable, Iterator
 from dataclasses import dataclass, field
+from itertools import chain
 from pathlib import Path
 from tempfile import TemporaryDirectory
 from typing import IO, Any
@@ -48,6 +49,10 @@ COLUMNS = {
     "own_name": "bthci_evt.device_name",
 }
 WANTED = "btrfcomm.dlci > 1 or bthci_evt.code in {3, 5, 7, 14} or bthci_cmd.opcode == 0x0405 or frame.comment"
+
+
+class Missing(Problem):
+    """What reads captures is not installed."""
 
 
 @dataclass
@@ -153,16 +158,17 @@ def run_tshark(file: Path, *options: str, folder: str) -> subprocess.Popen[bytes
         )
 
 
-def finish(process: subprocess.Popen[bytes], file: Path) -> None:
-    """A file that is cut, as that of a killed brick, is read as far as it goes."""
+def finish(process: subprocess.Popen[bytes], file: Path) -> bool:
+    """Whether it was read to its end; one that is cut, as that of a killed brick, is read as far as it goes."""
     assert process.stderr
     said = process.stderr.read().decode(errors="replace")
     status = process.wait()
     if re.search("is not a valid protocol|Unknown protocol|is neither a field nor a protocol", said):
-        raise Problem("tshark does not know our messages; the package tavbt brings the dissector")
+        raise Missing("tshark does not know our messages; the package tavbt brings the dissector")
     if status and not re.search("cut short|appears to have been", said):
         lines = [line for line in said.splitlines() if not line.startswith("Running as user")]
         raise Problem(f"{file}: {lines[0] if lines else 'tshark failed'}")
+    return status == 0
 
 
 def read_rows(stream: IO[bytes]) -> Iterator[dict[str, str]]:
@@ -327,6 +333,8 @@ class Reader:
             first = begun.messages[0]
             first.value = (first.value or b"") + messages[0].fields[0].data
             return
+        if sent and len(messages) > 1:
+            join_text(messages, data)
         event = self.add(row, "send" if sent else "receive", link, data=data, messages=messages)
         event.error, event.asked = comment.error, comment.asked
         if sent:
@@ -341,6 +349,15 @@ def shift(messages: list[Message]) -> None:
         message.value_at -= start
         for one in message.fields:
             one.at -= start
+
+
+def join_text(messages: list[Message], data: bytes) -> None:
+    """What is sent at once is one message: a NUL in its text does not end that."""
+    first = messages[0]
+    if first.kind == "text" and not first.classic and first.value is not None:
+        first.value = first.fields[-1].data = data[first.value_at :]
+        first.findings = [(kind, text) for kind, text in first.findings if kind != "joined"]
+        del messages[1:]
 
 
 @dataclass
@@ -369,13 +386,14 @@ def read_capture(file: Path, names: dict[str, str], folder: str) -> list[Reader]
     except FileNotFoundError as error:
         if error.filename != "tshark":
             raise
-        raise Problem("captures are read by tshark; on Debian: apt-get install tshark") from None
+        raise Missing("captures are read by tshark; on Debian: apt-get install tshark") from None
     assert table.stdout and tree.stdout
     with table, tree:
         found = read_messages(tree.stdout)
         number = 0
         messages: list[Message] = []
         none: tuple[int, list[Message]] = (1 << 62, [])
+        is_broken = False
         try:
             for row in read_rows(table.stdout):
                 while number < int(row["number"]):
@@ -386,9 +404,12 @@ def read_capture(file: Path, names: dict[str, str], folder: str) -> list[Reader]
             for _ in found:
                 pass
         except ElementTree.ParseError:
-            pass  # what tshark said comes next
-        finish(table, file)
-        finish(tree, file)
+            is_broken = True
+            for _ in chain(table.stdout, tree.stdout):  # else they would not end
+                pass
+        are_read = [finish(table, file), finish(tree, file)]
+        if is_broken and all(are_read):
+            raise Problem(f"{file}: tshark did not show all messages")
     return [*readers.values()]
 
 

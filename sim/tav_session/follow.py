@@ -6,7 +6,7 @@ from pathlib import Path
 from tav_air.process import Problem
 
 from .analysis import Row, analyse
-from .capture import Session, read
+from .capture import Missing, Session, read
 
 
 class Follower:
@@ -25,6 +25,8 @@ class Follower:
         self.sizes = sizes
         try:
             self.session = read(file for file, size in sizes.items() if size)
+        except Missing:
+            raise
         except Problem:
             return []  # a file that has just begun
         rows = {row["key"]: row for row in analyse(self.session, live=True)}

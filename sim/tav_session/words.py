@@ -103,13 +103,14 @@ def call_of(message: Message) -> str:
 def result_of(messages: Sequence[Message], data: bytes) -> str:
     """What a reader that expects the first message is given, of all that one receive brought; empty: it fails."""
     first = messages[0]
-    if first.value is None or any(FAILS.search(text) for text in first.found("damaged")):
+    if any(FAILS.search(text) for text in first.found("damaged")):
         return ""
     if first.kind == "text" and not first.classic:
-        text = data[first.value_at : -1]
+        text = b"" if first.value is None else data[first.value_at : -1]
         return quoted(text, 60) + ("" if len(messages) == 1 else f", {count(len(text), 'byte')}")
-    if first.kind == "data":
-        return f"{count(len(first.value), 'byte')} {shorten(first.value.hex().upper(), 40)}"
+    if first.kind == "data" and (first.value is not None or len(messages) > 1):  # none, but something behind it
+        value = first.value or b""
+        return f"{count(len(value), 'byte')} {shorten(value.hex().upper(), 40)}".rstrip()
     return value_of(first, 60)
 
 
