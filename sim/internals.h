@@ -164,6 +164,7 @@ struct S_Socket
     int Error = 0;            // not yet reported
     bool Ended = false;       // the end of the connection was noticed
     bool Shut = false;        // by this side
+    bool Forked = false;      // a child has it, too
     int Security = BT_SECURITY_LOW;
     hci_filter Filter{};     // HCI: which events it wants
     int Handle = 0;          // of its link in the recording; 0: it is not in it

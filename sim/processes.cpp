@@ -212,6 +212,14 @@ void Leave_ToParent()
     State().Mutex.unlock();
 }
 
+// A child may go on with what its parent closes. A fork that failed looks the same here.
+void Lend_ToChild()
+{
+    for (auto& [fd, socket] : State().Sockets)
+        socket->Forked = true;
+    State().Mutex.unlock();
+}
+
 // The program's signals stay the program's: the thread takes none.
 void Start_Thread()
 {
@@ -219,8 +227,7 @@ void Start_Thread()
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    static const int registered =
-        pthread_atfork([] { State().Mutex.lock(); }, [] { State().Mutex.unlock(); }, Leave_ToParent);
+    static const int registered = pthread_atfork([] { State().Mutex.lock(); }, Lend_ToChild, Leave_ToParent);
     static_cast<void>(registered);
     State().Wake = C_Own(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     std::thread(Run_Thread).detach();

@@ -314,10 +314,12 @@ std::string Describe_Connect(const S_Socket& socket, int error = 0)
 
 int Take_Handle()
 {
+    static std::size_t stolen = 0;
     const std::lock_guard lock(g_Mutex);
     std::size_t free = 0;
-    while (free < HANDLES - 1 && g_Handles[free])
+    while (free < HANDLES && g_Handles[free])
         ++free;
+    if (free == HANDLES) free = stolen++ % HANDLES;  // of a server that forks, most are of children that have ended
     g_Handles.set(free);
     return g_Program * HANDLES + static_cast<int>(free) + 1;
 }
@@ -469,7 +471,7 @@ void Record_Leave(const S_OpenSocket& socket, bool isUp)
 
 void Record_Close(const S_OpenSocket& socket, bool isUp)
 {
-    if (g_File < 0 || socket.Handle == 0) return;
+    if (g_File < 0 || socket.Handle == 0 || socket.Forked) return;  // a child's goes on
     Record_Leave(socket, isUp);
     std::string blocks;
     Add_Packet(blocks, Get_RecordTime(), true, {Make_Disconnected(socket, ENDED_BY_LOCAL_HOST)}, "close");

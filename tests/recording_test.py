@@ -200,6 +200,30 @@ def test_runs_of_a_brick_and_bricks_are_joined(air: Air) -> None:
     assert sent == [("Robot1", 16, f"Sent {text}") for text in (SAYS_HI, SAYS_YOU, SAYS_YOU)]
 
 
+def test_a_server_that_forks(air: Air) -> None:
+    """What it closes is its child's, under a handle that the next connection does not get."""
+    robot2, robot1 = Robot(air, "Robot2"), Robot(air, "Robot1")
+    call(robot1, robot2)
+    robot2.do(b"p = os.fork(); p or (d.recv(1), d.send(%s), d.close(), os._exit(0)); d.close()" % HI)
+    robot2.do("t = listen(17)")
+    robot1.do("e = rfcomm(); e.connect(('02:00:00:00:00:02', 17))")
+    robot2.do("e = t.accept()[0]")
+    robot1.do("c.send(b'x'); c.recv(30)")
+    robot2.do("os.waitpid(p, 0)")
+    robot1.do("e.send(b'x')")
+    robot2.do("e.recv(30); e.close()")
+    packets = show(robot2.file)
+    links = {packet.link: packet.channel for packet in packets if packet.channel}
+    assert sorted(links.values()) == [16, 17]
+    assert all(packet.channel in (0, links[packet.link]) for packet in packets if packet.link)
+    assert [line for line in tell(packets) if re.search("text from|close|UIH", line)] == [
+        f"Sent {SAYS_HI}",
+        "Rcvd Disconnect Complete (close)",
+        "Rcvd UIH Channel=17",
+        "Rcvd Disconnect Complete (close)",
+    ]
+
+
 def test_connections_are_told_apart(air: Air) -> None:
     """Also two between the same bricks, of which each called the other, when long messages take turns."""
     robot2, robot1 = Robot(air, "Robot2"), Robot(air, "Robot1")
