@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -37,10 +38,16 @@ int g_Program = 0;  // which of the brick's that are recorded now
 // Guards what follows; taken while the air's is held, never before it.
 std::mutex g_Mutex;
 std::bitset<HANDLES> g_Handles;  // that are in use
-std::string g_Pending;           // blocks, to be written within a moment
-std::int64_t g_Written = 0;      // when
+std::int64_t g_Written = 0;      // when the last blocks were
 sem_t g_IsPending;               // wakes the thread that writes them
 bool g_HasThread = false;
+
+// Blocks, to be written within a moment; never destroyed, as the air's state.
+std::string& Get_Pending()
+{
+    static std::string& pending = *new std::string;
+    return pending;
+}
 
 template <typename NUMBER>
 void Add(std::string& bytes, NUMBER number)
@@ -54,7 +61,7 @@ void Add(std::string& bytes, NUMBER number)
 void Flush()
 {
     const int file = g_File;
-    const std::string blocks = std::exchange(g_Pending, {});
+    const std::string blocks = std::exchange(Get_Pending(), {});
     if (file < 0 || blocks.empty()) return;
     g_Written = Get_RecordTime();
     if (Real().Write(file, blocks.data(), blocks.size()) == static_cast<ssize_t>(blocks.size())) return;
@@ -73,15 +80,19 @@ void Flush()
     }
 }
 
-// With the lock held. The program's signals stay the program's.
+// With the lock held. The program's signals stay the program's, and when it has threads enough there is none.
 void Start_Thread()
 {
     sigset_t all, before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::thread(Write_Pending).detach();
+    try {
+        std::thread(Write_Pending).detach();
+        g_HasThread = true;
+    } catch (const std::system_error&) {
+        g_HasThread = false;
+    }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    g_HasThread = true;
 }
 
 // At once, unless it is a transfer that comes shortly after others: many of them are written together, since a call of
@@ -90,12 +101,13 @@ void Write(const std::string& blocks, bool canWait = false)
 {
     const int error = errno;
     const std::lock_guard lock(g_Mutex);
-    const bool isFirst = g_Pending.empty();
-    g_Pending += blocks;
+    const bool isFirst = Get_Pending().empty();
+    Get_Pending() += blocks;
     if (!canWait || Get_RecordTime() - g_Written > MOMENT) {
         Flush();
     } else if (isFirst) {
         if (!g_HasThread) Start_Thread();
+        if (!g_HasThread) Flush();
         sem_post(&g_IsPending);
     }
     errno = error;
@@ -172,7 +184,7 @@ __attribute__((constructor(101))) void Watch_Forks()  // before the air does, wh
                    [] {
                        sem_init(&g_IsPending, 0, 0);
                        g_HasThread = false;
-                       g_Pending.clear();  // the parent writes it
+                       Get_Pending().clear();  // the parent writes it
                        if (g_File >= 0) Open_File();
                        g_Mutex.unlock();
                    });
