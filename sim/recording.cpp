@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -57,16 +58,31 @@ void Add(std::string& bytes, NUMBER number)
 
 // ---- The file -------------------------------------------------------------------------------------------------------
 
+void Set_File(C_Own file)
+{
+    static C_Own& open = *new C_Own;
+    open = std::move(file);
+    g_File = open;
+}
+
+// With the lock held. A file that was deleted has ended: it would only fill the disk.
+int Get_File()
+{
+    struct stat status = {};
+    if (g_File >= 0 && fstat(g_File, &status) == 0 && status.st_nlink == 0) Set_File(C_Own());
+    return g_File;
+}
+
 // With the lock held. What is not written whole would spoil what comes behind it.
 void Flush()
 {
-    const int file = g_File;
     const std::string blocks = std::exchange(Get_Pending(), {});
-    if (file < 0 || blocks.empty()) return;
+    const int file = blocks.empty() ? -1 : Get_File();
+    if (file < 0) return;
     g_Written = Get_RecordTime();
     if (Real().Write(file, blocks.data(), blocks.size()) == static_cast<ssize_t>(blocks.size())) return;
     fprintf(stderr, "tav-air: %s cannot be written any more\n", g_Path->c_str());
-    g_File = -1;
+    Set_File(C_Own());
 }
 
 [[noreturn]] void Write_Pending()
@@ -165,14 +181,12 @@ void Add_Packet(std::string& blocks, std::int64_t time, bool received, Pieces pi
 // byte of the file, which the kernel gives back at its end. False, with errno, when there is no such file.
 bool Open_File()
 {
-    static C_Own& file = *new C_Own;
-    file = C_Own(open(g_Path->c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666));
-    g_File = file;
-    if (file < 0) return false;
+    Set_File(C_Own(open(g_Path->c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666)));
+    if (g_File < 0) return false;
     g_Handles.reset();
     for (g_Program = 0; g_Program < PROGRAMS - 1; ++g_Program) {
         struct flock mine = {F_WRLCK, SEEK_SET, g_Program, 1, 0};
-        if (Real().Fcntl(file, F_OFD_SETLK, &mine) == 0) break;
+        if (Real().Fcntl(g_File, F_OFD_SETLK, &mine) == 0) break;
     }
     return true;
 }
@@ -185,7 +199,7 @@ __attribute__((constructor(101))) void Watch_Forks()  // before the air does, wh
                        sem_init(&g_IsPending, 0, 0);
                        g_HasThread = false;
                        Get_Pending().clear();  // the parent writes it
-                       if (g_File >= 0) Open_File();
+                       if (Get_File() >= 0) Open_File();
                        g_Mutex.unlock();
                    });
 }
@@ -336,6 +350,13 @@ int Take_Handle()
     return g_Program * HANDLES + static_cast<int>(free) + 1;
 }
 
+// Also one of a brick that is silent.
+bool Is_Connection(const S_Socket& socket)
+{
+    const bool isOpen = socket.State == E_State::CONNECTED || socket.State == E_State::LOST;
+    return isOpen && !socket.Ended && (socket.Kind == E_Kind::RFCOMM || socket.Kind == E_Kind::L2CAP);
+}
+
 void Give_Back(int handle)
 {
     const std::lock_guard lock(g_Mutex);
@@ -363,8 +384,9 @@ std::int64_t Get_RecordTime()
 
 std::pair<std::string, int> Start_Recording(const std::string& path, const S_Brick& brick)
 {
-    if (g_File >= 0 || path.empty()) return {g_File < 0 ? "" : *g_Path, 0};
-    g_Path = new std::string(path);
+    std::unique_lock lock(g_Mutex);
+    if (Get_File() >= 0 || path.empty()) return {g_File < 0 ? "" : *g_Path, 0};
+    delete std::exchange(g_Path, new std::string(path));
     if (!Open_File()) return {path, errno};
     std::string section, interface, blocks;
     Add(section, std::uint32_t{0x1A2B3C4D});
@@ -386,9 +408,13 @@ std::pair<std::string, int> Start_Recording(const std::string& path, const S_Bri
     const std::string address = Bytes_Of(Parse(brick.Address));
     Add_Packet(blocks, now, true, {Make_CommandComplete(OGF_INFO_PARAM, OCF_READ_BD_ADDR, address)});
     Add_Packet(blocks, now, true, {Make_CommandComplete(OGF_HOST_CTL, OCF_READ_LOCAL_NAME, name)});
-    Write(blocks);
+    Get_Pending() = blocks;  // what is still there was for a file that was deleted
+    Flush();
+    lock.unlock();
+    for (const auto& [fd, socket] : State().Sockets)
+        socket->Handle = 0;
     for (const auto& [fd, socket] : State().Sockets)  // as if they came about now
-        if (socket->State == E_State::CONNECTED && socket->Handle == 0) Record_Connection(*socket, now);
+        if (Is_Connection(*socket) && socket->Handle == 0) Record_Connection(*socket, now);
     return {path, 0};
 }
 
@@ -477,8 +503,7 @@ void Record_End(const S_OpenSocket& socket, int error)
 
 void Record_Leave(const S_OpenSocket& socket, bool isUp)
 {
-    const bool isOpen = socket.State == E_State::CONNECTED || socket.State == E_State::LOST;
-    if (isOpen && !socket.Ended && !socket.Shut) Record_End(socket, isUp ? 0 : ECONNRESET);
+    if (Is_Connection(socket) && !socket.Shut) Record_End(socket, isUp ? 0 : ECONNRESET);
 }
 
 void Record_Close(const S_OpenSocket& socket, bool isUp)

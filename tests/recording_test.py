@@ -9,7 +9,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 import pytest
-from tav_air import Air
+from tav_air import Air, sky
 
 ROOT = Path(__file__).resolve().parent.parent
 SCRIPT = ROOT / "tools" / "wireshark" / "tav.lua"
@@ -220,6 +220,32 @@ def test_a_server_that_forks(air: Air) -> None:
         f"Sent {SAYS_HI}",
         "Rcvd Disconnect Complete (close)",
         "Rcvd UIH Channel=17",
+        "Rcvd Disconnect Complete (close)",
+    ]
+
+
+@pytest.mark.parametrize("is_silent", [False, True])
+def test_recorded_anew(air: Air, is_silent: bool) -> None:
+    """When the files were deleted; with the connection that there is, also when the brick is out of range then."""
+    robot2, robot1 = Robot(air, "Robot2"), Robot(air, "Robot1")
+    call(robot1, robot2)
+    robot1.do(b"c.send(%s)" % HI)
+    if is_silent:
+        robot1.brick.out_of_range()
+    shutil.rmtree(robot1.file.parent)
+    robot1.file.parent.mkdir()
+    (seen,) = (seen for seen in sky.look(air.name) if seen.name == "Robot1")
+    assert sky.record(air.name, seen, robot1.file) == "" and seen.recording == str(robot1.file)
+    if is_silent:
+        robot1.brick.back()
+    robot1.do(b"c.send(%s)" % YOU)
+    robot1.do("c.close()")
+    assert [line for line in tell(show(robot1.file)) if "Vendor" not in line] == [
+        "Rcvd Connect Complete",
+        "Sent SABM Channel=16 (Unknown)",
+        "Rcvd UA Channel=16",
+        f"Sent {SAYS_YOU}",
+        "Sent DISC Channel=16",
         "Rcvd Disconnect Complete (close)",
     ]
 
