@@ -4,6 +4,7 @@
 // other threads and Ctrl-C; the accept thread; and views of the object's containers, which stay safe to use when those
 // change.
 #include "bluetooth/C_TAV_Bluetooth.h"
+#include "bluetooth/system_calls.h"
 #include "bluetooth/tav_version.h"
 #include "docstrings.h"
 
@@ -22,6 +23,7 @@
 #include <pthread.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
+#include <set>
 #include <thread>
 #include <unistd.h>
 
@@ -30,6 +32,7 @@ using namespace pybind11::literals;
 using tav_c_api_impl::C_TAV_Bluetooth;
 using tav_c_api_impl::S_BT_ScanDevice;
 using tav_c_api_impl::S_BT_ServicesData;
+using tav_c_api_impl::bluetooth_calls::C_Guard;
 
 namespace {
 
@@ -158,7 +161,12 @@ auto Run_Apart(WORK work)
     sigset_t all, before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::thread(std::move(task)).detach();
+    try {
+        std::thread(std::move(task)).detach();
+    } catch (...) {  // there is no room for one
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        throw;
+    }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     Wait_Until([&](auto time) { return result.wait_for(time) == std::future_status::ready; });
     return result.get();
@@ -170,12 +178,17 @@ auto Run_Apart(WORK work)
 struct C_Object : C_TAV_Bluetooth
 {
     std::weak_ptr<C_Object> Self;
-    int BuiltIn = -1;  // the last socket that it opened its server with
+    int BuiltIn = -1;  // the last socket that it opened its server with, unless CloseAllServer closed that
 
     ~C_Object()
     {
-        const bool isOpen = m_ServerSocket >= 0 && m_ServerSocket == BuiltIn;
-        if (isOpen && m_ServerClients.count(BuiltIn) == 0) close(BuiltIn);  // Close() leaves it, as nobody ever came
+        if (Is_Alone()) close(BuiltIn);
+    }
+
+    // The built-in server is open and nobody ever came: what closes servers leaves it.
+    bool Is_Alone() const
+    {
+        return m_ServerSocket >= 0 && m_ServerSocket == BuiltIn && m_ServerClients.count(BuiltIn) == 0;
     }
 };
 
@@ -209,12 +222,11 @@ int __wrap_hci_read_remote_name(int device, const bdaddr_t* address, int size, c
         int Result, Error;
         std::string Name;
     };
-    const int copy = dup(device);  // the module closes its own when Ctrl-C comes
+    const auto copy = std::make_shared<C_Guard<close>>(dup(device));  // the module closes its own when Ctrl-C comes
     const S_Answer answer = Run_Apart([copy, whom = *address, size, timeout] {
         S_Answer given{0, 0, std::string(static_cast<std::size_t>(size), '\0')};
-        given.Result = __real_hci_read_remote_name(copy, &whom, size, given.Name.data(), timeout);
+        given.Result = __real_hci_read_remote_name(copy->Get(), &whom, size, given.Name.data(), timeout);
         given.Error = errno;
-        close(copy);
         return given;
     });
     std::copy(answer.Name.begin(), answer.Name.end(), name);
@@ -333,7 +345,7 @@ using BySocket = S_Reader<int, const std::string&, const std::string&>;
 using ByIndex = S_Reader<unsigned int>;
 
 // The server's reads go on after a signal: they are called for a slice at a time, until one brings what is wanted, the
-// time is out, or the server does not open.
+// time is out, or the server is closed: it did not open, or a signal's handler closed it.
 template <typename OUTPUT, typename READ>
 std::optional<OUTPUT> Read_InSlices(const Object& self, unsigned long timeout, READ read)
 {
@@ -341,12 +353,14 @@ std::optional<OUTPUT> Read_InSlices(const Object& self, unsigned long timeout, R
     const auto until = std::chrono::steady_clock::now() + wait;
     return Wait([&] {
         std::optional<OUTPUT> output;
+        if (self->m_ServerSocket < 0 && !self->OpenServer_TAV()) return output;
         Wait_Until([&](std::chrono::milliseconds slice) {
+            if (self->m_ServerSocket < 0) return true;
             const auto left = until - std::chrono::steady_clock::now();
             const auto time = std::min(slice, std::chrono::duration_cast<std::chrono::milliseconds>(left));
             const auto count = std::max<std::chrono::milliseconds::rep>(time.count(), 0);
             output = Get_Output<OUTPUT>([&](OUTPUT& value) { return read(value, static_cast<unsigned long>(count)); });
-            return output || self->m_ServerSocket < 0 || std::chrono::steady_clock::now() >= until;
+            return output || std::chrono::steady_clock::now() >= until;
         });
         return output;
     });
@@ -367,18 +381,18 @@ std::optional<S_Text> Server_ReadText(const Object& self, const S_Text& name, co
     });
 }
 
-// To one client after the other, as the operation does, but it would go on with the next after Ctrl-C.
+// To one client after the other, as the operation does, but it would go on with the next after Ctrl-C. The clients are
+// looked up at each turn: a signal's handler may have closed the server.
 template <typename SEND>
 bool Send_ToClients(const Object& self, SEND send)
 {
     if (self->m_ServerSocket < 0 && !self->OpenServer_TAV()) return false;
-    const auto server = self->m_ServerClients.find(self->m_ServerSocket);
-    if (server == self->m_ServerClients.end() || server->second.empty()) return false;
-    for (std::size_t i = 0; i < server->second.size(); ++i) {
+    for (std::size_t i = 0;; ++i) {
+        const auto server = self->m_ServerClients.find(self->m_ServerSocket);
+        if (server == self->m_ServerClients.end() || i >= server->second.size()) return i > 0;
         const int socket = server->second[i].Socket;
         if (socket >= 0) Wait([&] { return send(socket); });
     }
-    return true;
 }
 
 bool Server_SendBool(const Object& self, const S_Text& msgId, bool value)
@@ -439,6 +453,13 @@ bool Close_Server(C_Object& self, int socket)
     return self.CloseServer(socket == self.m_ServerSocket ? self.m_ServerSocket : socket);
 }
 
+// Leaves the number of the built-in server, as in C++, which is anybody's then.
+bool Close_AllServer(C_Object& self)
+{
+    if (self.m_ServerClients.count(self.BuiltIn) != 0) self.BuiltIn = -1;
+    return self.CloseAllServer();
+}
+
 // Stops the accept thread first, in slices: the operation waits for it, whatever comes.
 bool Close_BuiltIn(const Object& self)
 {
@@ -452,12 +473,17 @@ bool Close_BuiltIn(const Object& self)
     });
 }
 
-// For `with`: closes all that the object knows of, outgoing connections, too.
+// For `with`: closes all that the object knows of, outgoing connections, too. Those that are not where they were in the
+// list have another's index, or none.
 void Leave(const Object& self, const py::args&)
 {
-    for (std::size_t i = 0; i < self->m_ScanDevices.size(); ++i)
-        if (self->m_ScanDevices[i].Socket >= 0) self->Disconnect(self->m_ScanDevices[i].Socket);
-    if (self->m_ServerSocket >= 0 && !Close_BuiltIn(self)) close(self->m_ServerSocket);
+    std::set<int> sockets;
+    for (const S_BT_ScanDevice& device : self->m_ScanDevices)
+        sockets.insert(device.Socket);
+    for (const int socket : sockets)
+        if (!self->Disconnect(socket) && self->m_ClientSockets.count(socket) != 0) close(socket);
+    if (self->m_ServerSocket >= 0) Close_BuiltIn(self);
+    if (self->Is_Alone()) close(self->BuiltIn);
     self->Close();
     self->m_StopAccept = true;  // of a thread that had not begun
 }
@@ -682,11 +708,15 @@ uuid_t Make_UUID(std::uint8_t type, const py::int_& value)
 {
     uuid_t uuid{};
     uuid.type = type;
-    if (type == SDP_UUID16) uuid.value.uuid16 = value.cast<std::uint16_t>();
-    if (type == SDP_UUID32) uuid.value.uuid32 = value.cast<std::uint32_t>();
-    if (type == SDP_UUID128) {
-        const std::string bytes = py::bytes(value.attr("to_bytes")(sizeof(uuid.value.uuid128.data), "big"));
-        memcpy(uuid.value.uuid128.data, bytes.data(), bytes.size());
+    try {
+        if (type == SDP_UUID16) uuid.value.uuid16 = value.cast<std::uint16_t>();
+        if (type == SDP_UUID32) uuid.value.uuid32 = value.cast<std::uint32_t>();
+        if (type == SDP_UUID128) {
+            const std::string bytes = py::bytes(value.attr("to_bytes")(sizeof(uuid.value.uuid128.data), "big"));
+            memcpy(uuid.value.uuid128.data, bytes.data(), bytes.size());
+        }
+    } catch (const std::exception&) {
+        throw py::type_error("value is out of range");
     }
     return uuid;
 }
@@ -818,7 +848,7 @@ static void Add_Bluetooth(py::module_& module)
         .def("CloseClient", Now(&Bt::CloseClient), socket, doc::CloseClient)
         .def("CloseAllClient", Now(&Bt::CloseAllClient), serverSocket, doc::CloseAllClient)
         .def("CloseServer", &Close_Server, socket, doc::CloseServer)
-        .def("CloseAllServer", Now(&Bt::CloseAllServer), doc::CloseAllServer)
+        .def("CloseAllServer", &Close_AllServer, doc::CloseAllServer)
         .def_static("Thread_AcceptClient", &Accept_Clients, "object"_a, doc::Thread_AcceptClient)
 
         // Services of a device

@@ -5,6 +5,7 @@ import copy
 import inspect
 import os
 import re
+import signal
 import socket
 import subprocess
 import sys
@@ -169,6 +170,8 @@ WRONG: list[tuple[Callable[..., object], list[object]]] = [
     (BT.SendMsg_TAV_Data, ["Robot2", "id", "text"]),
     (BT.SendMsg_TAV_String, ["Robot2", "id", 1]),
     (S_BT_ScanDevice, [b"12345", "A", "Robot1"]),
+    (uuid_t, [SDP_UUID16, 70000]),
+    (uuid_t, [SDP_UUID128, -1]),
     (copy.copy, [BT]),
 ]
 
@@ -210,6 +213,21 @@ def test_containers_are_live() -> None:
     del bt, devices  # the object lives while something of it does
     clients.clear()
     assert len(clients) == 0
+
+
+def is_open(descriptor: int) -> bool:
+    return os.path.lexists(f"/proc/self/fd/{descriptor}")
+
+
+def test_with_closes_what_moved_in_the_list() -> None:
+    sockets = [socket.socket().detach() for _ in range(3)]
+    with C_TAV_Bluetooth() as bt:
+        for index, descriptor in enumerate(sockets):
+            bt.Add_BT_Device(f"Robot{index}", f"02:00:00:00:00:0{index}", descriptor, 16)
+            bt.m_ClientSockets[descriptor] = index
+        del bt.m_ScanDevices[0]
+    assert [is_open(descriptor) for descriptor in sockets] == [True, False, False]
+    os.close(sockets[0])
 
 
 def test_the_reference_is_there() -> None:
@@ -305,6 +323,40 @@ def test_ctrl_c_ends_sending_to_all(air: Any) -> None:
     robot1.wait_for("sends")
     time.sleep(0.3)  # until it waits for the first
     assert robot1.stop() == 0 and "interrupted" in robot1.said
+
+
+def close_in_between() -> None:
+    with C_TAV_Bluetooth() as bt:
+        open_for("Robot2", bt)
+        bt.m_StopAccept = True
+        while bt.m_AcceptRunning:
+            time.sleep(0.01)
+        server = bt.m_ServerSocket
+        bt.CloseAllServer()
+        file = os.open(os.devnull, os.O_RDONLY)
+        assert file == server  # its number
+    assert is_open(file)
+
+    signal.signal(signal.SIGALRM, lambda *_: bt.CloseServer_TAV())
+    open_for("Robot3", bt)
+    signal.setitimer(signal.ITIMER_REAL, 0.3)
+    assert bt.Server_ReadMsg_TAV_String("", "id", 100, 3000) is None and bt.m_ServerSocket == -1
+
+
+def open_for(client: str, bt: C_TAV_Bluetooth) -> None:
+    assert bt.OpenServer_TAV()
+    print(client, "may come", flush=True)
+    while bt.m_ServerSocket not in bt.m_ServerClients:
+        time.sleep(0.01)
+
+
+def test_servers_are_closed_in_between(air: Any) -> None:
+    """By CloseAllServer in `with`, and by a signal's handler while the server reads."""
+    robot1 = brick(air, "Robot1", close_in_between)
+    for name in "Robot2", "Robot3":
+        robot1.wait_for(f"{name} may come")
+        brick(air, name, be_deaf)
+    assert robot1.wait() == 0
 
 
 def ask_for_services() -> None:
