@@ -523,5 +523,9 @@ $("title").append(make("bdi", {textContent: data.title}));
 append(data.rows);
 $("scroller").focus({preventScroll: true});
 if (data.live) {
-  new EventSource(data.live).addEventListener("message", event => append(JSON.parse(event.data)));
+  new EventSource(data.live).addEventListener("message", event => {
+    const news = JSON.parse(event.data);
+    if (window.parent !== window) window.parent.postMessage(news, location.origin);
+    append(news);
+  });
 }
