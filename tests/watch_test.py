@@ -5,6 +5,7 @@ import json
 import os
 import re
 import shlex
+import signal
 import subprocess
 import sys
 import time
@@ -15,7 +16,8 @@ from typing import Any
 import pexpect
 import pytest
 from recording_test import HI, TO_2, Robot
-from tav_air import Air
+from tav_air import Air, sky
+from tav_air.watch import Watch
 
 ROOT = Path(__file__).resolve().parent.parent
 PATIENCE = 120  # s, for what takes one or two on a quiet machine
@@ -156,6 +158,59 @@ def test_names_are_shown_harmlessly(air: Air, page: Page) -> None:
     brick.do("s = listen(16)")
     shown = page.brick(air.address(name), lambda brick: brick["channels"])["name"]
     assert "script" in shown and not re.search("[\x00-\x1f\x7f\u202e]", shown)
+
+
+# A socket as of a brick or its program, which gives that answer to all.
+IMPOSTOR = """
+import contextlib, socket, sys
+listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+listener.bind("\\0" + sys.argv[1])
+listener.listen(64)
+print("here", flush=True)
+while True:
+    with contextlib.suppress(OSError), listener.accept()[0] as asker:
+        asker.send(b"Robot9\\0\\0")
+        asker.recv(1)
+"""
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="only root can be two users")
+def test_other_users_are_believed_only_where_the_air_is_shared(air: Air, monkeypatch: pytest.MonkeyPatch) -> None:
+    cases = [(0, "0", "!1", True), (65534, "0", "!1", False), (65534, "1", "!1", False)]
+    cases += [(65534, "0", "", False), (65534, "1", "", True)]
+    for user, share, rest, is_seen in cases:
+        monkeypatch.setenv("TAV_AIR_SHARED", share)
+        words = ["/usr/bin/python3", "-c", IMPOSTOR, f"tav-air/{air.name}/02:00:00:00:00:09{rest}"]
+        with subprocess.Popen(words, user=user, stdout=subprocess.PIPE) as program:
+            assert program.stdout and program.stdout.readline() == b"here\n"
+            names = [seen.name for seen in sky.look(air.name)]
+            program.kill()
+        assert names == ["Robot9"] * is_seen, (user, share, rest)
+
+
+def test_looks_go_on_whatever_happens(air: Air, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    robot = Robot(air, "Robot1")
+    robot.do("s = listen(16)")
+    program = f"{robot.brick.address}!{robot.brick.process.pid}"
+    robot.brick.signal(signal.SIGSTOP)
+    os.waitid(os.P_PID, robot.brick.process.pid, os.WSTOPPED)
+    sky.ask(air.name, program, b"?", 0.1)  # that waits for it from now on, and is none of its programs
+    seen = sky.look(air.name)
+    assert [each.programs for each in seen] == [[program]]
+
+    looks = iter([ValueError("it fell")])
+
+    def look(_: str) -> list[sky.Seen]:
+        for error in looks:
+            raise error
+        return seen
+
+    monkeypatch.setattr(sky, "look", look)
+    with Watch(air.name, tmp_path) as watch:
+        until = time.monotonic() + PATIENCE
+        while not watch.told and time.monotonic() < until:
+            time.sleep(0.05)
+        assert "it fell" in watch.told and program[:17] in watch.told
 
 
 def test_the_terminal(air: Air) -> None:

@@ -3,6 +3,7 @@
 import os
 import re
 import socket
+import struct
 from collections.abc import Iterator
 from contextlib import suppress
 from dataclasses import dataclass, field
@@ -10,10 +11,11 @@ from pathlib import Path
 
 ADDRESS = r"(?:[0-9A-F]{2}:){5}[0-9A-F]{2}"
 ENTRY = re.compile(
-    rf" (\d\d) +\d+ @tav-air/([^/\n]+)/({ADDRESS})([^\n]*)$", re.M
-)  # of /proc/net/unix: state, air, whose
+    rf" (0[13]) +\d+ @tav-air/([^/\n]+)/({ADDRESS})([^\n]*)$", re.M
+)  # of /proc/net/unix, but what waits to be accepted: state, air, whose
 CONNECTED = "03"
 ANSWER_TIME = 2.0  # s, for what takes a moment unless a program is stopped
+STRANGERS_TIME = 0.5  # s, for bricks of other users
 LARGEST = 65536
 
 
@@ -40,7 +42,12 @@ class Seen:
 
 def own_air() -> str:
     """The air of programs that are told none."""
-    return os.environ.get("TAV_AIR") or ("air" if os.environ.get("TAV_AIR_SHARED") == "1" else f"air-{os.geteuid()}")
+    return os.environ.get("TAV_AIR") or ("air" if is_shared() else f"air-{os.geteuid()}")
+
+
+def is_shared() -> bool:
+    """With other users who say so, too."""
+    return os.environ.get("TAV_AIR_SHARED") == "1"
 
 
 def list_names(air: str) -> Iterator[tuple[str, str, bool]]:
@@ -50,11 +57,35 @@ def list_names(air: str) -> Iterator[tuple[str, str, bool]]:
             yield address, rest, state == CONNECTED
 
 
-def ask(air: str, name: str, order: bytes, timeout: float = ANSWER_TIME) -> bytes:
-    """What a brick or a program of it answers; b"": it is not there any more, or has no time, or another user has it."""
-    with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as asker, suppress(OSError):
+def reach(air: str, name: str, timeout: float = ANSWER_TIME) -> socket.socket:
+    """A connection to a brick or a program of it. PermissionError: another user has it, who is not to be believed."""
+    asker = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    try:
         asker.settimeout(timeout)
         asker.connect(f"\0tav-air/{air}/{name}")
+        _, user, _ = struct.unpack("3i", asker.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i")))
+        if user != os.geteuid():
+            if not is_shared() or "!" in name:
+                raise PermissionError(f"{name} is another user's")
+            asker.settimeout(min(timeout, STRANGERS_TIME))
+    except OSError:
+        asker.close()
+        raise
+    return asker
+
+
+def is_strange(air: str, name: str) -> bool:
+    """Whether another user has it, who is not to be believed."""
+    try:
+        reach(air, name).close()
+    except OSError as error:
+        return isinstance(error, PermissionError)
+    return False
+
+
+def ask(air: str, name: str, order: bytes, timeout: float = ANSWER_TIME) -> bytes:
+    """What a brick or a program of it answers; b"": it is not there any more, or has no time, or another user has it."""
+    with suppress(OSError), reach(air, name, timeout) as asker:
         if order:
             asker.send(order)
         return asker.recv(LARGEST)
@@ -66,6 +97,8 @@ def look(air: str) -> list[Seen]:
     found: dict[str, Seen] = {}
     heard = set()
     for address, rest, is_connected in list_names(air):
+        if (not rest or rest.startswith("!")) and (is_connected or is_strange(air, address + rest)):
+            continue
         seen = found.setdefault(address, Seen(address))
         if rest.startswith("!"):
             seen.programs.append(address + rest)
@@ -84,12 +117,13 @@ def tell(air: str, seen: Seen) -> None:
     """What the brick says of itself."""
     for program in seen.programs:
         description = ask(air, program, b"?")
-        if description:
-            take(seen, description)
+        if not description:
+            continue  # nor would it answer more
+        take(seen, description)
         recording = ask(air, program, b"record ").decode(errors="surrogateescape")
         seen.recording = seen.recording or recording.removesuffix("\n")
     if not seen.name:
-        take(seen, ask(air, seen.address, b""))
+        take(seen, b"" if seen.programs else ask(air, seen.address, b""))
 
 
 def take(seen: Seen, description: bytes) -> None:

@@ -100,8 +100,8 @@ class Watch:
             started = time.monotonic()
             try:
                 act()
-            except (OSError, Problem) as error:
-                self.wrong = str(error)
+            except Exception as error:  # whatever it is, the next look may do
+                self.wrong = str(error) or repr(error)
             pause = max(PAUSE, time.monotonic() - started)  # at most half the time is spent on it
 
     def __enter__(self) -> "Watch":
