@@ -85,10 +85,11 @@ protected:
         const timespec now{};
         for (int call = 0; call < 3; ++call) {
             event.events = 0;
-            EXPECT_EQ(call == 0   ? epoll_wait(watch, &event, 1, 0)
-                      : call == 1 ? epoll_pwait(watch, &event, 1, 0, nullptr)
-                                  : epoll_pwait2(watch, &event, 1, &now, nullptr),
-                      1);
+            const int count = call == 0   ? epoll_wait(watch, &event, 1, 0)
+                              : call == 1 ? epoll_pwait(watch, &event, 1, 0, nullptr)
+                                          : epoll_pwait2(watch, &event, 1, &now, nullptr);
+            if (call == 2 && count < 0 && errno == ENOSYS) continue;  // Debian 12's qemu-user does not know it
+            EXPECT_EQ(count, 1);
             EXPECT_EQ(event.events, static_cast<unsigned int>(waited.revents)) << call;
         }
         close(watch);
