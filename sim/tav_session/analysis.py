@@ -24,6 +24,7 @@ SOON = 0.1  # s
 BESIDES = ("connect", "linked", "accepted")  # events that mostly have no row
 SHOWN_BYTES = 4096  # of a message, field by field
 ADVICE = "Send one message, and wait for its answer before the next."
+SPOILS = "The rest of a message spoils the next read. Keep messages below 1000 bytes."
 Row = dict[str, Any]
 
 
@@ -297,7 +298,10 @@ class Analysis:
             return "lost", f"Nobody read it: {why}."
         if not whole and not is_short:
             got = sum(part.size for part in parts)
-            return "cut", f"{peer} read {got} of its {count(len(event.data), 'byte')}: {self.why_unread(event)[0]}."
+            words = (
+                f"{peer} read {got} of its {count(len(event.data), 'byte')}. Of the rest: {self.why_unread(event)[0]}."
+            )
+            return "cut", f"{words} {SPOILS}"
         first = event.messages[0] if event.messages else None
         if whole and parts and (not first or not first.kind):
             return "damaged", reader_gets(event.messages, event.data)
@@ -328,7 +332,7 @@ class Analysis:
             words += reader_gets(first.messages, first.data)
         else:
             words += f"The first piece came behind {title_of(before.messages, len(before.data))}: no reader gets it."
-        return words + " The rest spoils the next read. Keep messages below 1000 bytes."
+        return f"{words} {SPOILS}"
 
     def joined_fate(self, event: Event, company: Sequence[Part]) -> tuple[str, str]:
         first = company[0].send

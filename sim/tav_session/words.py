@@ -12,11 +12,17 @@ UNSHOWN = re.compile("[\0-\x1f\x7f-\x9f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2
 FAILS = re.compile(r"readers? fails?|misread")  # how the dissector says that there is no result
 # By errno: what kind of trouble it is, and what it means for a connection.
 ERRORS = {
-    "ECONNREFUSED": ("refused", "{peer} is there, but refuses: no program on it listens on channel {channel}"),
+    "ECONNREFUSED": (
+        "refused",
+        "{peer} is there, but refuses: no program on it listens on channel {channel}, yet or at all",
+    ),
     "EHOSTDOWN": ("gone", "{peer} does not answer: it is switched off, out of range, or has another address"),
     "ETIMEDOUT": ("gone", "{peer} fell silent: it was switched off, or is out of range"),
     "ECONNRESET": ("gone", "{peer} has hung up, or its program has ended"),
-    "ENOTCONN": ("lost", "there is no connection to {peer} any more: nothing is sent"),
+    "ENOTCONN": (
+        "lost",
+        "there is no connection to {peer} any more: nothing is sent until this side disconnects and connects anew",
+    ),
     "ECONNABORTED": ("gone", "the adapter of {brick} was switched off"),
     "EHOSTUNREACH": ("refused", "no adapter of {brick} reaches {peer}, or {peer} is this brick itself"),
     "EBUSY": (
