@@ -18,7 +18,8 @@ def obey(bluetooth: C_TAV_Bluetooth, client: int, remote: str) -> None:
         if command != last:
             drive(command)
         last = command
-        bluetooth._SendMsg_TAV_String(client, "done", number)
+        if not bluetooth._SendMsg_TAV_String(client, "done", number):
+            return  # who has left is not read from again: that could wait for ever
 
 
 def main(remote: str) -> None:

@@ -23,7 +23,8 @@ static void Obey(C_TAV_Bluetooth& bluetooth, int client, const std::string& remo
         const std::string command = message.substr(std::min(blank + 1, message.size()));
         if (command != last) Drive(command);
         last = command;
-        bluetooth._SendMsg_TAV_String(client, "done", message.substr(0, blank));
+        // Who has left is not read from again: that could wait for ever.
+        if (!bluetooth._SendMsg_TAV_String(client, "done", message.substr(0, blank))) return;
     }
 }
 
