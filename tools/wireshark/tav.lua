@@ -103,6 +103,7 @@ end
 -- The text as one line that a terminal only shows: what it could obey or what is not UTF-8 becomes \x1B and the like.
 -- Characters of more than one byte that are not to be shown: C1 controls, and those that turn lines round or end them.
 local function printable(text, is_utf8)
+  if not text:find("[^\32-\126]") then return text end
   text = text:gsub("[\0-\31\127]", escape)
   if not is_utf8 then return (text:gsub("[\128-\255]", escape)) end
   for _, unshown in ipairs {"\194[\128-\159]", "\216\156", "\226\128[\142\143\168-\174]", "\226\129[\166-\169]"} do
