@@ -48,6 +48,9 @@ COLUMNS = {
     "event_name": "bthci_evt.remote_name",
     "own_name": "bthci_evt.device_name",
 }
+OURS = ("tav", "tav_classic")  # protocols
+BLOCK = 1 << 16  # bytes that are read at once
+NUMBER = re.compile(rb'<field name="num"[^>]* show="(\d+)"')  # of a frame
 WANTED = "btrfcomm.dlci > 1 or bthci_evt.code in {3, 5, 7, 14} or bthci_cmd.opcode == 0x0405 or frame.comment"
 
 
@@ -178,22 +181,16 @@ def read_rows(stream: IO[bytes]) -> Iterator[dict[str, str]]:
 
 
 def read_messages(stream: IO[bytes]) -> Iterator[tuple[int, list[Message]]]:
-    """Frame by frame, what the dissector found in it."""
-    number = 0
-    messages: list[Message] = []
-    root = None
-    for what, element in ElementTree.iterparse(stream, ("start", "end")):
-        if what == "start":
-            root = element if root is None else root
-        elif element.tag == "field" and element.get("name") == "num":
-            number = int(element.get("show", "0"))
-        elif element.tag == "proto" and element.get("name") in ("tav", "tav_classic"):
-            messages.append(take_message(element))
-        elif element.tag == "packet":
-            yield number, messages
-            messages = []
-            assert root is not None
-            root.clear()
+    """Frame by frame, what the dissector found in it; that stands last in its packet, and only that is parsed."""
+    rest = b""
+    while block := os.read(stream.fileno(), BLOCK):
+        *packets, rest = (rest + block).split(b"</packet>")
+        for packet in packets:
+            number = NUMBER.search(packet)
+            tree = ElementTree.fromstring(b"<packet>" + packet[packet.index(b'<proto name="tav') :] + b"</packet>")
+            yield int(number[1]) if number else 0, [take_message(proto) for proto in tree if proto.get("name") in OURS]
+    if b"</pdml>" not in rest:
+        raise EOFError
 
 
 def take_message(proto: ElementTree.Element) -> Message:
@@ -380,8 +377,9 @@ def read_capture(file: Path, names: dict[str, str], folder: str) -> list[Reader]
     """Of one brick, or of several that mergecap joined."""
     readers: dict[str, Reader] = {}
     fields = [option for column in COLUMNS.values() for option in ("-e", column)]
+    quick = [option for name in OURS for option in ("--disable-protocol", name)]  # most of the time is theirs
     try:
-        table = run_tshark(file, "-Y", WANTED, "-T", "fields", *fields, folder=folder)
+        table = run_tshark(file, "-Y", WANTED, "-T", "fields", *fields, *quick, folder=folder)
         tree = run_tshark(file, "-Y", "tav or tav_classic", "-T", "pdml", "-J", "tav tav_classic", folder=folder)
     except FileNotFoundError as error:
         if error.filename != "tshark":
@@ -403,7 +401,7 @@ def read_capture(file: Path, names: dict[str, str], folder: str) -> list[Reader]
                 reader.take(row, messages if number == int(row["number"]) else [])
             for _ in found:
                 pass
-        except ElementTree.ParseError:
+        except (EOFError, ElementTree.ParseError):
             is_broken = True
             for _ in chain(table.stdout, tree.stdout):  # else they would not end
                 pass

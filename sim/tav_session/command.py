@@ -1,6 +1,7 @@
 """tav-session: what it is told, and what it writes."""
 
 import argparse
+import gc
 import os
 import sys
 import time
@@ -83,6 +84,7 @@ def run(version: str) -> int:
 
 
 def show(arguments: argparse.Namespace, program: list[str]) -> int:
+    gc.disable()  # all that is made is kept to the end
     session = read(arguments.files)
     if arguments.replay:
         steps, command = replay.plan(session, arguments.replay, arguments.to)
