@@ -37,7 +37,11 @@ FRAMES: list[tuple[int, str, str] | tuple[int, str, str, str]] = [
     (1, "00" + CLASSIC_TEXT, 'Sent classic id "abc": "Hi"', "tav.zero && tav.length == 14"),
     (1, "00 01 01 00 81 9E 04 61 62 63 00 F5 00" + "74" * 244 + "00", "0: readers skip it and misread the rest]"),
     (1, "0C 00 01 00 81 9E 00 61 62 63", "classic [id length 0: readers take all that follows for the id]"),
-    (1, "0E 00 01 00 81 9E 04 61 62 63 00 00 00 48", '"abc" [payload length 0: a text reader takes all that follows]'),
+    (
+        1,
+        "0E 00 01 00 81 9E 04 61 62 63 00 00 00 48",
+        '"abc": "H" [payload length 0: a text reader takes all that follows]',
+    ),
     (1, "0E 00 01 00 81 9E 04 61 62 63 00 80 01 48", '"H" [1 of 384 bytes of the payload, a text reader fails]'),
     (1, "0B 00 02 00 81 9F 04 61 62 63 00 01 00 01", "not 819E] [length 11, not 12; readers do not compare]"),
     (1, "0C 00 01 00 81 9E 04 61 62 63 7A 01 00 01", '"abc": true [the id\'s last byte is not NUL, readers drop it]'),

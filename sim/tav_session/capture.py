@@ -78,7 +78,7 @@ class Message:
     id: bytes | None = None
     value: bytes | None = None  # of a bool its byte
     value_at: int = 0
-    length: int = 0  # that data say they have
+    length: int = 0  # that data, or what is classic, say that they have
     is_part: bool = False  # of a message that an earlier frame began
     fields: list[Field] = field(default_factory=list)
     findings: list[tuple[str, str]] = field(default_factory=list)  # damaged, odd, joined or cut; and in words
@@ -105,7 +105,7 @@ class Event:
 
     time: float
     brick: str
-    what: str  # connect, linked, connected, accepted, failed, end, send, receive or note
+    what: str  # start, connect, linked, connected, accepted, failed, end, send, receive or note
     link: Link | None = None
     peer: str = ""
     channel: int = 0
@@ -218,8 +218,10 @@ def take_field(message: Message, name: str, element: ElementTree.Element) -> Non
         message.sender = data[:-1]
     elif name == "id":
         message.id = data[:-1]
-    elif name == "size":
+    elif name in ("size", "payload_length"):
         message.length = int.from_bytes(data, "little")
+        if message.classic and not message.length:  # a text reader takes all that follows, if only nothing
+            message.kind, message.value, message.value_at = "text", b"", at + len(data)
     elif name == "part":
         message.is_part = True
     elif name.startswith("value."):
@@ -261,6 +263,8 @@ class Reader:
     def take(self, row: dict[str, str], messages: list[Message]) -> None:
         comment = parse_comment(row["comment"])
         if last(row["event"]) == COMPLETE and row["event_address"]:
+            if self.address and self.has_calls:  # another section
+                self.add(row, "start")
             self.address = row["event_address"]
         elif row["event_address"] and row["event_name"]:
             self.names[row["event_address"]] = row["event_name"]
@@ -282,7 +286,7 @@ class Reader:
         error = HCI_ERRORS.get(last(row["reason"]) or 0, "")
         for handle, dlci in [*self.links]:
             if last(handle) == last(row["event_handle"]):
-                link = self.links.pop((handle, dlci))
+                link = self.links[handle, dlci]
                 if not any(event.what == "end" for event in link.events):
                     self.add(row, "end", link, error=error)
 

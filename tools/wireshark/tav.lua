@@ -214,7 +214,7 @@ local function classic(buf, from)
   if not size then return m end
   local here = math.min(size, m:left())
   if size == 0 then
-    m:take("rest", m:left())
+    if m:left() > 0 then m:take_text("text", m:left(), m:left(), ": ") end
     m:find("damaged", "payload length 0: a text reader takes all that follows")
     return m
   elseif here < size then
