@@ -136,6 +136,16 @@ def play_damaged(pair: Pair) -> None:
     pair.receive()
 
 
+def play_classic(pair: Pair) -> None:
+    """With a payload length of 0, by which a text reader takes all that follows."""
+    pair.two.do("t = listen(1)")
+    pair.one.do("b, c = c, rfcomm(); c.connect(('02:00:00:00:00:02', 1))")
+    pair.two.do("e, d = d, t.accept()[0]")
+    for value in "0300486900", "0000486900", "0000":
+        pair.send(f"bytes.fromhex('0E000100819E0461626300{value}')")
+        pair.receive()
+
+
 def play_well(pair: Pair) -> None:
     pair.send(named(4, "raw", b"\2\0\0\0\xde\xad"))
     pair.receive()
@@ -146,7 +156,10 @@ FATES: list[tuple[Callable[[Pair], None], list[tuple[str, str]]]] = [
     (
         play_joined,
         [
-            ("joined", r'ReadMsg_TAV_String("Robot1", "a") gives "one\x00\x03Robot1\x00b\x00"'),
+            (
+                "joined",
+                'ReadMsg_TAV_String("Robot1", "a") gives "one··Robot1·b·" (· is a byte that no letter stands for)',
+            ),
             ("swallowed", "it ends up inside that text, and no reader gets it. Send one message, and wait"),
         ],
     ),
@@ -155,29 +168,26 @@ FATES: list[tuple[Callable[[Pair], None], list[tuple[str, str]]]] = [
         [
             (
                 "cut",
-                'in pieces of 15 and 3 bytes, as it asked for no more at once. ReadMsg_TAV_String("Robot1", "a") gives "left" (no NUL ends the text',
+                'in pieces of 15 and 3 bytes, as it asked for no more at once. ReadMsg_TAV_String("Robot1", "a") gives "left" (its end is missing',
             )
         ],
     ),
     (
         play_tail,
         [
-            ("cut", 'gives "left" (no NUL'),
-            (
-                "swallowed",
-                'with the rest of text a "left 20", behind that: every reader fails at what comes first, and no',
-            ),
+            ("cut", 'gives "left" (its end is missing'),
+            ("swallowed", 'to the end of the rest of text a "left 20": every reader fails at what comes first, and no'),
             ("ok", 'gives "three"'),
         ],
     ),
     (
         play_behind,
-        [("joined", "got this and 1 more message"), ("cut", 'came behind text a "one": no reader gets it.')],
+        [("joined", "got this and the next message at once"), ("cut", 'came behind text a "one": no reader gets it.')],
     ),
     (
         play_empty,
         [
-            ("damaged", 'ReadMsg_TAV_String("Robot1", "a") gives "" (no NUL ends the text'),
+            ("damaged", 'ReadMsg_TAV_String("Robot1", "a") gives "" (its end is missing'),
             ("joined", 'ReadMsg_TAV_Data("Robot1", "none") gives 0 bytes. The rest is dropped.'),
             ("swallowed", "the reader takes that one and drops this"),
         ],
@@ -185,10 +195,21 @@ FATES: list[tuple[Callable[[Pair], None], list[tuple[str, str]]]] = [
     (play_wrong_sender, [("sender", 'a reader that expects "Robot1" fails, and the message is lost')]),
     (
         play_gone,
-        [("gone", "The program on Robot2 has ended, without hanging up"), ("lost", "The operation returns false")],
+        [
+            ("gone", "The program on Robot2 has ended, without hanging up"),
+            ("lost", "The operation returns false: the message is lost. What it was"),
+        ],
     ),
     (play_hung_up, [("lost", "Robot2 hung up before it read this")]),
     (play_damaged, [("damaged", "Every reader fails: no NUL ends the id")]),
+    (
+        play_classic,
+        [
+            ("ok", 'ReadMsg_TAVOrg_String("abc") gives "Hi".'),
+            ("damaged", 'ReadMsg_TAVOrg_String("abc") gives "Hi·" ('),
+            ("damaged", 'ReadMsg_TAVOrg_String("abc") gives "" (its payload length is 0'),
+        ],
+    ),
     (play_well, [("ok", 'ReadMsg_TAV_Data("Robot1", "raw") gives 2 bytes DEAD.')]),
 ]
 
@@ -392,7 +413,7 @@ def test_the_page(air: Air, browser: Browser, tmp_path: Path) -> None:
 
     titles = ['text hello "one"', 'text hello "fine"', 'text a "two"', "bool b true"]
     assert [title for title in browser.texts(".label") if title in titles] == titles
-    assert browser.texts(".row .badge") == ["joined", "swallowed", "joined"]
+    assert browser.texts(".row .badge") == ["stuck together", "swallowed", "stuck together"]
     assert "2 of 4 messages arrived as sent, in " in browser.texts("#summary")[0]
     assert browser.texts(".lane") == ["Robot1", "Robot2"]
 
@@ -422,6 +443,23 @@ def test_the_page(air: Air, browser: Browser, tmp_path: Path) -> None:
     browser.press("0")
     browser.run("document.querySelector('#bricks button').click()")
     assert not [title for title in browser.run(shown) if title in titles]
+    assert browser.complaints() == []
+
+
+def test_the_line_of_a_brick_ends_with_its_program(air: Air, browser: Browser, tmp_path: Path) -> None:
+    pair = Pair(air)
+    play_gone(pair)
+    Robot(air, "Robot2").do("s = listen(16)")
+    page = tmp_path / "page.html"
+    session(*sorted(pair.folder.glob("*.pcapng")), "-o", page)
+    browser.open(page)
+    told = browser.run(
+        "return rows.filter(row => row.ended || row.what === 'start').map(row => row.ended || row.title)"
+    )
+    assert told == ["Robot2", "a program starts"]
+    assert "program ended" in browser.texts(".pill")
+    ends = browser.run("return [...geometry.lives.values()].map(lives => lives.length)")
+    assert ends == [1, 2]
     assert browser.complaints() == []
 
 

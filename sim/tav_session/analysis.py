@@ -22,9 +22,12 @@ from .words import (
 
 SOON = 0.1  # s
 BESIDES = ("connect", "linked", "accepted")  # events that mostly have no row
+ENOUGH = 1000  # bytes, of a receive: who asks for less cuts what is sent with care
 SHOWN_BYTES = 4096  # of a message, field by field
 ADVICE = "Send one message, and wait for its answer before the next."
-SPOILS = "The rest of a message spoils the next read. Keep messages below 1000 bytes."
+SPOILS = "The rest waits, and spoils the next read."
+SMALL = "Keep messages below 1000 bytes."
+MORE = "Let the reader ask for more at once."
 Row = dict[str, Any]
 
 
@@ -138,6 +141,8 @@ class Analysis:
             return self.end_row(event)
         if event.what in ("connected", "accepted", "failed"):
             return self.connect_row(event)
+        if event.what == "start":
+            return self.plain(event, "start", "note", "a program starts")
         if event.what == "note":
             return self.plain(event, "note", "note", safe(event.text))
         return self.attempt_row(event) if event.what == "connect" else None
@@ -201,19 +206,28 @@ class Analysis:
         if not event.error:
             return self.plain(event, "end", "plain", "hangs up")
         state, words = self.explain(event)
-        if event.error == "ETIMEDOUT" and self.is_silent(event.brick, event.time):
-            words = f"{safe(event.brick)} was out of range"
         if event.error == "ECONNRESET" and theirs and not theirs.error:
             return (
                 None
                 if self.at[theirs] < self.at[event] and self.is_next(theirs, event)
-                else self.plain(event, "end", "plain", "sees the end", sentence(words))
+                else self.plain(event, "end", "plain", "notices the end", sentence(words))
             )
-        return self.plain(event, "end", state, f"sees the end: {event.error}", sentence(words))
+        row = self.plain(event, "end", state, f"connection lost: {event.error}", sentence(words))
+        if event.error == "ECONNRESET" and peer and not theirs and self.has_ended(event.peer, event.time):
+            row["ended"] = safe(event.peer)
+        return row
+
+    def has_ended(self, brick: str, time: float) -> bool:
+        """Whether it did nothing any more until its next program."""
+        later = next((one for one in self.session.events if one.brick == brick and one.time > time), None)
+        return not later or later.what == "start"
 
     def explain(self, event: Event) -> tuple[str, str]:
         state, words = explain(event.error, event.brick, event.peer, event.channel)
         peer = self.match.peers.get(event.link) if event.link else None
+        for name in (event.brick, event.peer) if event.error == "ETIMEDOUT" else ():
+            if self.is_silent(name, event.time):
+                words = f"{safe(name)} was out of range"
         if event.error == "ECONNRESET" and peer:
             has_hung_up = any(other.what == "end" for other in peer.events)
             words = (
@@ -230,8 +244,11 @@ class Analysis:
             return None
         state, words = self.explain(event)
         if what == "send":
-            words += ". The operation returns false: the message is lost"
-        return self.plain(event, what, state, f"{what} fails: {event.error}", sentence(words))
+            words += (
+                ". The operation returns false: the message is lost. What it was is not recorded, as nothing of it left"
+            )
+        title = f"a message is not sent: {event.error}" if what == "send" else f"cannot read: {event.error}"
+        return self.plain(event, what, state, title, sentence(words))
 
     # ---- Messages ----
 
@@ -298,15 +315,15 @@ class Analysis:
             return "lost", f"Nobody read it: {why}."
         if not whole and not is_short:
             got = sum(part.size for part in parts)
-            words = (
-                f"{peer} read {got} of its {count(len(event.data), 'byte')}. Of the rest: {self.why_unread(event)[0]}."
+            return (
+                "cut",
+                f"{peer} read {got} of its {count(len(event.data), 'byte')}. Of the rest: {self.why_unread(event)[0]}.",
             )
-            return "cut", f"{words} {SPOILS}"
         first = event.messages[0] if event.messages else None
         if whole and parts and (not first or not first.kind):
             return "damaged", reader_gets(event.messages, event.data)
         if is_short:
-            sentence = f"Only {len(event.data)} of its {count(event.asked, 'byte')} were sent, and the operation returned false. "
+            sentence = f"Only {len(event.data)} of its {count(event.asked, 'byte')} left {safe(event.brick)}: the rest never comes, and the operation returned false. "
             return "cut", sentence + reader_gets(event.messages, event.data)
         if len(parts) > 1:
             pieces = " and ".join(str(part.size) for part in parts[:4]) + (" ..." if len(parts) > 4 else "")
@@ -327,35 +344,43 @@ class Analysis:
         else:
             words = f"{safe(event.peer)} got it in pieces of {pieces} bytes"
             words += ", as it asked for no more at once. " if first.asked == len(first.data) else ". "
-        before = self.match.brought[first][0].send
-        if before is event:
-            words += reader_gets(first.messages, first.data)
+        if self.match.brought[first][0].send is event:
+            words += self.gets(first)
         else:
-            words += f"The first piece came behind {title_of(before.messages, len(before.data))}: no reader gets it."
-        return f"{words} {SPOILS}"
+            words += f"The first piece came behind {self.begin_of(first)}: no reader gets it."
+        return f"{words} {SPOILS} {MORE if 0 < first.asked < ENOUGH else SMALL}"
+
+    def begin_of(self, receive: Event) -> str:
+        """What comes first in it."""
+        send = self.match.brought[receive][0].send
+        title = title_of(send.messages, len(send.data))
+        return title if self.match.taken[send][0].receive is receive else f"the rest of {title}"
+
+    def gets(self, receive: Event) -> str:
+        """What a reader gets of it."""
+        gets = reader_gets(receive.messages, receive.data)
+        first = self.begin_of(receive) if receive in self.match.brought else ""
+        if first.startswith("the rest of ") and gets.startswith("Every reader fails"):
+            return f"Every reader fails: {first} comes first."
+        return gets
 
     def joined_fate(self, event: Event, company: Sequence[Part]) -> tuple[str, str]:
         first = company[0].send
         receive = company[0].receive
         name = safe(event.peer)
-        gets = reader_gets(receive.messages, receive.data)
+        gets = self.gets(receive)
         is_text = any(message.kind == "text" and not message.classic for message in receive.messages[:1])
         if event is first:
-            others = count(len(company) - 1, "more message")
-            words = (
-                f"{name} read {duration(receive.time - event.time)} later, and got this and {others} in one receive. "
-            )
+            others = "the next message" if len(company) == 2 else f"the next {len(company) - 1} messages"
+            words = f"{name} read only {duration(receive.time - event.time)} later, and got this and {others} at once, as if they were one. "
             words += gets + ("" if is_text else " The rest is dropped.")
             return "joined", f"{words} {ADVICE}"
         fate = "it ends up inside that text" if is_text else "the reader takes that one and drops this"
         if not gets.startswith("ReadMsg"):
             fate = "every reader fails at what comes first"
-        before = title_of(first.messages, len(first.data))
-        if self.match.taken[first][0].receive is not receive:
-            before = f"the rest of {before}"
         return (
             "swallowed",
-            f"{name} got it in one receive with {before}, behind that: {fate}, and no reader gets it. {ADVICE}",
+            f"{name} got it stuck to the end of {self.begin_of(receive)}: {fate}, and no reader gets it. {ADVICE}",
         )
 
     def sender_fate(self, event: Event, gets: str) -> tuple[str, str]:
@@ -383,7 +408,7 @@ class Analysis:
         their_end = next((one for one in peer.events if one.what == "end"), None)
         for end in own_end, their_end:
             if end and end.error in ("ETIMEDOUT", "ECONNABORTED"):
-                return explain(end.error, end.brick, end.peer, end.channel)[1], True
+                return self.explain(end)[1], True
         if their_end and not their_end.error:
             return f"{name} {'had hung up' if their_end.time < event.time else 'hung up before it read this'}", True
         if own_end and own_end.error == "ECONNRESET":
@@ -404,7 +429,7 @@ class Analysis:
             return None
         parts = self.match.brought.get(event, [])
         whole = len(parts) == 1 and parts[0].size == len(parts[0].send.data)
-        gets = reader_gets(event.messages, event.data)
+        gets = self.gets(event)
         if whole:
             state, says = "plain", f"{duration(event.time - parts[0].send.time)} after it was sent."
         elif len(parts) > 1:
@@ -418,10 +443,10 @@ class Analysis:
         row = self.message_row(event, "receive", state, says)
         row["from"], row["to"] = row["to"], row["from"]
         if len(parts) > 1:
-            row["title"] = f"{len(parts)} in one receive"
+            row["title"] = f"{len(parts)} at once"
         elif parts and not whole:
-            what = "frame" if event.brick in self.session.frames else "receive"
-            row["title"] = f"{what}: {count(len(event.data), 'byte')}"
+            what = "in a frame" if event.brick in self.session.frames else "at once"
+            row["title"] = f"{count(len(event.data), 'byte')} {what}"
         row["sends"] = [part.send.key for part in parts]
         return row
 

@@ -2,18 +2,6 @@
 // Draws a session: rows by time, of which those are made that can be seen. All that comes from a capture is put into text
 // nodes. Events that come later: append(rows); a row of a known key takes the place of the one before.
 
-const STATES = {
-  ok: ["arrived", "It came alone and whole: the reader that expects its sender, kind and id gets it. Any other reader fails, and it is lost."],
-  joined: ["joined", "Others came with it in one receive. A reader takes one receive for one message."],
-  swallowed: ["swallowed", "It came behind another message in one receive. No reader gets it."],
-  cut: ["cut", "It did not come whole in one receive."],
-  lost: ["lost", "Nobody read it, or it could not be sent."],
-  refused: ["refused", "The connection was refused. Connect may give a socket all the same."],
-  gone: ["peer gone", "The other brick hung up, ended or fell silent."],
-  sender: ["wrong sender", "It bears another name than that of the brick that sent it: who expects the brick's name loses it."],
-  damaged: ["no message", "No reader takes these bytes, or not as they were meant."],
-  unseen: ["one side", "The other brick was not recorded: whether it read this is not known."],
-};
 const QUIET = ["ok", "plain", "note", "unseen", "waiting"];
 const KEYS = [
   ["↓ ↑  j k", "next, previous"], ["n  p", "next, previous trouble"], ["Enter", "bytes, field by field"], ["Esc", "close"],
@@ -22,7 +10,7 @@ const KEYS = [
 const LINE = 18, LOW = 32, TIMES = 96, LARGEST = 12e6, PAUSE = .0995, LONG_WORD = /\S{40}/, MOST_PRINTED = 2000;
 
 const $ = name => document.getElementById(name);
-const data = JSON.parse($("session").textContent);
+const data = JSON.parse($("session").textContent), STATES = data.states;
 const rows = [], byKey = new Map();
 let shown = [], tops = [], heights = [], total = 0, begin = 0, chosen = null, scale = 0, range = null, lanes = [], geometry = {};
 let isPrinting = false;
@@ -103,9 +91,10 @@ function listChoices() {
   fill($("kind"), [...kinds].sort());
   fill($("id"), [...ids].sort(order).slice(0, 2000));
   const last = rows.length ? rows[rows.length - 1].time - begin : 0;
-  const words = messages ? `${arrived} of ${messages} message${messages === 1 ? "" : "s"} arrived as sent` : "No message was sent";
+  const words = !messages ? "No message was sent" : `${arrived} of ${messages} message${messages === 1 ? "" : "s"} arrived as sent`;
   const when = rows.length ? `, in ${seconds(last)} from ${new Date(begin * 1000).toISOString().slice(0, 19).replace("T", " ")} UTC` : "";
-  $("summary").replaceChildren(make("b", {textContent: words}), when);
+  const hint = messages && arrived === messages ? ". A program that did not get one reads with another sender, kind or id than is said here." : "";
+  $("summary").replaceChildren(make("b", {textContent: words}), when + hint);
 }
 
 function toggle(text, pressed, act) {
@@ -149,7 +138,7 @@ function arrange() {
   }
   const width = $("scroller").clientWidth || 1200;
   const visible = lanes.filter(name => !wanted.bricks.has(name));
-  const words = Math.max(260, Math.min(620, (width - TIMES) * .42, width - TIMES - 110 * visible.length));
+  const words = Math.max(Math.min(260, width * .45), Math.min(620, (width - TIMES) * .42, width - TIMES - 110 * visible.length));
   const room = width - TIMES - words - 24;
   geometry = {words, width, x: new Map(visible.map((name, i) => [name, TIMES + room * (i + .5) / visible.length])), room,
     step: room / Math.max(1, visible.length)};
@@ -171,6 +160,7 @@ function arrange() {
     total += heights[i];
   });
   total += 16;
+  geometry.lives = new Map(visible.map(name => [name, findLives(name)]));
   $("sheet").style.height = total + "px";
   $("scale").textContent = perSecond ? `${Number(perSecond.toPrecision(2))} px/s` : "rows";
   drawLanes(visible);
@@ -183,10 +173,26 @@ function drawLanes(visible) {
     const lane = make("div", {className: isHere ? "lane" : "lane absent", title: isHere ? name : name + ": not recorded"},
       make("bdi", {textContent: name}));
     lane.style.left = geometry.x.get(name) + "px";
-    lane.style.maxWidth = Math.max(60, geometry.step - 12) + "px";
+    lane.style.maxWidth = Math.max(50, geometry.step - 6) + "px";
     return lane;
   }), place(make("span", {className: "column", textContent: "time, s"}), 16),
     place(make("span", {className: "column", textContent: "what a reader gets"}), geometry.width - geometry.words - 16));
+}
+
+// From where to where a brick's line goes: it ends with a program, and goes on with the next one.
+function findLives(name) {
+  const lives = [[0, Infinity]];
+  for (const row of rows) {
+    const isAlive = lives[lives.length - 1][1] === Infinity;
+    if (row.ended === name && isAlive) lives[lives.length - 1][1] = heightOf(row);
+    if (row.what === "start" && row.from === name && !isAlive) lives.push([heightOf(row), Infinity]);
+  }
+  return lives;
+}
+
+function heightOf(row) {
+  const i = shown.findIndex(other => other.time >= row.time);
+  return i < 0 ? total : tops[i] + (shown[i] === row ? 14 : 0);
 }
 
 function place(element, left) {
@@ -209,9 +215,12 @@ function render() {
   const from = isPrinting ? 0 : find($("scroller").scrollTop - 200);
   const end = isPrinting ? total : $("scroller").scrollTop + $("scroller").clientHeight + 200;
   const elements = [], picture = draw("svg", {width: geometry.width, height: total});
-  for (const x of geometry.x.values()) {
-    const first = isPrinting ? 0 : Math.max(0, $("scroller").scrollTop - 300);
-    picture.append(draw("line", {class: "life", x1: x, x2: x, y1: first, y2: Math.min(Math.max(total, $("scroller").clientHeight), end + 300)}));
+  const first = isPrinting ? 0 : Math.max(0, $("scroller").scrollTop - 300), last = Math.min(Math.max(total, $("scroller").clientHeight), end + 300);
+  for (const [name, x] of geometry.x) {
+    for (const [y1, y2] of geometry.lives.get(name)) {
+      if (y1 < last && y2 > first) picture.append(draw("line", {class: "life", x1: x, x2: x, y1: Math.max(y1, first), y2: Math.min(y2, last)}));
+      if (y2 < last) picture.append(draw("line", {class: "life", x1: x - 8, x2: x + 8, y1: y2, y2}));
+    }
   }
   const drawn = new Set();
   for (let i = from; i < shown.length && tops[i] < end; i++) {
@@ -232,6 +241,7 @@ function makeRow(row, i) {
   const ago = i ? row.time - shown[i - 1].time : 0;
   element.append(make("span", {className: "time"}, (row.time - begin).toFixed(3).padStart(8),
     make("i", {textContent: ago >= PAUSE ? "\n" + ("+" + seconds(ago)).padStart(8) : ""})), makeLabel(row));
+  if (geometry.x.has(row.ended)) element.append(makePill("program ended", geometry.x.get(row.ended)));
   const says = make("div", {className: "says"});
   if (isTrouble(row)) says.append(make("span", {className: "badge", textContent: STATES[row.state][0]}));
   says.append(make("bdi", {className: isTrouble(row) ? "" : "quiet", textContent: row.says || ""}));
@@ -243,20 +253,21 @@ function makeRow(row, i) {
 }
 
 function makeLabel(row) {
-  const label = make("span", {className: "label"}, make("bdi", {textContent: row.title}));
-  label.title = row.title.slice(0, 300);
   const a = geometry.x.get(row.from), b = geometry.x.get(row.to);
   const isArrow = a !== undefined && b !== undefined && row.what !== "receive" && row.what !== "end";
-  if (isArrow) {
-    const free = a < b ? geometry.width - geometry.words - 40 - a : a - TIMES;
-    label.style.maxWidth = Math.max(Math.abs(a - b) - 24, Math.min(260, free)) + "px";
-    label.style[a < b ? "left" : "right"] = (a < b ? a : geometry.width - a) + 12 + "px";
-    return label;
-  }
-  label.classList.add("pill");
-  label.style.left = (row.what === "receive" ? b : a) + 10 + "px";
-  label.style.maxWidth = Math.max(90, geometry.step / 2 - 4) + "px";
+  if (!isArrow) return makePill(row.title, row.what === "receive" ? b : a);
+  const label = make("span", {className: "label", title: row.title.slice(0, 300)}, make("bdi", {textContent: row.title}));
+  const free = a < b ? geometry.width - geometry.words - 40 - a : a - TIMES;
+  label.style.maxWidth = Math.max(Math.abs(a - b) - 24, Math.min(260, free)) + "px";
+  label.style[a < b ? "left" : "right"] = (a < b ? a : geometry.width - a) + 12 + "px";
   return label;
+}
+
+function makePill(text, x) {
+  const label = make("span", {className: "label pill", title: text.slice(0, 300)}, make("bdi", {textContent: text}));
+  const next = Math.min(...[...geometry.x.values()].filter(other => other > x), geometry.width - geometry.words - 16);
+  label.style.maxWidth = Math.max(60, next - x - 14) + "px";
+  return place(label, Math.min(x + 10, next - 64));
 }
 
 function drawRow(picture, row, i, drawn) {
@@ -416,6 +427,7 @@ function showDetails(row) {
   if (STATES[row.state]) says.append(make("span", {className: "badge", textContent: STATES[row.state][0], title: STATES[row.state][1]}));
   says.append(make("bdi", {textContent: row.says || (STATES[row.state] || ["", ""])[1]}));
   const parts = [close, make("h2", {}, make("bdi", {textContent: row.title})), says, facts];
+  if (row.says && STATES[row.state]) parts.splice(3, 0, make("p", {className: "quiet", textContent: STATES[row.state][1]}));
   if (row.findings && row.findings.length)
     parts.push(make("p", {className: "quiet", textContent: "The dissector says: " + row.findings.join("; ")}));
   if (row.fields && row.fields.length) parts.push(...makeBytes(row.fields));
@@ -455,6 +467,7 @@ function showHelp() {
     ...(data.frames.length ? [make("p", {textContent: `Of ${data.frames.join(", ")} the radio's frames were captured. They do not tell what one receive brings.`})] : []),
     list, keys, close);
   $("help").showModal();
+  $("help").scrollTop = 0;  // not where the button is that has the focus
 }
 
 // ---- Keys and the rest ---------------------------------------------------------------------------------------------

@@ -13,7 +13,30 @@ from .capture import Session
 from .words import safe, shorten
 
 HERE = Path(__file__).resolve().parent
-STATES = {"gone": "peer gone", "sender": "wrong sender", "damaged": "no message", "unseen": "one side"}
+STATES = {  # what became of messages, in the words of the page
+    "ok": (
+        "arrived",
+        "It came alone and whole. Who reads with its sender, kind and id gets it; any other reader fails, and it is lost.",
+    ),
+    "joined": (
+        "stuck together",
+        "Others came with it at once, since the reader looked late. A reader takes all that comes at once for one message.",
+    ),
+    "swallowed": ("swallowed", "It came behind another message, at once with that. No reader gets it."),
+    "cut": ("cut", "Only its beginning was sent, or it came in pieces. A reader takes the first piece for all of it."),
+    "lost": ("lost", "Nobody read it, or it could not be sent. The row says why."),
+    "refused": (
+        "refused",
+        "There is no connection, mostly since no program listens there. Connect may give a socket all the same.",
+    ),
+    "gone": ("not there", "The other brick does not answer, has hung up, or its program has ended."),
+    "sender": (
+        "wrong sender",
+        "It bears another name than that of the brick that sent it: who expects the brick's name loses it.",
+    ),
+    "damaged": ("damaged", "These bytes are no whole message: readers fail, or get something else."),
+    "unseen": ("unknown", "The other brick was not recorded: whether it read this is not known."),
+}
 QUIET = ("ok", "plain", "note", "unseen", "waiting")
 COLOURS = {
     "joined": 33,
@@ -30,7 +53,7 @@ RED = 31
 
 
 def state_words(state: str) -> str:
-    return STATES.get(state, state)
+    return STATES[state][0]
 
 
 # ---- The page -------------------------------------------------------------------------------------------------------
@@ -55,6 +78,7 @@ def page(session: Session, rows: Sequence[Row], title: str, live: str = "") -> s
         "recorded": [safe(name) for name in sorted(session.recorded)],
         "frames": [safe(name) for name in sorted(session.frames)],
         "live": live,
+        "states": STATES,
         "rows": rows,
     }
     policy = f"default-src 'none'; style-src {source_of(style)}; script-src {source_of(script)}; base-uri 'none'; form-action 'none'"

@@ -10,6 +10,10 @@ LONGEST = 4000  # characters of a text that are shown
 # Line ends, and what turns lines round: as host/printable.cpp has them.
 UNSHOWN = re.compile("[\0-\x1f\x7f-\x9f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069\ud800-\udfff]")
 FAILS = re.compile(r"readers? fails?|misread")  # how the dissector says that there is no result
+PLAIN = {  # what it says, for those who look at a page
+    "payload length 0: a text reader takes all that follows": "its payload length is 0, and a text reader takes all that follows",
+    "no NUL ends the text, readers drop its last byte": "its end is missing, and readers drop the last byte that came",
+}
 # By errno: what kind of trouble it is, and what it means for a connection.
 ERRORS = {
     "ECONNREFUSED": (
@@ -21,7 +25,7 @@ ERRORS = {
     "ECONNRESET": ("gone", "{peer} has hung up, or its program has ended"),
     "ENOTCONN": (
         "lost",
-        "there is no connection to {peer} any more: nothing is sent until this side disconnects and connects anew",
+        "{brick} has no connection to {peer}: nothing is sent until it disconnects, and connects anew",
     ),
     "ECONNABORTED": ("gone", "the adapter of {brick} was switched off"),
     "EHOSTUNREACH": ("refused", "no adapter of {brick} reaches {peer}, or {peer} is this brick itself"),
@@ -56,6 +60,12 @@ def shorten(text: str, size: int) -> str:
 
 def quoted(data: bytes, size: int = 60) -> str:
     return '"' + shorten(printable(data), size) + '"'
+
+
+def shown(text: bytes) -> str:
+    """As a reader's program shows it, more or less."""
+    words, dots = UNSHOWN.subn("·", text.decode("utf-8", "surrogateescape"))
+    return f'"{shorten(words, 100)}"' + (" (· is a byte that no letter stands for)" if dots else "")
 
 
 def count(number: int, what: str) -> str:
@@ -106,14 +116,23 @@ def call_of(message: Message) -> str:
     return f"ReadMsg_{format_name}_{reader}({sender}{quoted(message.id or b'', 40)})"
 
 
+def text_of(messages: Sequence[Message], data: bytes) -> bytes:
+    """What a reader of texts is given: in the named format all that one receive brought."""
+    first = messages[0]
+    if first.value is None:
+        return b""
+    if not first.classic:
+        return data[first.value_at : -1]
+    return first.value[:-1] if first.length else first.value  # a length of 0 wraps around
+
+
 def result_of(messages: Sequence[Message], data: bytes) -> str:
     """What a reader that expects the first message is given, of all that one receive brought; empty: it fails."""
     first = messages[0]
     if any(FAILS.search(text) for text in first.found("damaged")):
         return ""
-    if first.kind == "text" and not first.classic:
-        text = b"" if first.value is None else data[first.value_at : -1]
-        return quoted(text, 60) + ("" if len(messages) == 1 else f", {count(len(text), 'byte')}")
+    if first.kind == "text":
+        return shown(text_of(messages, data))
     if first.kind == "data" and (first.value is not None or len(messages) > 1):  # none, but something behind it
         value = first.value or b""
         return f"{count(len(value), 'byte')} {shorten(value.hex().upper(), 40)}".rstrip()
@@ -125,7 +144,8 @@ def reader_gets(messages: Sequence[Message], data: bytes) -> str:
     if not messages or not data:
         return ""
     first = messages[0]
-    damage = re.sub(", (a text )?readers? fails?", "", "; ".join(first.found("damaged", "odd")))
+    damage = "; ".join(PLAIN.get(text, text) for text in first.found("damaged", "odd"))
+    damage = re.sub(", (a text )?readers? fails?", "", damage)
     if first.is_part:
         return "It is the rest of a message that was begun before: every reader fails, and what came with it is lost."
     if not first.kind or first.id is None:
