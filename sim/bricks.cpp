@@ -107,7 +107,7 @@ void Change_Everywhere(const S_Adapter& brick)
     std::unique_lock lock(State().Mutex);
     Change_Brick(brick);
     Wait_ForThread(lock);
-    const auto programs = List_Programs(brick.Address);
+    const auto programs = List_Names(brick.Address + "!");
     lock.unlock();
     for (const std::string& program : programs)
         Ask(program, Describe(brick));
@@ -153,7 +153,7 @@ bool Put(const S_Brick& brick)
     if (State().Bricks.empty()) State().First = brick.Address;
     S_Adapter put{brick};
     if (State().Bricks.count(brick.Address) == 0) {  // other programs that are this brick know what became of it
-        const auto programs = List_Programs(brick.Address);
+        const auto programs = List_Names(brick.Address + "!");
         lock.unlock();
         for (const std::string& program : programs) {
             if (Is_Foreign(program)) return false;

@@ -169,7 +169,7 @@ std::vector<int> List_Fds(const S_Socket& socket)
 std::map<std::string, bool> List_Links(const std::string& address)
 {
     std::map<std::string, bool> links;
-    for (const std::string& name : List_Names(true)) {
+    for (const std::string& name : List_Names("", true)) {
         if (name.size() <= 2 * ADDRESS_SIZE + 1 || name[ADDRESS_SIZE] != '>') continue;
         const std::string from = name.substr(0, ADDRESS_SIZE), to = name.substr(ADDRESS_SIZE + 1, ADDRESS_SIZE);
         if (from == address) links[to] = true;

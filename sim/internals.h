@@ -301,8 +301,7 @@ void Change_Everywhere(const S_Adapter& brick);
 std::string Get_ListenName(const S_Socket& socket, const std::string& address);
 int Bind_Name(int fd, const std::string& name);
 int Connect_Name(int fd, const std::string& name);  // a stranger's is not there
-std::set<std::string> List_Names(bool onlyConnected = false);
-std::set<std::string> List_Programs(const std::string& address);  // those that are the brick
+std::set<std::string> List_Names(const std::string& start = "", bool onlyConnected = false);  // that start so
 bool Is_Silent(const std::string& address);  // a program of this brick is, whose links are not given up
 bool Is_Friend(int fd);                      // who is at the other end may be there
 bool Is_Foreign(const std::string& name);    // another user has it

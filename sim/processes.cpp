@@ -258,32 +258,22 @@ int Connect_Name(int fd, const std::string& name)
     return Is_Friend(fd) ? 0 : Fail(EACCES);
 }
 
-std::set<std::string> List_Names(bool onlyConnected)
+std::set<std::string> List_Names(const std::string& start, bool onlyConnected)
 {
-    const std::string prefix = "@tav-air/" + State().Air + "/";
+    const std::string air = "@tav-air/" + State().Air + "/";
     std::set<std::string> names;
     std::ifstream file("/proc/net/unix");
     for (std::string line; std::getline(file, line);) {
-        const std::size_t start = line.find(prefix);
+        const std::size_t found = line.find(air + start);
         if (onlyConnected && line.find(" 03 ") == std::string::npos) continue;
-        if (start != std::string::npos) names.insert(line.substr(start + prefix.size()));
+        if (found != std::string::npos) names.insert(line.substr(found + air.size()));
     }
     return names;
 }
 
 bool Is_Silent(const std::string& address)
 {
-    const auto names = List_Names();
-    const auto name = names.lower_bound(address + "/gone");
-    return name != names.end() && name->rfind(address + "/gone", 0) == 0;
-}
-
-std::set<std::string> List_Programs(const std::string& address)
-{
-    auto names = List_Names();
-    for (auto name = names.begin(); name != names.end();)
-        name = name->rfind(address + "!", 0) == 0 ? std::next(name) : names.erase(name);
-    return names;
+    return !List_Names(address + "/gone").empty();
 }
 
 bool Is_Friend(int fd)
