@@ -68,7 +68,7 @@ bool Bind_Call(S_OpenSocket& socket)
 {
     static unsigned int count = 0;
     std::string name = socket.Own + ">" + Get_ListenName(socket, socket.Peer);
-    if (socket.Kind == E_Kind::L2CAP) name += "/" + std::to_string(getpid()) + "." + std::to_string(++count);
+    if (socket.Protocol == BTPROTO_L2CAP) name += "/" + std::to_string(getpid()) + "." + std::to_string(++count);
     for (auto& [fd, known] : State().Sockets)  // one that has ended is none
         if (known->Call >= 0 && known->Own == socket.Own && known->Peer == socket.Peer &&
             known->Channel == socket.Channel && Is_AtEnd(fd))
@@ -269,7 +269,7 @@ void Drop_Socket(int fd)
         return other.second->State == E_State::CONNECTED && other.second->Own == socket->Own &&
                other.second->Peer == socket->Peer;
     });
-    if (isConnected && isLastLink && socket->Kind == E_Kind::RFCOMM)
+    if (isConnected && isLastLink && socket->Protocol == BTPROTO_RFCOMM)
         State().Released[{socket->Own, socket->Peer}] = Clock::now();
 }
 

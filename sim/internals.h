@@ -112,14 +112,6 @@ struct S_Real
 };
 const S_Real& Real();
 
-enum class E_Kind
-{
-    RFCOMM,
-    L2CAP,
-    RAW,  // L2CAP signals: good for echo
-    HCI
-};
-
 enum class E_State
 {
     OPEN,
@@ -154,8 +146,8 @@ private:
 // and the end of a process are the kernel's; these are the differences.
 struct S_Socket
 {
-    E_Kind Kind = E_Kind::RFCOMM;
-    int Type = SOCK_STREAM;
+    int Protocol = BTPROTO_RFCOMM;
+    int Type = SOCK_STREAM;  // of L2CAP SOCK_RAW, too: its signals, good for echo
     E_State State = E_State::OPEN;
     std::string Own;  // addresses
     std::string Peer;

@@ -206,7 +206,7 @@ void Leave_ToParent()
     State().Kept.clear();
     for (auto& [fd, socket] : State().Sockets) {
         if (socket->State == E_State::CONNECTING) socket->State = E_State::FAILED;
-        if (socket->Kind == E_Kind::RFCOMM || socket->Kind == E_Kind::L2CAP) socket->Far = C_Own();
+        if (socket->Type != SOCK_RAW) socket->Far = C_Own();
     }
     State().Wake = C_Own();
     State().Mutex.unlock();
@@ -240,7 +240,7 @@ void Start_Thread()
 
 std::string Get_ListenName(const S_Socket& socket, const std::string& address)
 {
-    return address + (socket.Kind == E_Kind::L2CAP ? "/l" : "/") + std::to_string(socket.Channel);
+    return address + (socket.Protocol == BTPROTO_L2CAP ? "/l" : "/") + std::to_string(socket.Channel);
 }
 
 int Bind_Name(int fd, const std::string& name)

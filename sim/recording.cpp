@@ -293,7 +293,7 @@ std::string Make_Signal(const S_Socket& socket, const std::string& signal)
 std::string Make_L2capRequest(const S_Socket& socket)
 {
     std::string request{L2CAP_CONN_REQ, 1, 4, 0};
-    Add(request, socket.Kind == E_Kind::L2CAP ? static_cast<std::uint16_t>(socket.Channel) : RFCOMM_PSM);
+    Add(request, socket.Protocol == BTPROTO_L2CAP ? static_cast<std::uint16_t>(socket.Channel) : RFCOMM_PSM);
     Add(request, CID);
     return Make_Signal(socket, request);
 }
@@ -317,7 +317,7 @@ std::string Make_Connected(const S_Socket& socket, std::uint8_t status)
 // What the side that hangs up sends.
 std::string Make_Farewell(const S_OpenSocket& socket, bool received)
 {
-    if (socket.Kind == E_Kind::RFCOMM) return Make_Rfcomm(socket, DISC, (socket.Call >= 0) != received);
+    if (socket.Protocol == BTPROTO_RFCOMM) return Make_Rfcomm(socket, DISC, (socket.Call >= 0) != received);
     std::string request{L2CAP_DISCONN_REQ, 2, 4, 0};
     Add(request, CID);
     Add(request, CID);
@@ -354,7 +354,7 @@ int Take_Handle()
 bool Is_Connection(const S_Socket& socket)
 {
     const bool isOpen = socket.State == E_State::CONNECTED || socket.State == E_State::LOST;
-    return isOpen && !socket.Ended && (socket.Kind == E_Kind::RFCOMM || socket.Kind == E_Kind::L2CAP);
+    return isOpen && !socket.Ended && socket.Type != SOCK_RAW;
 }
 
 void Give_Back(int handle)
@@ -453,7 +453,7 @@ void Record_Connection(S_OpenSocket& socket, std::int64_t time, int error)
     const bool isAccepted = socket.Call < 0 && error == 0;
     socket.Handle = Take_Handle();
     std::string blocks;
-    const bool isL2cap = socket.Kind == E_Kind::L2CAP;
+    const bool isL2cap = socket.Protocol == BTPROTO_L2CAP;
     const std::string why = error ? Describe_Connect(socket, error) : "";
     Add_Packet(blocks, time, true, {Make_Connected(socket, 0)});
     Add_Packet(blocks, time, isAccepted, {Make_L2capRequest(socket)});
@@ -470,14 +470,14 @@ void Record_Transfer(int fd, bool received, std::int64_t time, std::string_view 
     std::string blocks;
     std::unique_lock lock(State().Mutex);
     const SocketPointer socket = Find_Socket(fd);
-    if (g_File < 0 || !socket || (socket->Kind == E_Kind::HCI ? data.empty() : socket->Handle == 0)) return;
+    if (g_File < 0 || !socket || (socket->Protocol == BTPROTO_HCI ? data.empty() : socket->Handle == 0)) return;
     blocks.reserve(data.size() + 128);
     do {
         const std::string_view part = data.substr(0, LARGEST_FRAME);
         data.remove_prefix(part.size());
-        if (socket->Kind == E_Kind::HCI) {
+        if (socket->Protocol == BTPROTO_HCI) {
             Add_Packet(blocks, time, received, {part}, comment);
-        } else if (socket->Kind == E_Kind::L2CAP) {
+        } else if (socket->Protocol == BTPROTO_L2CAP) {
             Add_Packet(blocks, time, received, {Make_Acl(socket->Handle, CID, part.size()), part}, comment);
         } else {
             const S_Frame frame = Make_Frame(*socket, UIH, (socket->Call >= 0) != received, part.size());

@@ -101,6 +101,12 @@ void Forget_Socket(int fd)
 
 namespace {
 
+constexpr std::pair<int, int> SOCKETS[] = {{BTPROTO_RFCOMM, SOCK_STREAM},
+                                           {BTPROTO_L2CAP, SOCK_STREAM},
+                                           {BTPROTO_L2CAP, SOCK_SEQPACKET},
+                                           {BTPROTO_L2CAP, SOCK_RAW},
+                                           {BTPROTO_HCI, SOCK_RAW}};
+
 // ---- Addresses ------------------------------------------------------------------------------------------------------
 
 // Where to connect or bind to.
@@ -113,7 +119,7 @@ struct S_Address
 // False, with errno, when it is none for such a socket.
 bool Read_Address(const S_Socket& socket, const sockaddr* address, socklen_t length, S_Address& read)
 {
-    const bool isRfcomm = socket.Kind == E_Kind::RFCOMM;
+    const bool isRfcomm = socket.Protocol == BTPROTO_RFCOMM;
     if (length < (isRfcomm ? sizeof(sockaddr_rc) : offsetof(sockaddr_l2, l2_cid)) || address->sa_family != AF_BLUETOOTH)
         return Fail(EINVAL) == 0;
     const auto* const rfcomm = reinterpret_cast<const sockaddr_rc*>(address);
@@ -133,7 +139,7 @@ void Write_Address(const S_Socket& socket, const std::string& brick, sockaddr* a
     l2cap.l2_psm = htobs(static_cast<std::uint16_t>(socket.Channel));
     if (!brick.empty()) str2ba(brick.c_str(), &rfcomm.rc_bdaddr);
     l2cap.l2_bdaddr = rfcomm.rc_bdaddr;
-    const bool isRfcomm = socket.Kind == E_Kind::RFCOMM;
+    const bool isRfcomm = socket.Protocol == BTPROTO_RFCOMM;
     const std::size_t size = isRfcomm ? sizeof(rfcomm) : sizeof(l2cap);
     const void* const bytes = isRfcomm ? static_cast<const void*>(&rfcomm) : &l2cap;
     memcpy(address, bytes, std::min<std::size_t>(*length, size));
@@ -179,17 +185,11 @@ int socket(int domain, int type, int protocol) __THROW
     const int flags = type & (SOCK_NONBLOCK | SOCK_CLOEXEC);
     made->Own = Get_Acting();
     made->Type = type & ~flags;
-    const bool isRaw = made->Type == SOCK_RAW;
-    if (protocol == BTPROTO_RFCOMM && made->Type == SOCK_STREAM)
-        made->Kind = E_Kind::RFCOMM;
-    else if (protocol == BTPROTO_L2CAP && (isRaw || made->Type == SOCK_SEQPACKET || made->Type == SOCK_STREAM))
-        made->Kind = isRaw ? E_Kind::RAW : E_Kind::L2CAP;
-    else if (protocol == BTPROTO_HCI && isRaw)
-        made->Kind = E_Kind::HCI;
-    else
-        return Fail(EPROTONOSUPPORT);
+    made->Protocol = protocol;
+    const auto* const known = std::find(std::begin(SOCKETS), std::end(SOCKETS), std::pair(protocol, made->Type));
+    if (known == std::end(SOCKETS)) return Fail(EPROTONOSUPPORT);
     int near = -1;
-    made->Far = Open_Pair((isRaw ? SOCK_SEQPACKET : made->Type) | flags, near);
+    made->Far = Open_Pair((made->Type == SOCK_RAW ? SOCK_SEQPACKET : made->Type) | flags, near);
     return Add_Socket(near, made);
 }
 
@@ -197,7 +197,7 @@ int bind(int fd, const sockaddr* address, socklen_t length) __THROW
 {
     if (!g_Ours.Has(fd)) return Real().Bind(fd, address, length);
     const S_Socket socket = Get_Socket(fd);
-    if (socket.Kind == E_Kind::HCI) {
+    if (socket.Protocol == BTPROTO_HCI) {
         const auto* const hci = reinterpret_cast<const sockaddr_hci*>(address);
         if (length < sizeof(*hci) || hci->hci_channel != HCI_CHANNEL_RAW) return Fail(EINVAL);
         return hci->hci_dev == HCI_DEV_NONE || (hci->hci_dev == 0 && Get_Adapter(socket.Own)) ? 0 : Fail(ENODEV);
@@ -221,7 +221,7 @@ int listen(int fd, int backlog) __THROW
     if (Fails("listen", std::to_string(backlog), fd)) return -1;
     const C_Locked socket(fd);
     if (socket->State != E_State::BOUND) return Fail(EBADFD);
-    const int step = socket->Kind == E_Kind::RFCOMM ? 1 : 2;
+    const int step = socket->Protocol == BTPROTO_RFCOMM ? 1 : 2;
     for (int channel = step == 1 ? 1 : 0x1001, tries = 30; socket->Channel == 0; channel += step)  // any that is free
         if (!Take_Channel(*socket, channel) && --tries == 0) return Fail(EINVAL);
     Record_Note("listen on channel " + std::to_string(socket->Channel));
@@ -247,7 +247,7 @@ int accept4(int fd, sockaddr* address, socklen_t* length, int flags)
         const int accepted = Is_Friend(call) ? Receive_Fd(call) : -1;
         if (accepted < 0) continue;
         const auto socket = std::make_shared<S_OpenSocket>();
-        socket->Kind = server.Kind;
+        socket->Protocol = server.Protocol;
         socket->Type = server.Type;
         socket->State = E_State::CONNECTED;
         socket->Own = server.Own;
@@ -276,7 +276,7 @@ int connect(int fd, const sockaddr* address, socklen_t length)
     if (Fails("connect", peer + ", " + std::to_string(to.Channel), fd)) return Fail_Connect(socket, to, errno);
     const auto adapter = Get_Adapter(socket.Own);
     if (!adapter || !adapter->Powered || peer == socket.Own) return Fail_Connect(socket, to, EHOSTUNREACH);
-    if (socket.Kind == E_Kind::RAW) {
+    if (socket.Type == SOCK_RAW) {
         if (!Ask_Brick(peer)) return Sleep_UntilSignal(PAGE_TIMEOUT) ? Fail(EHOSTDOWN) : -1;
         const C_Locked raw(fd);
         raw->Peer = peer;
@@ -314,11 +314,11 @@ int getpeername(int fd, sockaddr* address, socklen_t* length) __THROW
 int setsockopt(int fd, int level, int option, const void* value, socklen_t length) __THROW
 {
     if (!g_Ours.Has(fd) || level == SOL_SOCKET) return Real().Setsockopt(fd, level, option, value, length);
-    const E_Kind kind = Get_Socket(fd).Kind;
+    const int protocol = Get_Socket(fd).Protocol;
     const auto* const bytes = static_cast<const unsigned char*>(value);
-    if (kind == E_Kind::HCI && option == HCI_FILTER)
+    if (protocol == BTPROTO_HCI && option == HCI_FILTER)
         memcpy(&C_Locked(fd)->Filter, value, std::min<std::size_t>(length, sizeof(hci_filter)));
-    if (kind == E_Kind::HCI) return level == SOL_HCI ? 0 : Fail(ENOPROTOOPT);
+    if (protocol == BTPROTO_HCI) return level == SOL_HCI ? 0 : Fail(ENOPROTOOPT);
     const bool isSecurity = level == SOL_BLUETOOTH && option == BT_SECURITY;
     std::string arguments = isSecurity ? "BT_SECURITY" : "RFCOMM_LM";
     for (socklen_t i = 0; i < length; ++i)
@@ -329,7 +329,7 @@ int setsockopt(int fd, int level, int option, const void* value, socklen_t lengt
         C_Locked(fd)->Security = bytes[0];
         return 0;
     }
-    if (kind != E_Kind::RFCOMM) return level == SOL_L2CAP ? 0 : Fail(ENOPROTOOPT);
+    if (protocol != BTPROTO_RFCOMM) return level == SOL_L2CAP ? 0 : Fail(ENOPROTOOPT);
     if (level != SOL_RFCOMM || option != RFCOMM_LM) return Fail(ENOPROTOOPT);
     if (length < sizeof(int)) return Fail(EINVAL);
     // Levels of security are all that is kept of it.
@@ -354,22 +354,19 @@ int getsockopt(int fd, int level, int option, void* value, socklen_t* length) __
     if (level == SOL_SOCKET) {
         if (option == SO_DOMAIN) return give(AF_BLUETOOTH);
         if (option == SO_TYPE) return give(socket.Type);
-        if (option == SO_PROTOCOL) {
-            const int protocols[] = {BTPROTO_RFCOMM, BTPROTO_L2CAP, BTPROTO_L2CAP, BTPROTO_HCI};
-            return give(protocols[static_cast<int>(socket.Kind)]);
-        }
+        if (option == SO_PROTOCOL) return give(socket.Protocol);
         if (option != SO_ERROR) return Real().Getsockopt(fd, level, option, value, length);
         return Fails("getsockopt", "SO_ERROR", fd) ? -1 : give(Take_Error(fd));
     }
-    if (level == SOL_HCI && socket.Kind == E_Kind::HCI) return option == HCI_FILTER ? give(socket.Filter) : give(0);
+    if (level == SOL_HCI && socket.Protocol == BTPROTO_HCI) return option == HCI_FILTER ? give(socket.Filter) : give(0);
     if (level == SOL_BLUETOOTH && option == BT_SECURITY)
         return give(bt_security{static_cast<std::uint8_t>(socket.Security), 0});
     constexpr int LEVELS[] = {0, RFCOMM_LM_AUTH, RFCOMM_LM_AUTH | RFCOMM_LM_ENCRYPT,
                               RFCOMM_LM_AUTH | RFCOMM_LM_ENCRYPT | RFCOMM_LM_SECURE};
     // Two constants have the same number: the mode of a link.
     static_assert(RFCOMM_LM == L2CAP_LM && RFCOMM_CONNINFO == L2CAP_CONNINFO);
-    const bool isL2cap = level == SOL_L2CAP && socket.Kind != E_Kind::RFCOMM && socket.Kind != E_Kind::HCI;
-    if (!isL2cap && (level != SOL_RFCOMM || socket.Kind != E_Kind::RFCOMM)) return Fail(ENOPROTOOPT);
+    const bool isL2cap = level == SOL_L2CAP && socket.Protocol == BTPROTO_L2CAP;
+    if (!isL2cap && (level != SOL_RFCOMM || socket.Protocol != BTPROTO_RFCOMM)) return Fail(ENOPROTOOPT);
     if (option == RFCOMM_LM) return give(LEVELS[socket.Security]);
     if (option == RFCOMM_CONNINFO) return Is_Connected(socket) ? give(rfcomm_conninfo{1, {0, 0, 0}}) : Fail(ENOTCONN);
     l2cap_options options{};
@@ -427,7 +424,7 @@ int ioctl(int fd, unsigned long request, ...) __THROW
     if (!g_Ours.Has(fd)) return Real().Ioctl(fd, request, argument);
     const S_Socket socket = Get_Socket(fd);
     const auto number = static_cast<std::uint32_t>(request);  // as the kernel takes it
-    const bool isHci = socket.Kind == E_Kind::HCI && _IOC_TYPE(number) == 'H';
+    const bool isHci = socket.Protocol == BTPROTO_HCI && _IOC_TYPE(number) == 'H';
     return isHci ? Control_Adapter(socket, number, argument) : Real().Ioctl(fd, request, argument);
 }
 

@@ -91,7 +91,7 @@ ssize_t Take(int fd, Parts parts, int flags)
     msghdr message{};
     message.msg_iov = parts.data();
     message.msg_iovlen = parts.size();
-    if (socket.Kind == E_Kind::HCI) return Real().Recvmsg(fd, &message, flags);
+    if (socket.Protocol == BTPROTO_HCI) return Real().Recvmsg(fd, &message, flags);
     if (socket.State == E_State::FAILED) return Report_End(fd, flags, 0);
     if (Is_Idle(socket)) return Fail(ENOTCONN);
     const ssize_t count = Real().Recvmsg(fd, &message, flags);
@@ -126,14 +126,14 @@ ssize_t Give(int fd, Parts parts, int flags)
     const S_Fault fault = Begin("send", std::to_string(size), fd);
     if (fault.Error) return Fail(fault.Error);
     const S_Socket socket = Get_Socket(fd);
-    if (socket.Kind == E_Kind::HCI || socket.Kind == E_Kind::RAW) {
+    if (socket.Type == SOCK_RAW) {
         const SocketPointer pointer = Share_Socket(fd);
         if (!pointer) return Fail(EBADF);
-        return (socket.Kind == E_Kind::HCI ? Send_Command : Send_Signal)(pointer, Join(parts));
+        return (socket.Protocol == BTPROTO_HCI ? Send_Command : Send_Signal)(pointer, Join(parts));
     }
     if (socket.State == E_State::FAILED) return Report_End(fd, flags, ENOTCONN);
     if (Is_Idle(socket)) return Fail(ENOTCONN);
-    if (socket.Kind == E_Kind::L2CAP && size > L2CAP_DEFAULT_MTU) return Fail(EMSGSIZE);
+    if (socket.Protocol == BTPROTO_L2CAP && size > L2CAP_DEFAULT_MTU) return Fail(EMSGSIZE);
     if (size > SEND_ROOM && Is_Blocking(fd, flags)) {
         pollfd end = {fd, 0, 0};  // Linux waits for room for the whole; a signal makes it send what has found room
         if (Real().Poll(&end, 1, -1) > 0) return Fail(ENOTCONN);
@@ -142,7 +142,7 @@ ssize_t Give(int fd, Parts parts, int flags)
     std::string bytes = Join(parts);
     const std::size_t whole = bytes.size();
     flags |= MSG_NOSIGNAL;
-    if (socket.Kind == E_Kind::RFCOMM) Send_Frame(fd, bytes, flags);
+    if (socket.Protocol == BTPROTO_RFCOMM) Send_Frame(fd, bytes, flags);
     const ssize_t count = Real().Send(fd, bytes.data(), bytes.size(), flags);
     const std::size_t before = whole - bytes.size();
     if (count >= 0) return static_cast<ssize_t>(before) + count;
