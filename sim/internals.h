@@ -112,7 +112,7 @@ struct S_Real
 };
 const S_Real& Real();
 
-enum class E_State
+enum class E_State  // in the order of a socket's life
 {
     OPEN,
     BOUND,       // has a channel, listening or not
@@ -162,6 +162,8 @@ struct S_Socket
     int Handle = 0;          // of its link in the recording; 0: it is not in it
     Clock::time_point Next;  // CONNECTING: next page
     Clock::time_point Deadline;
+
+    bool Is_Connected() const { return State >= E_State::CONNECTED && !Ended; }  // also while its brick is silent
 };
 
 // And what the air holds for it.

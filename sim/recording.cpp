@@ -350,13 +350,6 @@ int Take_Handle()
     return g_Program * HANDLES + static_cast<int>(free) + 1;
 }
 
-// Also one of a brick that is silent.
-bool Is_Connection(const S_Socket& socket)
-{
-    const bool isOpen = socket.State == E_State::CONNECTED || socket.State == E_State::LOST;
-    return isOpen && !socket.Ended && socket.Type != SOCK_RAW;
-}
-
 void Give_Back(int handle)
 {
     const std::lock_guard lock(g_Mutex);
@@ -414,7 +407,7 @@ std::pair<std::string, int> Start_Recording(const std::string& path, const S_Bri
     for (const auto& [fd, socket] : State().Sockets)
         socket->Handle = 0;
     for (const auto& [fd, socket] : State().Sockets)  // as if they came about now
-        if (Is_Connection(*socket) && socket->Handle == 0) Record_Connection(*socket, now);
+        if (socket->Is_Connected() && socket->Type != SOCK_RAW && socket->Handle == 0) Record_Connection(*socket, now);
     return {path, 0};
 }
 
@@ -503,7 +496,7 @@ void Record_End(const S_OpenSocket& socket, int error)
 
 void Record_Leave(const S_OpenSocket& socket, bool isUp)
 {
-    if (Is_Connection(socket) && !socket.Shut) Record_End(socket, isUp ? 0 : ECONNRESET);
+    if (socket.Is_Connected() && !socket.Shut) Record_End(socket, isUp ? 0 : ECONNRESET);
 }
 
 void Record_Close(const S_OpenSocket& socket, bool isUp)

@@ -146,11 +146,6 @@ void Write_Address(const S_Socket& socket, const std::string& brick, sockaddr* a
     *length = static_cast<socklen_t>(size);
 }
 
-bool Is_Connected(const S_Socket& socket)
-{
-    return (socket.State == E_State::CONNECTED || socket.State == E_State::LOST) && !socket.Ended;
-}
-
 // Binds a socket to a channel of its brick; false, with errno, when another one has it.
 bool Take_Channel(S_OpenSocket& socket, int channel)
 {
@@ -297,7 +292,7 @@ int getsockname(int fd, sockaddr* address, socklen_t* length) __THROW
 {
     if (!g_Ours.Has(fd)) return Real().Getsockname(fd, address, length);
     const S_Socket socket = Get_Socket(fd);
-    const bool hasAddress = socket.HasAddress || Is_Connected(socket);
+    const bool hasAddress = socket.HasAddress || socket.Is_Connected();
     Write_Address(socket, hasAddress ? socket.Own : "", address, length);
     return 0;
 }
@@ -306,7 +301,7 @@ int getpeername(int fd, sockaddr* address, socklen_t* length) __THROW
 {
     if (!g_Ours.Has(fd)) return Real().Getpeername(fd, address, length);
     const S_Socket socket = Get_Socket(fd);
-    if (!Is_Connected(socket) || Is_AtEnd(fd)) return Fail(ENOTCONN);
+    if (!socket.Is_Connected() || Is_AtEnd(fd)) return Fail(ENOTCONN);
     Write_Address(socket, socket.Peer, address, length);
     return 0;
 }
@@ -368,7 +363,7 @@ int getsockopt(int fd, int level, int option, void* value, socklen_t* length) __
     const bool isL2cap = level == SOL_L2CAP && socket.Protocol == BTPROTO_L2CAP;
     if (!isL2cap && (level != SOL_RFCOMM || socket.Protocol != BTPROTO_RFCOMM)) return Fail(ENOPROTOOPT);
     if (option == RFCOMM_LM) return give(LEVELS[socket.Security]);
-    if (option == RFCOMM_CONNINFO) return Is_Connected(socket) ? give(rfcomm_conninfo{1, {0, 0, 0}}) : Fail(ENOTCONN);
+    if (option == RFCOMM_CONNINFO) return socket.Is_Connected() ? give(rfcomm_conninfo{1, {0, 0, 0}}) : Fail(ENOTCONN);
     l2cap_options options{};
     options.omtu = options.imtu = L2CAP_DEFAULT_MTU;
     options.flush_to = L2CAP_DEFAULT_FLUSH_TO;

@@ -58,11 +58,6 @@ ssize_t Report_End(int fd, int flags, int later)
     return Fail(EINTR);
 }
 
-bool Is_Idle(const S_Socket& socket)
-{
-    return socket.State == E_State::OPEN || socket.State == E_State::BOUND || socket.State == E_State::CONNECTING;
-}
-
 // What a call moved goes into the recording, or why it failed.
 ssize_t Note_Transfer(const char* call, int fd, Parts parts, std::int64_t time, ssize_t count)
 {
@@ -93,7 +88,7 @@ ssize_t Take(int fd, Parts parts, int flags)
     message.msg_iovlen = parts.size();
     if (socket.Protocol == BTPROTO_HCI) return Real().Recvmsg(fd, &message, flags);
     if (socket.State == E_State::FAILED) return Report_End(fd, flags, 0);
-    if (Is_Idle(socket)) return Fail(ENOTCONN);
+    if (socket.State <= E_State::CONNECTING) return Fail(ENOTCONN);
     const ssize_t count = Real().Recvmsg(fd, &message, flags);
     if (count > 0 || size == 0 || socket.Shut || (count < 0 && errno != ECONNRESET)) return count;
     return Report_End(fd, flags, 0);
@@ -132,7 +127,7 @@ ssize_t Give(int fd, Parts parts, int flags)
         return (socket.Protocol == BTPROTO_HCI ? Send_Command : Send_Signal)(pointer, Join(parts));
     }
     if (socket.State == E_State::FAILED) return Report_End(fd, flags, ENOTCONN);
-    if (Is_Idle(socket)) return Fail(ENOTCONN);
+    if (socket.State <= E_State::CONNECTING) return Fail(ENOTCONN);
     if (socket.Protocol == BTPROTO_L2CAP && size > L2CAP_DEFAULT_MTU) return Fail(EMSGSIZE);
     if (size > SEND_ROOM && Is_Blocking(fd, flags)) {
         pollfd end = {fd, 0, 0};  // Linux waits for room for the whole; a signal makes it send what has found room
