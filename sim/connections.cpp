@@ -40,8 +40,7 @@ bool Replace(S_OpenSocket& socket)
     int near = -1;
     socket.Far = Open_Pair(socket.Type | SOCK_CLOEXEC, near);
     if (socket.Far < 0) return false;
-    for (const int fd : List_Fds(socket))
-        Swap_In(fd, near);
+    Swap_In(socket, near);
     Real().Close(near);
     return true;
 }
@@ -128,8 +127,7 @@ void Restore(S_OpenSocket& socket)
     char bytes[4096];
     for (ssize_t size = 0; (size = Real().Recv(socket.Far, bytes, sizeof(bytes), MSG_DONTWAIT)) > 0;)
         Real().Send(socket.Link, bytes, static_cast<std::size_t>(size), MSG_NOSIGNAL | MSG_DONTWAIT);
-    for (const int fd : List_Fds(socket))
-        Swap_In(fd, socket.Link);
+    Swap_In(socket, socket.Link);
     socket.Link = C_Own();
     socket.Far = C_Own();
     socket.State = E_State::CONNECTED;

@@ -109,20 +109,20 @@ int Close_Range(unsigned int first, unsigned int last, int flags)
     return first <= last ? Real().Close_range(first, last, flags) : result;
 }
 
-void Swap_In(int fd, int other)
+void Swap_In(const S_Socket& socket, int other)
 {
-    const int flags = Real().Fcntl(fd, F_GETFL);
-    const int descriptorFlags = Real().Fcntl(fd, F_GETFD);
-    Real().Fcntl(other, F_SETFL, flags);
-    std::vector<std::pair<int, epoll_event>> watches;  // epoll watches open files, not numbers
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo"))
-        for (const S_Registration& watch : List_Registrations(entry.path().filename()))
-            if (watch.Fd == fd) watches.emplace_back(std::stoi(entry.path().filename()), watch.Event);
-    for (const auto& watch : watches)
-        epoll_ctl(watch.first, EPOLL_CTL_DEL, fd, nullptr);
-    Real().Dup3(other, fd, (descriptorFlags & FD_CLOEXEC) ? O_CLOEXEC : 0);
-    for (auto& [instance, event] : watches)
-        epoll_ctl(instance, EPOLL_CTL_ADD, fd, &event);
+    for (const int fd : List_Fds(socket)) {
+        Real().Fcntl(other, F_SETFL, Real().Fcntl(fd, F_GETFL));
+        std::vector<std::pair<int, epoll_event>> watches;  // epoll watches open files, not numbers
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo"))
+            for (const S_Registration& watch : List_Registrations(entry.path().filename()))
+                if (watch.Fd == fd) watches.emplace_back(std::stoi(entry.path().filename()), watch.Event);
+        for (const auto& watch : watches)
+            epoll_ctl(watch.first, EPOLL_CTL_DEL, fd, nullptr);
+        Real().Dup3(other, fd, (Real().Fcntl(fd, F_GETFD) & FD_CLOEXEC) ? O_CLOEXEC : 0);
+        for (auto& [instance, event] : watches)
+            epoll_ctl(instance, EPOLL_CTL_ADD, fd, &event);
+    }
 }
 
 bool Send_Fd(int through, int fd)

@@ -258,8 +258,9 @@ struct S_Registration
 };
 std::vector<S_Registration> List_Registrations(const std::string& instance);
 
-// Puts the open file of `other` behind the number `fd`, which keeps its flags and whoever watches it by epoll.
-void Swap_In(int fd, int other);
+// Puts the open file of `other` behind the numbers of a socket, which keep their flags and whoever watches them by
+// epoll.
+void Swap_In(const S_Socket& socket, int other);
 
 // Descriptors on their way to another process.
 bool Send_Fd(int through, int fd);
@@ -386,9 +387,9 @@ SocketPointer Find_Socket(int fd);  // with the lock held; null: none
 // What a copy of the descriptor is, too; null: none of ours, or a vforked child's, which borrows our memory.
 SocketPointer Share_Socket(int fd);
 
-S_Socket Get_Socket(int fd);  // a copy, which may be outdated at once
-int Take_Error(int fd);       // that of its connection, once
-int Add_Socket(int fd, const SocketPointer& socket);
-void Forget_Socket(int fd);  // it is closed, or about to be
+S_Socket Get_Socket(int fd);                          // a copy, which may be outdated at once
+int Take_Error(int fd);                               // that of its connection, once
+int Add_Socket(int fd, const SocketPointer& socket);  // from now on, `fd` is this one, if there is one; returns it
+void Forget_Socket(int fd);                           // it is closed, or about to be
 
 }  // namespace tav_air

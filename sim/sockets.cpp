@@ -83,7 +83,7 @@ int Take_Error(int fd)
 
 int Add_Socket(int fd, const SocketPointer& socket)
 {
-    if (fd < 0) return -1;
+    if (fd < 0 || !socket) return fd;
     const std::lock_guard lock(State().Mutex);
     State().Sockets[fd] = socket;
     g_Ours.Set(fd, true);
@@ -92,7 +92,7 @@ int Add_Socket(int fd, const SocketPointer& socket)
 
 void Forget_Socket(int fd)
 {
-    if (!g_Ours.Has(fd) || getpid() != State().Process) return;
+    if (!Share_Socket(fd)) return;
     const std::lock_guard lock(State().Mutex);
     if (Find_Socket(fd)) Drop_Socket(fd);
 }
@@ -222,8 +222,7 @@ int listen(int fd, int backlog) __THROW
     Record_Note("listen on channel " + std::to_string(socket->Channel));
     if (socket->Name < 0) return Real().Listen(fd, backlog);
     if (Real().Listen(socket->Name, backlog) < 0) return -1;
-    for (const int copy : List_Fds(*socket))
-        Swap_In(copy, socket->Name);
+    Swap_In(*socket, socket->Name);
     socket->Name = C_Own();
     socket->Far = C_Own();
     return 0;
@@ -375,8 +374,7 @@ int getsockopt(int fd, int level, int option, void* value, socklen_t* length) __
 int dup(int fd) __THROW
 {
     const SocketPointer socket = Share_Socket(fd);
-    const int copy = Real().Dup(fd);
-    return socket ? Add_Socket(copy, socket) : copy;
+    return Add_Socket(Real().Dup(fd), socket);
 }
 
 int dup3(int fd, int copy, int flags) __THROW
@@ -385,7 +383,7 @@ int dup3(int fd, int copy, int flags) __THROW
     const SocketPointer socket = Share_Socket(fd);
     if (Real().Dup3(fd, copy, flags) < 0) return -1;
     Forget_Socket(copy);
-    return socket ? Add_Socket(copy, socket) : copy;
+    return Add_Socket(copy, socket);
 }
 
 int dup2(int fd, int copy) __THROW
@@ -406,8 +404,7 @@ int fcntl(int fd, int command, ...)
     if (Fails("fcntl", name, fd)) return -1;
     const int result = Real().Fcntl(fd, command, argument);
     const bool copies = command == F_DUPFD || command == F_DUPFD_CLOEXEC;
-    const SocketPointer socket = copies ? Share_Socket(fd) : nullptr;
-    return socket ? Add_Socket(result, socket) : result;
+    return copies ? Add_Socket(result, Share_Socket(fd)) : result;
 }
 
 int ioctl(int fd, unsigned long request, ...) __THROW
@@ -469,13 +466,9 @@ int fclose(FILE* file)
 // ---- Other names of the same ----------------------------------------------------------------------------------------
 
 // fcntl of programs with 64-bit file offsets.
-int Fcntl_LargeFiles(int fd, int command, ...) __asm__("fcntl64");
-int Fcntl_LargeFiles(int fd, int command, ...)
+int Fcntl_LargeFiles(int fd, int command, void* argument) __asm__("fcntl64");
+int Fcntl_LargeFiles(int fd, int command, void* argument)
 {
-    va_list list;
-    va_start(list, command);
-    void* const argument = va_arg(list, void*);
-    va_end(list);
     return fcntl(fd, command, argument);
 }
 
