@@ -18,28 +18,6 @@ constexpr const char* CALLS = " socket bind listen accept connect select setsock
                               "sdp_service_search_attr_req sdp_close ";
 constexpr int LAST_ERRNO = 133;
 
-struct S_Rule
-{
-    std::string Call;
-    unsigned long At = 0;  // 0: every call
-    S_Fault Fault;
-    unsigned long Count = 0;
-};
-
-// Rules and trace; guarded by the lock of the air.
-struct S_Watch
-{
-    std::vector<S_Rule> Rules;
-    bool On = false;
-    std::vector<std::string> Lines;
-};
-
-S_Watch& Watch()
-{
-    static S_Watch& watch = *new S_Watch;
-    return watch;
-}
-
 int Get_Errno(const std::string& name)
 {
     for (int error = 1; error <= LAST_ERRNO; ++error) {
@@ -52,10 +30,8 @@ int Get_Errno(const std::string& name)
 // What is wrong with the rule CALL:N=EFFECT; empty: nothing.
 std::string Parse_Rule(const std::string& text, S_Rule& rule)
 {
-    const std::size_t colon = text.find(':');
-    const std::size_t equals = text.find('=');
-    if (colon == std::string::npos || equals == std::string::npos || colon > equals)
-        return "'" + text + "' is not of the form CALL:N=EFFECT";
+    const std::size_t colon = text.find(':'), equals = text.find('=');
+    if (equals == std::string::npos || colon > equals) return "'" + text + "' is not of the form CALL:N=EFFECT";
     rule.Call = text.substr(0, colon);
     const std::string at = text.substr(colon + 1, equals - colon - 1);
     const std::string effect = text.substr(equals + 1);
@@ -64,18 +40,13 @@ std::string Parse_Rule(const std::string& text, S_Rule& rule)
     if (at != "*" && (!Parse_Number(at, rule.At) || rule.At == 0))
         return "'" + at + "' in '" + text + "' is neither a number from 1 on nor *";
     unsigned long limit = 0;
-    if (effect == "vanish") {
-        rule.Fault.Vanish = true;
-    } else if (effect.rfind("short:", 0) == 0 && (rule.Call == "send" || rule.Call == "recv") &&
-               Parse_Number(effect.substr(6), limit) && limit > 0) {
-        rule.Fault.Limit = limit;
-    } else {
-        rule.Fault.Error = Get_Errno(effect);
-        if (rule.Fault.Error == 0)
-            return "'" + effect + "' in '" + text +
-                   "' is neither the name of an errno (EIO, ...) nor vanish nor, for send and recv, short:BYTES";
-    }
-    return "";
+    const bool isShort = effect.rfind("short:", 0) == 0 && (rule.Call == "send" || rule.Call == "recv");
+    if (isShort && Parse_Number(effect.substr(6), limit) && limit > 0) rule.Limit = limit;
+    rule.Vanish = effect == "vanish";
+    rule.Error = Get_Errno(effect);
+    if (rule.Error || rule.Vanish || rule.Limit < SIZE_MAX) return "";
+    return "'" + effect + "' in '" + text +
+           "' is neither the name of an errno (EIO, ...) nor vanish nor, for send and recv, short:BYTES";
 }
 
 }  // namespace
@@ -97,7 +68,7 @@ std::string Take_Faults(const std::string& rules)
         std::string wrong = Parse_Rule(word, added.emplace_back());
         if (!wrong.empty()) return wrong;
     }
-    Watch().Rules.insert(Watch().Rules.end(), added.begin(), added.end());
+    State().Rules.insert(State().Rules.end(), added.begin(), added.end());
     return "";
 }
 
@@ -110,26 +81,25 @@ std::string Add_Faults(const std::string& rules)
 void Clear_Faults()
 {
     const std::lock_guard lock(State().Mutex);
-    Watch().Rules.clear();
+    State().Rules.clear();
 }
 
 void Start_Trace()
 {
     const std::lock_guard lock(State().Mutex);
-    Watch().On = true;
-    Watch().Lines.clear();
+    State().Trace.emplace();
 }
 
 void Record(const std::string& line)
 {
     const std::lock_guard lock(State().Mutex);
-    if (Watch().On) Watch().Lines.push_back(line);
+    if (State().Trace) State().Trace->push_back(line);
 }
 
 std::vector<std::string> Get_Trace()
 {
     const std::lock_guard lock(State().Mutex);
-    return Watch().Lines;
+    return State().Trace.value_or(std::vector<std::string>());
 }
 
 S_Fault Begin(const char* call, const std::string& arguments, int fd)
@@ -140,11 +110,11 @@ S_Fault Begin(const char* call, const std::string& arguments, int fd)
     Record(line);
     S_Fault fault;
     std::unique_lock lock(State().Mutex);
-    for (S_Rule& rule : Watch().Rules) {
+    for (S_Rule& rule : State().Rules) {
         if (rule.Call != call || (++rule.Count != rule.At && rule.At != 0)) continue;
-        fault.Error = rule.Fault.Error ? rule.Fault.Error : fault.Error;
-        fault.Limit = std::min(rule.Fault.Limit, fault.Limit);
-        fault.Vanish = rule.Fault.Vanish || fault.Vanish;
+        fault.Error = rule.Error ? rule.Error : fault.Error;
+        fault.Limit = std::min(rule.Limit, fault.Limit);
+        fault.Vanish = rule.Vanish || fault.Vanish;
     }
     if (print)
         fprintf(stderr, "air: %s%s%s%s\n", line.c_str(), fault.Vanish ? ", the brick falls silent" : "",

@@ -224,6 +224,21 @@ struct S_World
     std::multimap<Clock::time_point, S_Later> Later;  // packets, and when they come
 };
 
+// What is to go wrong with a call.
+struct S_Fault
+{
+    int Error = 0;            // fail with this errno
+    size_t Limit = SIZE_MAX;  // move at most so many bytes
+    bool Vanish = false;
+};
+
+struct S_Rule : S_Fault
+{
+    std::string Call;
+    unsigned long At = 0;  // 0: every call
+    unsigned long Count = 0;
+};
+
 struct S_State : S_World
 {
     std::mutex Mutex;              // guards all the rest; never held while waiting
@@ -232,6 +247,8 @@ struct S_State : S_World
     C_Own Wake;                    // eventfd of the air's thread, when that was started
     unsigned long Cycles = 0;      // of the thread
     std::condition_variable Cycled;
+    std::vector<S_Rule> Rules;
+    std::optional<std::vector<std::string>> Trace;  // from Start_Trace on
 };
 
 // The state is never destroyed: programs close sockets until their very end.
@@ -335,14 +352,6 @@ ssize_t Send_Signal(const SocketPointer& socket, const std::string& packet);  //
 std::string Answer_Query(const S_Brick& brick, const std::string& request);   // of SDP
 
 // ---- Faults and trace (faults.cpp) ----------------------------------------------------------------------------------
-
-// What is to go wrong with a call.
-struct S_Fault
-{
-    int Error = 0;            // fail with this errno
-    size_t Limit = SIZE_MAX;  // move at most so many bytes
-    bool Vanish = false;
-};
 
 bool Parse_Number(const std::string& text, unsigned long& number);  // at most 9 digits, or false
 

@@ -92,7 +92,7 @@ int Add_Socket(int fd, const SocketPointer& socket)
 
 void Forget_Socket(int fd)
 {
-    if (!Share_Socket(fd)) return;
+    if (!g_Ours.Has(fd) || getpid() != State().Process) return;
     const std::lock_guard lock(State().Mutex);
     if (Find_Socket(fd)) Drop_Socket(fd);
 }
