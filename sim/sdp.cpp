@@ -10,7 +10,7 @@ namespace tav_air {
 
 namespace {
 
-constexpr std::uint32_t FIRST_HANDLE_OF_RECORD = 0x10000;
+constexpr std::size_t FIRST_HANDLE_OF_RECORD = 0x10000;
 constexpr std::size_t MAX_PART = 600;  // of an answer in one PDU, which fits L2CAP's default
 
 // ---- Data elements: a type with its size or the size's width, the size, the value -----------------------------------
@@ -21,11 +21,6 @@ std::string Number(std::size_t value, int width = 2)
     for (int at = width - 1; at >= 0; --at)
         bytes += static_cast<char>(value >> (8 * at));
     return bytes;
-}
-
-std::string Uuid(std::uint16_t value)
-{
-    return "\x19" + Number(value);
 }
 
 std::string Sequence(const std::string& elements)
@@ -56,23 +51,13 @@ struct S_Reader
     }
     bool Has_More() const { return IsGood && At < Bytes.size(); }
 
-    // An element: its type, and its value without type and size.
-    std::pair<int, std::string> Take_Element()
+    // The value of an element, without its type and size.
+    std::string Take_Element()
     {
         const std::size_t start = Take_Number(1), index = start & 7U;
-        const int type = static_cast<int>(start >> 3U);
-        const std::size_t size = type == 0 ? 0 : index < 5 ? std::size_t{1} << index : Take_Number(1U << (index - 5));
-        return {type, Take(size)};
-    }
-    std::string Take_Whole()
-    {
-        const std::size_t before = At;
-        Take_Element();
-        return IsGood ? Bytes.substr(before, At - before) : "";
+        return Take(start < 8 ? 0 : index < 5 ? std::size_t{1} << index : Take_Number(1U << (index - 5)));
     }
 };
-
-constexpr int TYPE_UUID = 3, TYPE_SEQUENCE = 6, TYPE_ALTERNATIVE = 7;
 
 // All UUIDs are of 128 bits, shorter ones by the base that they have in common.
 std::string Get_Full(const std::string& uuid)
@@ -81,87 +66,80 @@ std::string Get_Full(const std::string& uuid)
     return uuid.size() == 16 ? uuid : std::string(uuid.size() < 4 ? 4 - uuid.size() : 0, '\0') + uuid + base;
 }
 
-// Lists may be in lists, `depth` deep: no service has more, who wants our stack has.
-void Collect_Uuids(const std::string& elements, std::set<std::string>& uuids, int depth = 8)
-{
-    for (S_Reader reader{elements}; reader.Has_More();) {
-        const auto [type, value] = reader.Take_Element();
-        if (type == TYPE_UUID) uuids.insert(Get_Full(value));
-        if ((type == TYPE_SEQUENCE || type == TYPE_ALTERNATIVE) && depth > 0) Collect_Uuids(value, uuids, depth - 1);
-    }
-}
-
 // ---- Records --------------------------------------------------------------------------------------------------------
 
 struct S_Record
 {
-    std::uint32_t Handle = 0;
-    std::string Bytes;       // of its list of attributes
-    bool IsAsGiven = false;  // and found by every search
+    std::size_t Handle = 0;
+    std::map<std::size_t, std::string> Attributes = {};
+    std::set<std::string> Uuids = {};
+    std::optional<std::string> Given = {};  // in place of all that, and found by every search
 };
 
-std::string Build_Record(const S_Service& service, std::uint32_t handle)
+void Fill_Record(S_Record& record, const S_Service& service)
 {
-    std::string attributes;
-    const auto add = [&](std::uint16_t id, const std::string& value) { attributes += "\x09" + Number(id) + value; };
-    const auto addText = [&](std::uint16_t id, const std::string& text) {
-        if (!text.empty()) add(id, "\x26" + Number(text.size()) + text);
+    auto& attributes = record.Attributes;
+    const auto uuid = [&](std::uint16_t value) {
+        record.Uuids.insert(Get_Full(Number(value)));
+        return "\x19" + Number(value);
     };
-    add(SDP_ATTR_RECORD_HANDLE, "\x0A" + Number(handle, 4));
-    add(SDP_ATTR_SVCLASS_ID_LIST, Sequence(Uuid(SERIAL_PORT_SVCLASS_ID)));
-    if (service.Id != 0) add(SDP_ATTR_SERVICE_ID, Uuid(service.Id));
-    std::string protocols = Sequence(Uuid(L2CAP_UUID));
-    if (service.Channel > 0) protocols += Sequence(Uuid(RFCOMM_UUID) + "\x08" + static_cast<char>(service.Channel));
-    if (service.Channel >= 0) add(SDP_ATTR_PROTO_DESC_LIST, Sequence(protocols));
-    add(SDP_ATTR_BROWSE_GRP_LIST, Sequence(Uuid(PUBLIC_BROWSE_GROUP)));
-    add(SDP_ATTR_PFILE_DESC_LIST, Sequence(Sequence(Uuid(SERIAL_PORT_PROFILE_ID) + "\x09" + Number(0x0100))));
-    addText(SDP_ATTR_SVCNAME_PRIMARY, service.Name);
-    addText(SDP_ATTR_SVCDESC_PRIMARY, service.Description);
-    addText(SDP_ATTR_PROVNAME_PRIMARY, service.Provider);
-    return Sequence(attributes);
+    attributes[SDP_ATTR_RECORD_HANDLE] = "\x0A" + Number(record.Handle, 4);
+    attributes[SDP_ATTR_SVCLASS_ID_LIST] = Sequence(uuid(SERIAL_PORT_SVCLASS_ID));
+    if (service.Id != 0) attributes[SDP_ATTR_SERVICE_ID] = uuid(service.Id);
+    std::string protocols = Sequence(uuid(L2CAP_UUID));
+    if (service.Channel > 0) protocols += Sequence(uuid(RFCOMM_UUID) + "\x08" + static_cast<char>(service.Channel));
+    if (service.Channel >= 0) attributes[SDP_ATTR_PROTO_DESC_LIST] = Sequence(protocols);
+    attributes[SDP_ATTR_BROWSE_GRP_LIST] = Sequence(uuid(PUBLIC_BROWSE_GROUP));
+    attributes[SDP_ATTR_PFILE_DESC_LIST] = Sequence(Sequence(uuid(SERIAL_PORT_PROFILE_ID) + "\x09" + Number(0x0100)));
+    const std::pair<std::size_t, std::string> texts[] = {{SDP_ATTR_SVCNAME_PRIMARY, service.Name},
+                                                         {SDP_ATTR_SVCDESC_PRIMARY, service.Description},
+                                                         {SDP_ATTR_PROVNAME_PRIMARY, service.Provider}};
+    for (const auto& [id, text] : texts)
+        if (!text.empty()) attributes[id] = "\x26" + Number(text.size()) + text;
 }
 
 std::vector<S_Record> List_Records(const S_Brick& brick)
 {
     std::vector<S_Record> records;
     for (const S_Service& service : brick.Services) {
-        const auto handle = static_cast<std::uint32_t>(FIRST_HANDLE_OF_RECORD + records.size());
-        S_Record& record = records.emplace_back(S_Record{handle, "", !service.Hex.empty()});
-        if (!record.IsAsGiven) record.Bytes = Build_Record(service, handle);
+        S_Record& record = records.emplace_back(S_Record{FIRST_HANDLE_OF_RECORD + records.size()});
+        if (service.Hex.empty()) {
+            Fill_Record(record, service);
+            continue;
+        }
+        record.Given = "";
         for (std::size_t i = 0; i + 1 < service.Hex.size(); i += 2)
-            record.Bytes += static_cast<char>(std::stoi(service.Hex.substr(i, 2), nullptr, 16));
+            *record.Given += static_cast<char>(std::stoi(service.Hex.substr(i, 2), nullptr, 16));
     }
     // What need not make sense comes last.
-    std::stable_partition(records.begin(), records.end(), [](const S_Record& record) { return !record.IsAsGiven; });
+    std::stable_partition(records.begin(), records.end(), [](const S_Record& record) { return !record.Given; });
     return records;
 }
 
-bool Has_All(const S_Record& record, const std::set<std::string>& wanted)
+bool Has_All(const S_Record& record, const std::string& wanted)
 {
-    std::set<std::string> uuids;
-    Collect_Uuids(record.Bytes, uuids);
-    return record.IsAsGiven || std::includes(uuids.begin(), uuids.end(), wanted.begin(), wanted.end());
+    bool hasAll = true;
+    for (S_Reader uuids{wanted}; uuids.Has_More();)
+        hasAll = record.Uuids.count(Get_Full(uuids.Take_Element())) > 0 && hasAll;
+    return hasAll || record.Given;
 }
 
 // A record, less what is not in one of the ranges.
 std::string Choose(const S_Record& record, const std::string& ranges)
 {
-    if (record.IsAsGiven) return record.Bytes;
-    std::string chosen;
-    for (S_Reader reader{S_Reader{record.Bytes}.Take_Element().second}; reader.Has_More();) {
-        const std::string name = reader.Take_Whole(), value = reader.Take_Whole();
-        const std::size_t id = S_Reader{name.substr(1)}.Take_Number(2);
-        for (S_Reader wanted{ranges}; wanted.Has_More();) {
-            const std::string range = wanted.Take_Element().second;
-            S_Reader limits{range};
-            const std::size_t first = limits.Take_Number(2), last = range.size() == 4 ? limits.Take_Number(2) : first;
-            if (first <= id && id <= last) {
-                chosen += name + value;
-                break;
-            }
-        }
+    if (record.Given) return *record.Given;
+    std::map<std::size_t, std::string> chosen;
+    for (S_Reader wanted{ranges}; wanted.Has_More();) {
+        const std::string range = wanted.Take_Element();
+        S_Reader limits{range};
+        const std::size_t first = limits.Take_Number(2), last = range.size() == 4 ? limits.Take_Number(2) : first;
+        for (const auto& [id, value] : record.Attributes)
+            if (first <= id && id <= last) chosen[id] = "\x09" + Number(id) + value;
     }
-    return Sequence(chosen);
+    std::string attributes;
+    for (const auto& attribute : chosen)
+        attributes += attribute.second;
+    return Sequence(attributes);
 }
 
 // ---- PDUs -----------------------------------------------------------------------------------------------------------
@@ -183,10 +161,9 @@ std::string Answer_Query(const S_Brick& brick, const std::string& request)
     const bool isSearch = id == SDP_SVC_SEARCH_REQ, isOfOne = id == SDP_SVC_ATTR_REQ;
     if (!isSearch && !isOfOne && id != SDP_SVC_SEARCH_ATTR_REQ)
         return Build_Pdu(SDP_ERROR_RSP, transaction, Number(SDP_INVALID_SYNTAX));
-    std::set<std::string> wanted;
-    if (!isOfOne) Collect_Uuids(reader.Take_Whole(), wanted);
+    const std::string wanted = isOfOne ? "" : reader.Take_Element();
     const std::size_t handle = isOfOne ? reader.Take_Number(4) : 0, most = reader.Take_Number(2);
-    const std::string ranges = isSearch ? "" : reader.Take_Element().second;
+    const std::string ranges = isSearch ? "" : reader.Take_Element();
     std::string all;  // what is asked for, of which a part goes into this PDU
     std::size_t count = 0;
     for (const S_Record& record : List_Records(brick)) {
