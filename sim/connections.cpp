@@ -51,7 +51,7 @@ bool Is_InRange(const std::string& address)
 {
     const auto local = State().Bricks.find(address);
     if (local != State().Bricks.end() && !(local->second.Brick.Present && local->second.Brick.Powered)) return false;
-    return Is_Listening(address);
+    return Connect_Name(Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK), address) == 0;
 }
 
 // Whether a brick has a link to the other, or room for one more.

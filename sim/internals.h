@@ -317,7 +317,6 @@ std::set<std::string> List_Names(const std::string& start = "", bool onlyConnect
 bool Is_Silent(const std::string& address);  // a program of this brick is, whose links are not given up
 bool Is_Friend(int fd);                      // who is at the other end may be there
 bool Is_Foreign(const std::string& name);    // another user has it
-bool Is_Listening(const std::string& name);  // and is a friend
 std::string Parse_Client(const sockaddr* address, socklen_t length);  // the peer that calls
 
 // What who listens there tells about its brick, after it has obeyed an order, if there is one; without the lock.

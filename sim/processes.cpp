@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstddef>
-#include <cstring>
 #include <fstream>
 #include <sys/eventfd.h>
 #include <sys/un.h>
@@ -31,15 +30,15 @@ constexpr std::chrono::milliseconds SHARE_RETRY{250};  // a brick shared with a 
 
 // ---- Names on the air -----------------------------------------------------------------------------------------------
 
-sockaddr_un Get_UnixAddress(const std::string& name, socklen_t& length)
+// Binds or connects to a name.
+int Use_Name(int (*call)(int, const sockaddr*, socklen_t), int fd, const std::string& name)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const std::string path = "tav-air/" + State().Air + "/" + name;
-    const std::size_t size = std::min(path.size(), sizeof(address.sun_path) - 1);
-    memcpy(address.sun_path + 1, path.data(), size);
-    length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + size);
-    return address;
+    const std::size_t size = path.copy(address.sun_path + 1, sizeof(address.sun_path) - 1);
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + size);
+    return call(fd, reinterpret_cast<const sockaddr*>(&address), length);
 }
 
 // What has come, at once or within a while; empty: nothing.
@@ -245,16 +244,12 @@ std::string Get_ListenName(const S_Socket& socket, const std::string& address)
 
 int Bind_Name(int fd, const std::string& name)
 {
-    socklen_t length = 0;
-    const sockaddr_un address = Get_UnixAddress(name, length);
-    return Real().Bind(fd, reinterpret_cast<const sockaddr*>(&address), length);
+    return Use_Name(Real().Bind, fd, name);
 }
 
 int Connect_Name(int fd, const std::string& name)
 {
-    socklen_t length = 0;
-    const sockaddr_un address = Get_UnixAddress(name, length);
-    if (Real().Connect(fd, reinterpret_cast<const sockaddr*>(&address), length) < 0) return -1;
+    if (Use_Name(Real().Connect, fd, name) < 0) return -1;
     return Is_Friend(fd) ? 0 : Fail(EACCES);
 }
 
@@ -285,11 +280,6 @@ bool Is_Foreign(const std::string& name)
 {
     const C_Own asker = Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
     return Connect_Name(asker, name) < 0 ? errno == EACCES : !Is_OfOurUser(asker);
-}
-
-bool Is_Listening(const std::string& name)
-{
-    return Connect_Name(Open_UnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK), name) == 0;
 }
 
 std::string Parse_Client(const sockaddr* address, socklen_t length)
