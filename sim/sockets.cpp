@@ -109,23 +109,16 @@ constexpr std::pair<int, int> SOCKETS[] = {{BTPROTO_RFCOMM, SOCK_STREAM},
 
 // ---- Addresses ------------------------------------------------------------------------------------------------------
 
-// Where to connect or bind to.
-struct S_Address
-{
-    bdaddr_t Brick{};
-    int Channel = 0;
-};
-
-// False, with errno, when it is none for such a socket.
-bool Read_Address(const S_Socket& socket, const sockaddr* address, socklen_t length, S_Address& read)
+// A socket with the address that it shall connect or bind to as its peer's; false, with errno, when that is none.
+bool Read_Address(S_Socket& socket, const sockaddr* address, socklen_t length)
 {
     const bool isRfcomm = socket.Protocol == BTPROTO_RFCOMM;
     if (length < (isRfcomm ? sizeof(sockaddr_rc) : offsetof(sockaddr_l2, l2_cid)) || address->sa_family != AF_BLUETOOTH)
         return Fail(EINVAL) == 0;
     const auto* const rfcomm = reinterpret_cast<const sockaddr_rc*>(address);
     const auto* const l2cap = reinterpret_cast<const sockaddr_l2*>(address);
-    read.Brick = isRfcomm ? rfcomm->rc_bdaddr : l2cap->l2_bdaddr;
-    read.Channel = isRfcomm ? rfcomm->rc_channel : btohs(l2cap->l2_psm);
+    socket.Peer = Get_Text(isRfcomm ? rfcomm->rc_bdaddr : l2cap->l2_bdaddr);
+    socket.Channel = isRfcomm ? rfcomm->rc_channel : btohs(l2cap->l2_psm);
     return true;
 }
 
@@ -149,19 +142,17 @@ void Write_Address(const S_Socket& socket, const std::string& brick, sockaddr* a
 // Binds a socket to a channel of its brick; false, with errno, when another one has it.
 bool Take_Channel(S_OpenSocket& socket, int channel)
 {
-    const int before = std::exchange(socket.Channel, channel);
+    socket.Channel = channel;
     socket.Name = Open_UnixSocket(socket.Type);
     if (Bind_Name(socket.Name, Get_ListenName(socket, socket.Own)) == 0) return true;
     socket.Name = C_Own();
-    socket.Channel = before;
+    socket.Channel = 0;
     return false;
 }
 
 // Before anybody was called.
-int Fail_Connect(S_Socket socket, const S_Address& to, int error)
+int Fail_Connect(const S_Socket& socket, int error)
 {
-    socket.Peer = Get_Text(to.Brick);
-    socket.Channel = to.Channel;
     Record_Failure(socket, error);
     return Fail(error);
 }
@@ -191,17 +182,15 @@ int socket(int domain, int type, int protocol) __THROW
 int bind(int fd, const sockaddr* address, socklen_t length) __THROW
 {
     if (!g_Ours.Has(fd)) return Real().Bind(fd, address, length);
-    const S_Socket socket = Get_Socket(fd);
-    if (socket.Protocol == BTPROTO_HCI) {
+    S_Socket to = Get_Socket(fd);
+    if (to.Protocol == BTPROTO_HCI) {
         const auto* const hci = reinterpret_cast<const sockaddr_hci*>(address);
         if (length < sizeof(*hci) || hci->hci_channel != HCI_CHANNEL_RAW) return Fail(EINVAL);
-        return hci->hci_dev == HCI_DEV_NONE || (hci->hci_dev == 0 && Get_Adapter(socket.Own)) ? 0 : Fail(ENODEV);
+        return hci->hci_dev == HCI_DEV_NONE || (hci->hci_dev == 0 && Get_Adapter(to.Own)) ? 0 : Fail(ENODEV);
     }
-    S_Address to;
-    if (!Read_Address(socket, address, length, to) || Fails("bind", std::to_string(to.Channel), fd)) return -1;
-    const bdaddr_t any{};
-    const bool hasAddress = bacmp(&to.Brick, &any) != 0;
-    if (hasAddress && Get_Text(to.Brick) != socket.Own) return Fail(EADDRNOTAVAIL);
+    if (!Read_Address(to, address, length) || Fails("bind", std::to_string(to.Channel), fd)) return -1;
+    const bool hasAddress = to.Peer != Get_Text({});
+    if (hasAddress && to.Peer != to.Own) return Fail(EADDRNOTAVAIL);
     const C_Locked bound(fd);
     if (bound->State != E_State::OPEN) return Fail(EBADFD);
     if (to.Channel != 0 && !Take_Channel(*bound, to.Channel)) return -1;
@@ -263,21 +252,19 @@ int accept(int fd, sockaddr* address, socklen_t* length)
 int connect(int fd, const sockaddr* address, socklen_t length)
 {
     if (!g_Ours.Has(fd)) return Real().Connect(fd, address, length);
-    const S_Socket socket = Get_Socket(fd);
-    S_Address to;
-    if (!Read_Address(socket, address, length, to)) return -1;
-    const std::string peer = Get_Text(to.Brick);
-    if (Fails("connect", peer + ", " + std::to_string(to.Channel), fd)) return Fail_Connect(socket, to, errno);
-    const auto adapter = Get_Adapter(socket.Own);
-    if (!adapter || !adapter->Powered || peer == socket.Own) return Fail_Connect(socket, to, EHOSTUNREACH);
-    if (socket.Type == SOCK_RAW) {
-        if (!Ask_Brick(peer)) return Sleep_UntilSignal(PAGE_TIMEOUT) ? Fail(EHOSTDOWN) : -1;
+    S_Socket to = Get_Socket(fd);
+    if (!Read_Address(to, address, length)) return -1;
+    if (Fails("connect", to.Peer + ", " + std::to_string(to.Channel), fd)) return Fail_Connect(to, errno);
+    const auto adapter = Get_Adapter(to.Own);
+    if (!adapter || !adapter->Powered || to.Peer == to.Own) return Fail_Connect(to, EHOSTUNREACH);
+    if (to.Type == SOCK_RAW) {
+        if (!Ask_Brick(to.Peer)) return Sleep_UntilSignal(PAGE_TIMEOUT) ? Fail(EHOSTDOWN) : -1;
         const C_Locked raw(fd);
-        raw->Peer = peer;
+        raw->Peer = to.Peer;
         raw->State = E_State::CONNECTED;
         return 0;
     }
-    if (Start_Connecting(*C_Locked(fd), peer, to.Channel) < 0) return Fail_Connect(socket, to, errno);
+    if (Start_Connecting(*C_Locked(fd), to.Peer, to.Channel) < 0) return Fail_Connect(to, errno);
     if (!Is_Blocking(fd, 0)) return Fail(EINPROGRESS);
     pollfd writable{fd, POLLOUT, 0};
     if (Real().Poll(&writable, 1, -1) < 0) return -1;
