@@ -24,12 +24,6 @@ constexpr std::uint8_t VERSION[8] = {3, 0, 0, 3, 0xFF, 0xFF, 0, 0};
 constexpr std::uint16_t ACL_SIZE = 1021;
 constexpr std::uint16_t ACL_COUNT = 8;
 
-template <typename VALUE>
-std::string Bytes_Of(const VALUE& value)
-{
-    return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
-}
-
 // ---- ioctl ----------------------------------------------------------------------------------------------------------
 
 std::uint32_t Get_Flags(const S_Brick& brick)
@@ -42,7 +36,7 @@ void Fill_Info(const S_Brick& brick, hci_dev_info& info)
 {
     info = {};
     strcpy(info.name, "hci0");
-    str2ba(brick.Address.c_str(), &info.bdaddr);
+    info.bdaddr = Get_Binary(brick.Address);
     info.flags = Get_Flags(brick);
     memcpy(info.features, FEATURES, sizeof(FEATURES));
     info.type = HCI_UART;
@@ -60,14 +54,9 @@ int List_Connections(const S_Brick& brick, hci_conn_info* infos, int room)
     int count = 0;
     for (const auto& [peer, hasCalled] : List_Links(brick.Address)) {
         if (count == room) break;
-        hci_conn_info& info = infos[count++];
-        info = {};
-        info.handle = static_cast<std::uint16_t>(count);
-        info.type = ACL_LINK;
-        info.state = BT_CONNECTED;
-        info.out = hasCalled;
-        info.link_mode = hasCalled ? HCI_LM_MASTER : 0;
-        str2ba(peer.c_str(), &info.bdaddr);
+        const auto handle = static_cast<std::uint16_t>(count + 1);
+        const std::uint32_t mode = hasCalled ? HCI_LM_MASTER : 0;
+        infos[count++] = {handle, Get_Binary(peer), ACL_LINK, hasCalled, BT_CONNECTED, mode};
     }
     return count;
 }
@@ -108,9 +97,7 @@ int Inquire(const S_Adapter& own, hci_inquiry_req& request)
     const std::size_t count = std::min<std::size_t>(found.size(), request.num_rsp ? request.num_rsp : 255);
     auto* const infos = reinterpret_cast<inquiry_info*>(&request + 1);
     for (std::size_t i = 0; i < count; ++i) {
-        inquiry_info info{};
-        info.pscan_rep_mode = 1;
-        str2ba(found[i].c_str(), &info.bdaddr);
+        const inquiry_info info{Get_Binary(found[i]), 1, 0, 0, {}, 0};
         memcpy(&infos[i], &info, sizeof(info));
     }
     request.num_rsp = static_cast<std::uint8_t>(count);
@@ -158,15 +145,13 @@ std::optional<std::string> Do_Command(S_Adapter own, int opcode, const std::stri
     constexpr auto info = [](int command) { return cmd_opcode_pack(OGF_INFO_PARAM, command); };
     constexpr auto control = [](int command) { return cmd_opcode_pack(OGF_HOST_CTL, command); };
     const std::string status(1, '\0');
-    bdaddr_t address{};
-    str2ba(own.Address.c_str(), &address);
     switch (opcode) {
     case info(OCF_READ_LOCAL_VERSION):
         return status + Bytes_Of(VERSION);
     case info(OCF_READ_LOCAL_FEATURES):
         return status + Bytes_Of(FEATURES);
     case info(OCF_READ_BD_ADDR):
-        return status + Bytes_Of(address);
+        return status + Bytes_Of(Get_Binary(own.Address));
     case control(OCF_READ_LOCAL_NAME):
         own.Name.resize(HCI_MAX_NAME_LENGTH);
         return status + own.Name;

@@ -343,6 +343,13 @@ Clock::time_point Do_DueConnections(Clock::time_point now);  // for the thread; 
 // Whom a brick has links to, and whether it called.
 std::map<std::string, bool> List_Links(const std::string& address);
 
+// The bytes of a packet.
+template <typename PACKET>
+std::string Bytes_Of(const PACKET& packet)
+{
+    return std::string(reinterpret_cast<const char*>(&packet), sizeof(packet));
+}
+
 // ---- HCI and SDP (hci.cpp, sdp.cpp) ---------------------------------------------------------------------------------
 
 int Control_Adapter(const S_Socket& socket, unsigned long request, void* argument);  // ioctl
@@ -389,6 +396,7 @@ void Record_Close(const S_OpenSocket& socket, bool isUp);
 
 int Fail(int error);  // always -1, with errno
 std::string Get_Text(const bdaddr_t& address);
+bdaddr_t Get_Binary(const std::string& address);
 
 SocketPointer Find_Socket(int fd);  // with the lock held; null: none
 

@@ -224,19 +224,6 @@ std::string Make_CommandComplete(std::uint16_t group, std::uint16_t command, con
     return Make_Event(EVT_CMD_COMPLETE, parameters + '\0' + returned);
 }
 
-template <typename PARAMETERS>
-std::string Bytes_Of(const PARAMETERS& parameters)
-{
-    return {reinterpret_cast<const char*>(&parameters), sizeof(parameters)};
-}
-
-bdaddr_t Parse(const std::string& address)
-{
-    bdaddr_t parsed{};
-    str2ba(address.c_str(), &parsed);
-    return parsed;
-}
-
 // What stands before so many bytes on a link.
 std::string Make_Acl(int handle, std::uint16_t cid, std::size_t size)
 {
@@ -311,7 +298,8 @@ std::string Make_L2capAnswer(const S_Socket& socket, bool isRefused)
 std::string Make_Connected(const S_Socket& socket, std::uint8_t status)
 {
     const std::uint16_t handle = status ? 0 : static_cast<std::uint16_t>(socket.Handle);
-    return Make_Event(EVT_CONN_COMPLETE, Bytes_Of(evt_conn_complete{status, handle, Parse(socket.Peer), ACL_LINK, 0}));
+    return Make_Event(EVT_CONN_COMPLETE,
+                      Bytes_Of(evt_conn_complete{status, handle, Get_Binary(socket.Peer), ACL_LINK, 0}));
 }
 
 // What the side that hangs up sends.
@@ -398,7 +386,7 @@ std::pair<std::string, int> Start_Recording(const std::string& path, const S_Bri
     const std::int64_t now = Get_RecordTime();
     std::string name = brick.Name;
     name.resize(HCI_MAX_NAME_LENGTH);
-    const std::string address = Bytes_Of(Parse(brick.Address));
+    const std::string address = Bytes_Of(Get_Binary(brick.Address));
     Add_Packet(blocks, now, true, {Make_CommandComplete(OGF_INFO_PARAM, OCF_READ_BD_ADDR, address)});
     Add_Packet(blocks, now, true, {Make_CommandComplete(OGF_HOST_CTL, OCF_READ_LOCAL_NAME, name)});
     Get_Pending() = blocks;  // what is still there was for a file that was deleted
@@ -425,7 +413,7 @@ void Record_Call(const S_Socket& socket)
     std::string packet{HCI_COMMAND_PKT};
     Add(packet, cmd_opcode_pack(OGF_LINK_CTL, OCF_CREATE_CONN));
     Add(packet, std::uint8_t{CREATE_CONN_CP_SIZE});
-    packet += Bytes_Of(create_conn_cp{Parse(socket.Peer), 0xCC18, 2, 0, 0, 1});
+    packet += Bytes_Of(create_conn_cp{Get_Binary(socket.Peer), 0xCC18, 2, 0, 0, 1});
     std::string blocks;
     Add_Packet(blocks, Get_RecordTime(), false, {packet}, Describe_Connect(socket));
     Write(blocks);

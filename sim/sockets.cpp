@@ -30,6 +30,13 @@ std::string Get_Text(const bdaddr_t& address)
     return text;
 }
 
+bdaddr_t Get_Binary(const std::string& address)
+{
+    bdaddr_t binary{};
+    str2ba(address.c_str(), &binary);
+    return binary;
+}
+
 SocketPointer Find_Socket(int fd)
 {
     const auto found = State().Sockets.find(fd);
@@ -125,13 +132,9 @@ bool Read_Address(S_Socket& socket, const sockaddr* address, socklen_t length)
 void Write_Address(const S_Socket& socket, const std::string& brick, sockaddr* address, socklen_t* length)
 {
     if (!address || !length) return;
-    sockaddr_rc rfcomm{};
-    sockaddr_l2 l2cap{};
-    rfcomm.rc_family = l2cap.l2_family = AF_BLUETOOTH;
-    rfcomm.rc_channel = static_cast<std::uint8_t>(socket.Channel);
-    l2cap.l2_psm = htobs(static_cast<std::uint16_t>(socket.Channel));
-    if (!brick.empty()) str2ba(brick.c_str(), &rfcomm.rc_bdaddr);
-    l2cap.l2_bdaddr = rfcomm.rc_bdaddr;
+    const sockaddr_rc rfcomm{AF_BLUETOOTH, Get_Binary(brick), static_cast<std::uint8_t>(socket.Channel)};
+    const std::uint16_t psm = htobs(static_cast<std::uint16_t>(socket.Channel));
+    const sockaddr_l2 l2cap{AF_BLUETOOTH, psm, Get_Binary(brick), 0, 0};
     const bool isRfcomm = socket.Protocol == BTPROTO_RFCOMM;
     const std::size_t size = isRfcomm ? sizeof(rfcomm) : sizeof(l2cap);
     const void* const bytes = isRfcomm ? static_cast<const void*>(&rfcomm) : &l2cap;
