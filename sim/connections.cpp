@@ -31,7 +31,7 @@ void Empty(int fd)
 
 void Keep(C_Own& fd, Clock::time_point until, const std::string& brick)
 {
-    if (fd >= 0) State().Kept.emplace(until, S_Kept{brick, std::move(fd)});
+    if (fd >= 0) State().Kept.emplace(until, std::pair(brick, std::move(fd)));
 }
 
 // Puts a new pair behind the program's numbers of a socket.
@@ -189,9 +189,9 @@ Clock::time_point Do_DueConnections(Clock::time_point now)
     }
     auto& kept = State().Kept;
     for (auto one = kept.begin(); one != kept.end();) {
-        const std::string& brick = one->second.Brick;
+        const auto& [brick, fd] = one->second;
         const bool isOver = one->first <= now || (!brick.empty() && !Is_Silent(brick));
-        if (isOver) Real().Shutdown(one->second.Fd, SHUT_RDWR);  // wakes who still waits on it, unlike close
+        if (isOver) Real().Shutdown(fd, SHUT_RDWR);  // wakes who still waits on it, unlike close
         one = isOver ? kept.erase(one) : std::next(one);
     }
     if (!kept.empty()) next = std::min({next, kept.begin()->first, now + Scaled(PAGE_RETRY)});

@@ -25,16 +25,7 @@ struct S_FdMessage
     char Byte = 0;
     iovec Part{&Byte, 1};
     alignas(cmsghdr) char Control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr Header{};
-
-    S_FdMessage()
-    {
-        Header.msg_iov = &Part;
-        Header.msg_iovlen = 1;
-        Header.msg_control = Control;
-        Header.msg_controllen = sizeof(Control);
-    }
-    S_FdMessage(const S_FdMessage&) = delete;
+    msghdr Header{nullptr, 0, &Part, 1, Control, sizeof(Control), 0};
 };
 
 }  // namespace
@@ -47,20 +38,21 @@ const S_Real& Real()
     return real;
 }
 
-std::vector<S_Registration> List_Registrations(const std::string& instance)
+std::vector<std::pair<int, epoll_event>> List_Watched(const std::string& instance)
 {
-    std::vector<S_Registration> watches;
+    std::vector<std::pair<int, epoll_event>> watched;
     std::ifstream file("/proc/self/fdinfo/" + instance);
     for (std::string line; std::getline(file, line);) {
         int fd = -1;
         std::uint32_t events = 0;
         unsigned long long data = 0;
         if (sscanf(line.c_str(), "tfd: %d events: %x data: %llx", &fd, &events, &data) != 3) continue;
-        S_Registration& watch = watches.emplace_back(S_Registration{fd, {}});
-        watch.Event.events = events;
-        watch.Event.data.u64 = data;
+        epoll_event event{};
+        event.events = events;
+        event.data.u64 = data;
+        watched.emplace_back(fd, event);
     }
-    return watches;
+    return watched;
 }
 
 bool Is_Own(int fd)
@@ -115,8 +107,8 @@ void Swap_In(const S_Socket& socket, int other)
         Real().Fcntl(other, F_SETFL, Real().Fcntl(fd, F_GETFL));
         std::vector<std::pair<int, epoll_event>> watches;  // epoll watches open files, not numbers
         for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo"))
-            for (const S_Registration& watch : List_Registrations(entry.path().filename()))
-                if (watch.Fd == fd) watches.emplace_back(std::stoi(entry.path().filename()), watch.Event);
+            for (const auto& [watched, event] : List_Watched(entry.path().filename()))
+                if (watched == fd) watches.emplace_back(std::stoi(entry.path().filename()), event);
         for (const auto& watch : watches)
             epoll_ctl(watch.first, EPOLL_CTL_DEL, fd, nullptr);
         Real().Dup3(other, fd, (Real().Fcntl(fd, F_GETFD) & FD_CLOEXEC) ? O_CLOEXEC : 0);

@@ -109,7 +109,7 @@ int Inquire(const S_Adapter& own, hci_inquiry_req& request)
 void Send_Later(const SocketPointer& socket, const std::string& packet, Clock::duration after)
 {
     const std::lock_guard lock(State().Mutex);
-    State().Later.emplace(Clock::now() + after, S_Later{socket, packet});
+    State().Later.emplace(Clock::now() + after, std::pair(socket, packet));
     Wake_Thread();
 }
 

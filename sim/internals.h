@@ -196,20 +196,6 @@ struct S_Local
     } Open;
 };
 
-// A descriptor of the air's own that is kept for a while.
-struct S_Kept
-{
-    std::string Brick;  // at most as long as this one is silent; "": whatever it is
-    C_Own Fd;
-};
-
-// A packet that comes later.
-struct S_Later
-{
-    std::weak_ptr<S_OpenSocket> To;
-    std::string Bytes;
-};
-
 // What there is on one air.
 struct S_World
 {
@@ -220,8 +206,13 @@ struct S_World
     std::map<int, SocketPointer> Sockets;
     std::map<std::pair<std::string, std::string>, Clock::time_point> Released;  // by own and peer address
     std::map<std::pair<std::string, std::string>, Clock::time_point> Pages;     // when they end, by the same
-    std::multimap<Clock::time_point, S_Kept> Kept;    // of silent bricks and those who call them, and until when
-    std::multimap<Clock::time_point, S_Later> Later;  // packets, and when they come
+
+    // Descriptors of silent bricks and those who call them, and until when they are kept: at most as long as this brick
+    // is silent; "": whatever it is.
+    std::multimap<Clock::time_point, std::pair<std::string, C_Own>> Kept;
+
+    // Packets, when they come, and to whom.
+    std::multimap<Clock::time_point, std::pair<std::weak_ptr<S_OpenSocket>, std::string>> Later;
 };
 
 // What is to go wrong with a call.
@@ -267,13 +258,8 @@ C_Own Open_Pair(int type, int& near);
 // Closes all in a range that are not the air's own.
 int Close_Range(unsigned int first, unsigned int last, int flags);
 
-// What an epoll instance watches, as the kernel knows it: with what is left of EPOLLONESHOT.
-struct S_Registration
-{
-    int Fd;
-    epoll_event Event;
-};
-std::vector<S_Registration> List_Registrations(const std::string& instance);
+// The descriptors that an epoll instance watches, as the kernel knows it: with what is left of EPOLLONESHOT.
+std::vector<std::pair<int, epoll_event>> List_Watched(const std::string& instance);
 
 // Puts the open file of `other` behind the numbers of a socket, which keep their flags and whoever watches them by
 // epoll.

@@ -141,9 +141,10 @@ void Serve(S_Local& local)
 Clock::time_point Send_Due(Clock::time_point now)
 {
     auto& later = State().Later;
-    for (; !later.empty() && later.begin()->first <= now; later.erase(later.begin()))
-        if (const SocketPointer socket = later.begin()->second.To.lock())
-            Send(socket->Far, later.begin()->second.Bytes);
+    for (; !later.empty() && later.begin()->first <= now; later.erase(later.begin())) {
+        const auto& [to, bytes] = later.begin()->second;
+        if (const SocketPointer socket = to.lock()) Send(socket->Far, bytes);
+    }
     return later.empty() ? Clock::time_point::max() : later.begin()->first;
 }
 

@@ -186,9 +186,9 @@ int Correct_Events(int instance, epoll_event* events, int count)
 {
     for (int i = 0; i < count; ++i) {
         if ((events[i].events & EPOLLHUP) == 0) continue;
-        for (const S_Registration& watch : List_Registrations(std::to_string(instance))) {
-            if (watch.Event.data.u64 != events[i].data.u64 || !Is_AtEnd(watch.Fd)) continue;
-            pollfd waited{watch.Fd, 0, static_cast<short>(events[i].events)};
+        for (const auto& [fd, watched] : List_Watched(std::to_string(instance))) {
+            if (watched.data.u64 != events[i].data.u64 || !Is_AtEnd(fd)) continue;
+            pollfd waited{fd, 0, static_cast<short>(events[i].events)};
             Correct(waited);
             events[i].events = static_cast<unsigned short>(waited.revents);
         }
