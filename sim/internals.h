@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <functional>
 #include <map>
 #include <memory>
@@ -20,9 +21,11 @@
 #include <set>
 #include <string_view>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -73,42 +76,39 @@ constexpr bool LONG_TIME = sizeof(time_t) > sizeof(long);
 
 struct S_Real
 {
-    int (*Socket)(int, int, int) = S_Next{"socket"};
-    int (*Bind)(int, const sockaddr*, socklen_t) = S_Next{"bind"};
-    int (*Listen)(int, int) = S_Next{"listen"};
-    int (*Accept4)(int, sockaddr*, socklen_t*, int) = S_Next{"accept4"};
-    int (*Connect)(int, const sockaddr*, socklen_t) = S_Next{"connect"};
-    int (*Getsockname)(int, sockaddr*, socklen_t*) = S_Next{"getsockname"};
-    int (*Getpeername)(int, sockaddr*, socklen_t*) = S_Next{"getpeername"};
-    int (*Setsockopt)(int, int, int, const void*, socklen_t) = S_Next{LONG_TIME ? "__setsockopt64" : "setsockopt"};
-    int (*Getsockopt)(int, int, int, void*, socklen_t*) = S_Next{LONG_TIME ? "__getsockopt64" : "getsockopt"};
-    int (*Select)(int, fd_set*, fd_set*, fd_set*, timeval*) = S_Next{LONG_TIME ? "__select64" : "select"};
-    int (*Pselect)(int, fd_set*, fd_set*, fd_set*, const timespec*,
-                   const sigset_t*) = S_Next{LONG_TIME ? "__pselect64" : "pselect"};
-    int (*Poll)(pollfd*, nfds_t, int) = S_Next{"poll"};
-    int (*Ppoll)(pollfd*, nfds_t, const timespec*, const sigset_t*) = S_Next{LONG_TIME ? "__ppoll64" : "ppoll"};
-    int (*Epoll_wait)(int, epoll_event*, int, int) = S_Next{"epoll_wait"};
-    int (*Epoll_pwait)(int, epoll_event*, int, int, const sigset_t*) = S_Next{"epoll_pwait"};
-    int (*Epoll_pwait2)(int, epoll_event*, int, const timespec*,
-                        const sigset_t*) = S_Next{LONG_TIME ? "__epoll_pwait2_time64" : "epoll_pwait2"};
-    ssize_t (*Read)(int, void*, size_t) = S_Next{"read"};
-    ssize_t (*Readv)(int, const iovec*, int) = S_Next{"readv"};
-    ssize_t (*Recv)(int, void*, size_t, int) = S_Next{"recv"};
-    ssize_t (*Recvfrom)(int, void*, size_t, int, sockaddr*, socklen_t*) = S_Next{"recvfrom"};
-    ssize_t (*Recvmsg)(int, msghdr*, int) = S_Next{LONG_TIME ? "__recvmsg64" : "recvmsg"};
-    ssize_t (*Write)(int, const void*, size_t) = S_Next{"write"};
-    ssize_t (*Writev)(int, const iovec*, int) = S_Next{"writev"};
-    ssize_t (*Send)(int, const void*, size_t, int) = S_Next{"send"};
-    ssize_t (*Sendto)(int, const void*, size_t, int, const sockaddr*, socklen_t) = S_Next{"sendto"};
-    ssize_t (*Sendmsg)(int, const msghdr*, int) = S_Next{LONG_TIME ? "__sendmsg64" : "sendmsg"};
-    int (*Fcntl)(int, int, ...) = S_Next{LONG_TIME ? "__fcntl_time64" : "fcntl"};
-    int (*Ioctl)(int, unsigned long, ...) = S_Next{LONG_TIME ? "__ioctl_time64" : "ioctl"};
-    int (*Dup)(int) = S_Next{"dup"};
-    int (*Dup3)(int, int, int) = S_Next{"dup3"};
-    int (*Shutdown)(int, int) = S_Next{"shutdown"};
-    int (*Close)(int) = S_Next{"close"};
-    int (*Close_range)(unsigned int, unsigned int, int) = S_Next{"close_range"};
-    int (*Fclose)(FILE*) = S_Next{"fclose"};
+    decltype(&::socket) Socket = S_Next{"socket"};
+    decltype(&::bind) Bind = S_Next{"bind"};
+    decltype(&::listen) Listen = S_Next{"listen"};
+    decltype(&::accept4) Accept4 = S_Next{"accept4"};
+    decltype(&::connect) Connect = S_Next{"connect"};
+    decltype(&::getsockname) Getsockname = S_Next{"getsockname"};
+    decltype(&::getpeername) Getpeername = S_Next{"getpeername"};
+    decltype(&::setsockopt) Setsockopt = S_Next{LONG_TIME ? "__setsockopt64" : "setsockopt"};
+    decltype(&::getsockopt) Getsockopt = S_Next{LONG_TIME ? "__getsockopt64" : "getsockopt"};
+    decltype(&::select) Select = S_Next{LONG_TIME ? "__select64" : "select"};
+    decltype(&::pselect) Pselect = S_Next{LONG_TIME ? "__pselect64" : "pselect"};
+    decltype(&::poll) Poll = S_Next{"poll"};
+    decltype(&::ppoll) Ppoll = S_Next{LONG_TIME ? "__ppoll64" : "ppoll"};
+    decltype(&::epoll_pwait) Epoll_pwait = S_Next{"epoll_pwait"};
+    decltype(&::epoll_pwait2) Epoll_pwait2 = S_Next{LONG_TIME ? "__epoll_pwait2_time64" : "epoll_pwait2"};
+    decltype(&::read) Read = S_Next{"read"};
+    decltype(&::readv) Readv = S_Next{"readv"};
+    decltype(&::recv) Recv = S_Next{"recv"};
+    decltype(&::recvfrom) Recvfrom = S_Next{"recvfrom"};
+    decltype(&::recvmsg) Recvmsg = S_Next{LONG_TIME ? "__recvmsg64" : "recvmsg"};
+    decltype(&::write) Write = S_Next{"write"};
+    decltype(&::writev) Writev = S_Next{"writev"};
+    decltype(&::send) Send = S_Next{"send"};
+    decltype(&::sendto) Sendto = S_Next{"sendto"};
+    decltype(&::sendmsg) Sendmsg = S_Next{LONG_TIME ? "__sendmsg64" : "sendmsg"};
+    decltype(&::fcntl) Fcntl = S_Next{LONG_TIME ? "__fcntl_time64" : "fcntl"};
+    decltype(&::ioctl) Ioctl = S_Next{LONG_TIME ? "__ioctl_time64" : "ioctl"};
+    decltype(&::dup) Dup = S_Next{"dup"};
+    decltype(&::dup3) Dup3 = S_Next{"dup3"};
+    decltype(&::shutdown) Shutdown = S_Next{"shutdown"};
+    decltype(&::close) Close = S_Next{"close"};
+    decltype(&::close_range) Close_range = S_Next{"close_range"};
+    decltype(&::fclose) Fclose = S_Next{"fclose"};
 };
 const S_Real& Real();
 

@@ -293,7 +293,7 @@ int ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* si
 
 int epoll_wait(int instance, epoll_event* events, int room, int timeout)
 {
-    return Correct_Events(instance, events, Real().Epoll_wait(instance, events, room, timeout));
+    return epoll_pwait(instance, events, room, timeout, nullptr);
 }
 
 int epoll_pwait(int instance, epoll_event* events, int room, int timeout, const sigset_t* signals)
