@@ -187,9 +187,9 @@ def test_runs_of_a_brick_and_bricks_are_joined(air: Air) -> None:
     robot1.do(b"c.send(%s)" % HI)
     robot1.brick.kill()
     robot1 = Robot(air, "Robot1")
-    other = Robot(air, "Robot1")
     robot2.do("t = listen(17)")
     robot1.do(f"c = rfcomm(); c.connect({TO_2})")
+    other = Robot(air, "Robot1")  # the second of the two that are recorded at the same time
     other.do("c = rfcomm(); c.connect(('02:00:00:00:00:02', 17))")
     for robot in robot1, other, robot1:
         robot.do(b"c.send(%s)" % YOU)
