@@ -15,18 +15,12 @@ namespace {
 
 constexpr std::size_t MAX_LINKS = 7;  // of a piconet
 
-void Fill(int fd)
-{
-    const char bytes[512] = {};
-    while (Real().Send(fd, bytes, sizeof(bytes), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
-    }
-}
-
-void Empty(int fd)
+// Takes out what has come at an end, and sends it on to another one, if there is one.
+void Empty(int fd, int to = -1)
 {
     char bytes[4096];
-    while (Real().Recv(fd, bytes, sizeof(bytes), MSG_DONTWAIT) > 0) {
-    }
+    for (ssize_t size = 0; (size = Real().Recv(fd, bytes, sizeof(bytes), MSG_DONTWAIT)) > 0;)
+        if (to >= 0) Real().Send(to, bytes, static_cast<std::size_t>(size), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
 void Keep(C_Own& fd, Clock::time_point until, const std::string& brick)
@@ -124,9 +118,7 @@ void Cut(S_OpenSocket& socket)
 // Gives the program its connection back, with what it sent meanwhile.
 void Restore(S_OpenSocket& socket)
 {
-    char bytes[4096];
-    for (ssize_t size = 0; (size = Real().Recv(socket.Far, bytes, sizeof(bytes), MSG_DONTWAIT)) > 0;)
-        Real().Send(socket.Link, bytes, static_cast<std::size_t>(size), MSG_NOSIGNAL | MSG_DONTWAIT);
+    Empty(socket.Far, socket.Link);
     Swap_In(socket, socket.Link);
     socket.Link = C_Own();
     socket.Far = C_Own();
@@ -208,7 +200,9 @@ int Start_Connecting(S_OpenSocket& socket, const std::string& peer, int channel)
     const int fd = List_Fds(socket).front();
     const int least = 1;  // the kernel's
     Real().Setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &least, sizeof(least));
-    Fill(fd);
+    const char bytes[512] = {};
+    while (Real().Send(fd, bytes, sizeof(bytes), MSG_DONTWAIT | MSG_NOSIGNAL) > 0)
+        continue;  // until it is full
     socket.State = E_State::CONNECTING;
     const auto now = Clock::now();
     const auto page = State().Pages.find({socket.Own, socket.Peer});  // one that goes on, though nobody waits for it
