@@ -47,18 +47,17 @@ void Fill_Info(const S_Brick& brick, hci_dev_info& info)
     info.acl_pkts = ACL_COUNT;
 }
 
-// The links of a brick, at most `room`.
-int List_Connections(const S_Brick& brick, hci_conn_info* infos, int room)
+// Lists the links of a brick that there is room for.
+void List_Connections(const S_Brick& brick, hci_conn_list_req& list)
 {
     const std::lock_guard lock(State().Mutex);
-    int count = 0;
+    const int room = std::exchange(list.conn_num, std::uint16_t{0});
     for (const auto& [peer, hasCalled] : List_Links(brick.Address)) {
-        if (count == room) break;
-        const auto handle = static_cast<std::uint16_t>(count + 1);
+        if (list.conn_num == room) break;
+        hci_conn_info& info = list.conn_info[list.conn_num++];
         const std::uint32_t mode = hasCalled ? HCI_LM_MASTER : 0;
-        infos[count++] = {handle, Get_Binary(peer), ACL_LINK, hasCalled, BT_CONNECTED, mode};
+        info = {list.conn_num, Get_Binary(peer), ACL_LINK, hasCalled, BT_CONNECTED, mode};
     }
-    return count;
 }
 
 // The bricks that answer now, in the order of addresses.
@@ -191,14 +190,11 @@ int Control_Adapter(const S_Socket& socket, unsigned long request, void* argumen
         memcpy(&number, argument, sizeof(number));
     if (!adapter || number != 0) return Fail(ENODEV);
     const bool wasPowered = adapter->Powered;
-    auto* const connections = static_cast<hci_conn_list_req*>(argument);
     switch (request) {
     case HCIGETDEVINFO:
         return Fill_Info(*adapter, *static_cast<hci_dev_info*>(argument)), 0;
     case HCIGETCONNLIST:
-        connections->conn_num =
-            static_cast<std::uint16_t>(List_Connections(*adapter, connections->conn_info, connections->conn_num));
-        return 0;
+        return List_Connections(*adapter, *static_cast<hci_conn_list_req*>(argument)), 0;
     case HCIDEVUP:
     case HCIDEVDOWN:
         adapter->Powered = request == HCIDEVUP;
