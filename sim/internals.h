@@ -389,9 +389,7 @@ SocketPointer Find_Socket(int fd);  // with the lock held; null: none
 // What a copy of the descriptor is, too; null: none of ours, or a vforked child's, which borrows our memory.
 SocketPointer Share_Socket(int fd);
 
-S_Socket Get_Socket(int fd);                          // a copy, which may be outdated at once
-int Take_Error(int fd);                               // that of its connection, once
-int Add_Socket(int fd, const SocketPointer& socket);  // from now on, `fd` is this one, if there is one; returns it
-void Forget_Socket(int fd);                           // it is closed, or about to be
+S_Socket Get_Socket(int fd);  // a copy, which may be outdated at once
+int Take_Error(int fd);       // that of its connection, once
 
 }  // namespace tav_air

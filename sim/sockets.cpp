@@ -88,22 +88,6 @@ int Take_Error(int fd)
     return std::exchange(socket->Error, 0);
 }
 
-int Add_Socket(int fd, const SocketPointer& socket)
-{
-    if (fd < 0 || !socket) return fd;
-    const std::lock_guard lock(State().Mutex);
-    State().Sockets[fd] = socket;
-    g_Ours.Set(fd, true);
-    return fd;
-}
-
-void Forget_Socket(int fd)
-{
-    if (!g_Ours.Has(fd) || getpid() != State().Process) return;
-    const std::lock_guard lock(State().Mutex);
-    if (Find_Socket(fd)) Drop_Socket(fd);
-}
-
 }  // namespace tav_air
 
 namespace {
@@ -113,6 +97,24 @@ constexpr std::pair<int, int> SOCKETS[] = {{BTPROTO_RFCOMM, SOCK_STREAM},
                                            {BTPROTO_L2CAP, SOCK_SEQPACKET},
                                            {BTPROTO_L2CAP, SOCK_RAW},
                                            {BTPROTO_HCI, SOCK_RAW}};
+
+// From now on the descriptor is this socket, if there is one; returns it.
+int Add_Socket(int fd, const SocketPointer& socket)
+{
+    if (fd < 0 || !socket) return fd;
+    const std::lock_guard lock(State().Mutex);
+    State().Sockets[fd] = socket;
+    g_Ours.Set(fd, true);
+    return fd;
+}
+
+// It is closed, or about to be.
+void Forget_Socket(int fd)
+{
+    if (!g_Ours.Has(fd) || getpid() != State().Process) return;
+    const std::lock_guard lock(State().Mutex);
+    if (Find_Socket(fd)) Drop_Socket(fd);
+}
 
 // ---- Addresses ------------------------------------------------------------------------------------------------------
 
