@@ -140,7 +140,7 @@ function arrange() {
   const visible = lanes.filter(name => !wanted.bricks.has(name));
   const words = Math.max(Math.min(260, width * .45), Math.min(620, (width - TIMES) * .42, width - TIMES - 110 * visible.length));
   const room = width - TIMES - words - 24;
-  geometry = {words, width, x: new Map(visible.map((name, i) => [name, TIMES + room * (i + .5) / visible.length])), room,
+  geometry = {words, width, x: new Map(visible.map((name, i) => [name, TIMES + room * (i + .42) / visible.length])), room,
     step: room / Math.max(1, visible.length)};
   const perLine = words / 7.3;
   tops = new Float64Array(shown.length);
