@@ -3,6 +3,7 @@
 from bisect import bisect_right
 from collections.abc import Sequence
 from dataclasses import dataclass, field
+from itertools import islice
 from typing import Any
 
 from .capture import Event, Link, Message, Session
@@ -213,14 +214,14 @@ class Analysis:
                 else self.plain(event, "end", "plain", "notices the end", sentence(words))
             )
         row = self.plain(event, "end", state, f"connection lost: {event.error}", sentence(words))
-        if event.error == "ECONNRESET" and peer and not theirs and self.has_ended(event.peer, event.time):
+        if event.error == "ECONNRESET" and peer and not theirs and self.has_ended(event.peer, event):
             row["ended"] = safe(event.peer)
         return row
 
-    def has_ended(self, brick: str, time: float) -> bool:
+    def has_ended(self, brick: str, event: Event) -> bool:
         """Whether it did nothing any more until its next program."""
-        later = next((one for one in self.session.events if one.brick == brick and one.time > time), None)
-        return not later or later.what == "start"
+        later = islice(self.session.events, self.at[event], None)
+        return next((one.what for one in later if one.brick == brick), "start") == "start"
 
     def explain(self, event: Event) -> tuple[str, str]:
         state, words = explain(event.error, event.brick, event.peer, event.channel)

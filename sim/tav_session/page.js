@@ -241,7 +241,7 @@ function makeRow(row, i) {
   const ago = i ? row.time - shown[i - 1].time : 0;
   element.append(make("span", {className: "time"}, (row.time - begin).toFixed(3).padStart(8),
     make("i", {textContent: ago >= PAUSE ? "\n" + ("+" + seconds(ago)).padStart(8) : ""})), makeLabel(row));
-  if (geometry.x.has(row.ended)) element.append(makePill("program ended", geometry.x.get(row.ended)));
+  if (geometry.x.has(row.ended)) element.append(makePill("program ended", geometry.x.get(row.ended), row));
   const says = make("div", {className: "says"});
   if (isTrouble(row)) says.append(make("span", {className: "badge", textContent: STATES[row.state][0]}));
   says.append(make("bdi", {className: isTrouble(row) ? "" : "quiet", textContent: row.says || ""}));
@@ -255,7 +255,7 @@ function makeRow(row, i) {
 function makeLabel(row) {
   const a = geometry.x.get(row.from), b = geometry.x.get(row.to);
   const isArrow = a !== undefined && b !== undefined && row.what !== "receive" && row.what !== "end";
-  if (!isArrow) return makePill(row.title, row.what === "receive" ? b : a);
+  if (!isArrow) return makePill(row.title, row.what === "receive" ? b : a, row);
   const label = make("span", {className: "label", title: row.title.slice(0, 300)}, make("bdi", {textContent: row.title}));
   const free = a < b ? geometry.width - geometry.words - 40 - a : a - TIMES;
   label.style.maxWidth = Math.max(Math.abs(a - b) - 24, Math.min(260, free)) + "px";
@@ -263,9 +263,10 @@ function makeLabel(row) {
   return label;
 }
 
-function makePill(text, x) {
+function makePill(text, x, row) {
   const label = make("span", {className: "label pill", title: text.slice(0, 300)}, make("bdi", {textContent: text}));
-  const next = Math.min(...[...geometry.x.values()].filter(other => other > x), geometry.width - geometry.words - 16);
+  const end = geometry.width - (row.says ? geometry.words + 16 : 0);
+  const next = Math.min(...[...geometry.x.values()].filter(other => other > x), end);
   label.style.maxWidth = Math.max(60, next - x - 14) + "px";
   return place(label, Math.min(x + 10, next - 64));
 }
