@@ -13,9 +13,9 @@ from typing import Any
 
 import pytest
 from recording_test import Robot
-from tav_air import Air
+from tav_air import Air, sky
 from tav_air.process import Problem
-from tav_session import capture, render
+from tav_session import capture, follow, render
 from tav_session.analysis import analyse
 from tav_session.capture import Event, Link, Message, Session
 from tav_session.follow import Follower
@@ -30,6 +30,7 @@ PROGRAM = ROOT / "sim" / "tav-session"
 TAVBT = Path(os.environ["TAV_BUILD"]) / "tools" / "tavbt" / "tavbt"
 HOSTILE = "<script>document.title='run'</script><img src=x onerror=\"document.title='run'\">&amp;\u202eabc\u2066"
 LONG_ID = "i" * 1000
+PATIENCE = 120  # s, for what takes one or two on a quiet machine
 
 
 def named(kind: int, message_id: str, value: bytes, sender: str = "Robot1") -> str:
@@ -259,15 +260,71 @@ def test_a_refused_connection_does_not_look_like_a_success(air: Air) -> None:
     )
 
 
-def test_it_follows_a_recording(air: Air) -> None:
+def follow_until(follower: Follower, fits: Callable[[list[dict[str, Any]]], object]) -> list[dict[str, Any]]:
+    """Looks until the rows that there are then do."""
+    until = time.monotonic() + PATIENCE
+    while time.monotonic() < until:
+        follower.look(1)
+        if fits(rows := [*follower.rows.values()]):
+            return rows
+    raise AssertionError([row["title"] for row in follower.rows.values()])
+
+
+def test_it_follows_recordings(air: Air) -> None:
+    """Of a brick that comes later, and runs twice; of one whose file is deleted and begun anew; and says the same."""
     pair = Pair(air)
-    follower = Follower(lambda: sorted(pair.folder.glob("*.pcapng")))
-    pair.send(text("a", "one"))
-    assert [row["state"] for row in follower.look() if "reads" in row] == ["waiting"]
-    pair.receive()
-    (row,) = follower.look()
-    assert (row["state"], row["value"]) == ("ok", '"one"')
-    assert not follower.look()
+    with Follower(lambda: sorted(pair.folder.glob("*.pcapng"))) as follower:
+        pair.send(text("a", "one"))
+        follow_until(follower, lambda rows: [row["state"] for row in rows if "reads" in row] == ["waiting"])
+        pair.receive()
+        follow_until(follower, lambda rows: [row["state"] for row in rows if "reads" in row] == ["ok"])
+        for number in range(2):
+            third = Robot(air, "Robot3")
+            third.do("c = rfcomm(); c.connect(('02:00:00:00:00:02', 16))")
+            pair.two.do("e = s.accept()[0]")
+            third.do(f"c.send({text('b', str(number), sender='Robot3')})")
+            pair.two.do("e.recv(1024)")
+            follow_until(
+                follower, lambda rows: sum("reads" in row and row["state"] == "ok" for row in rows) == number + 2
+            )
+            third.kill()
+            pair.two.do("e.setblocking(False); e.recv(1024)")
+        rows = follow_until(follower, lambda rows: sum(row["what"] == "end" for row in rows) == 2)
+        assert sorted(rows, key=lambda row: row["key"]) == sorted(rows_of(pair.folder), key=lambda row: row["key"])
+        pair.one.file.unlink()
+        (seen,) = (seen for seen in sky.look(air.name) if seen.name == "Robot1")
+        assert sky.record(air.name, seen, pair.one.file) == ""
+        pair.send(text("c", "anew"))
+        follow_until(follower, lambda rows: any(row.get("id") == "c" for row in rows))
+
+
+def test_long_sessions_are_followed_as_short_ones(air: Air, monkeypatch: pytest.MonkeyPatch) -> None:
+    """What is told is left out of later looks, and nothing that is told changes by that."""
+    monkeypatch.setattr(follow, "MANY", 20)
+    pair = Pair(air)
+    with Follower(lambda: sorted(pair.folder.glob("*.pcapng"))) as follower:
+        for number in range(6):
+            pair.send(*(text("a", f"{number} {i}") for i in range(3)))
+            for size in (15, 1024) if number % 2 else (1024,):
+                pair.receive(size)
+            for _ in range(5):
+                pair.answer(named(3, "b", b"\1", sender="Robot2"))
+            count = 8 * (number + 1)
+            rows = follow_until(
+                follower, lambda rows: sum("reads" in row and row["state"] != "waiting" for row in rows) == count
+            )
+        assert len(follower.session.events) < 60
+    assert sorted(rows, key=lambda row: row["key"]) == sorted(rows_of(pair.folder), key=lambda row: row["key"])
+
+
+def test_a_follower_says_that_tshark_has_died(air: Air) -> None:
+    pair = Pair(air)
+    with Follower(lambda: sorted(pair.folder.glob("*.pcapng"))) as follower:
+        follow_until(follower, lambda rows: rows)
+        (stream,) = follower.streams.values()
+        stream.processes[0].kill()
+        with pytest.raises(Problem, match="tshark has ended"):
+            follow_until(follower, lambda rows: False)
 
 
 def test_it_says_what_tshark_does_not(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
@@ -285,8 +342,8 @@ def test_it_says_what_tshark_does_not(tmp_path: Path, monkeypatch: pytest.Monkey
     with pytest.raises(Problem, match="tshark did not show all messages"):
         capture.read([file])
     monkeypatch.setattr(capture, "run_tshark", find_nothing)
-    with pytest.raises(Problem, match="apt-get install tshark"):
-        Follower(lambda: [file]).look()
+    with pytest.raises(Problem, match="apt-get install tshark"), Follower(lambda: [file]) as follower:
+        follower.look()
 
 
 def test_it_plays_a_side_again(air: Air, tmp_path: Path) -> None:

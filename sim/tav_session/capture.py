@@ -25,7 +25,6 @@ NO_ADDRESS = "00:00:00:00:00:00"
 HCI_ERRORS = {0x04: "EHOSTDOWN", 0x08: "ETIMEDOUT", 0x09: "EMLINK", 0x10: "EHOSTDOWN", 0x22: "ETIMEDOUT"}
 KINDS = {1: "text", 3: "bool", 4: "data"}
 COLUMNS = {
-    "number": "frame.number",
     "time": "frame.time_epoch",
     "direction": "frame.p2p_dir",
     "interface": "frame.interface_name",
@@ -50,7 +49,6 @@ COLUMNS = {
 }
 OURS = ("tav", "tav_classic")  # protocols
 BLOCK = 1 << 16  # bytes that are read at once
-NUMBER = re.compile(rb'<field name="num"[^>]* show="(\d+)"')  # of a frame
 WANTED = "btrfcomm.dlci > 1 or bthci_evt.code in {3, 5, 7, 14} or bthci_cmd.opcode == 0x0405 or frame.comment"
 
 
@@ -114,6 +112,7 @@ class Event:
     data: bytes = b""
     asked: int = 0  # bytes that were to be sent or received, where that is known
     messages: list[Message] = field(default_factory=list)
+    number: int = 0  # of those of its reader
     key: str = ""
 
 
@@ -140,8 +139,11 @@ def quiet_environment(folder: str) -> dict[str, str]:
     return {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"} | {"HOME": folder}
 
 
-def run_tshark(file: Path, *options: str, folder: str) -> subprocess.Popen[bytes]:
-    """Newer ones run no scripts for root, so they are run as nobody then, who gets what to read as open files."""
+def run_tshark(file: Path | None, *options: str, folder: str) -> subprocess.Popen[bytes]:
+    """Of a file, or of what is written to its stdin, packet by packet.
+
+    Newer ones run no scripts for root, so they are run as nobody then, who gets what to read as open files.
+    """
     script = []
     as_user: dict[str, Any] = {}
     if dissector := find_dissector():
@@ -149,16 +151,34 @@ def run_tshark(file: Path, *options: str, folder: str) -> subprocess.Popen[bytes
             as_user = {"user": NOBODY, "group": NOBODY, "extra_groups": []}
         script = [f"-Xlua_script:{shutil.copyfile(dissector, Path(folder) / dissector.name)}"]
     channels = ["-d", "btrfcomm.dlci==4-31,tav", "-d", "btrfcomm.dlci==34-61,tav"]  # those that it does not know
-    with file.open("rb") as capture:
+    capture = file.open("rb") if file else None
+    try:
         return subprocess.Popen(
-            ["tshark", *script, *channels, "-n", "-r", "-", *options],
-            stdin=capture,
+            ["tshark", *script, *channels, "-n", "-r", "-", *([] if file else ["-l"]), "-Y", WANTED, *options],
+            stdin=capture or subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
             env=quiet_environment(folder),
             preexec_fn=die_with_parent,
             **as_user,
         )
+    finally:
+        if capture:
+            capture.close()
+
+
+def start_tshark(file: Path | None, folder: str) -> tuple[subprocess.Popen[bytes], subprocess.Popen[bytes]]:
+    """One that tells of frames, and one that tells of the messages in the same ones."""
+    fields = [option for column in COLUMNS.values() for option in ("-e", column)]
+    quick = [option for name in OURS for option in ("--disable-protocol", name)]  # most of the time is theirs
+    try:
+        table = run_tshark(file, "-T", "fields", *fields, *quick, folder=folder)
+        tree = run_tshark(file, "-T", "pdml", "-J", " ".join(OURS), folder=folder)
+    except FileNotFoundError as error:
+        if error.filename != "tshark":
+            raise
+        raise Missing("captures are read by tshark; on Debian: apt-get install tshark") from None
+    return table, tree
 
 
 def finish(process: subprocess.Popen[bytes], file: Path) -> bool:
@@ -180,17 +200,21 @@ def read_rows(stream: IO[bytes]) -> Iterator[dict[str, str]]:
         yield dict(zip(COLUMNS, values))
 
 
-def read_messages(stream: IO[bytes]) -> Iterator[tuple[int, list[Message]]]:
+def read_messages(stream: IO[bytes]) -> Iterator[list[Message]]:
     """Frame by frame, what the dissector found in it; that stands last in its packet, and only that is parsed."""
     rest = b""
     while block := os.read(stream.fileno(), BLOCK):
         *packets, rest = (rest + block).split(b"</packet>")
         for packet in packets:
-            number = NUMBER.search(packet)
-            tree = ElementTree.fromstring(b"<packet>" + packet[packet.index(b'<proto name="tav') :] + b"</packet>")
-            yield int(number[1]) if number else 0, [take_message(proto) for proto in tree if proto.get("name") in OURS]
+            at = packet.find(b'<proto name="tav')
+            tree = ElementTree.fromstring(b"<packet>" + (packet[at:] if at >= 0 else b"") + b"</packet>")
+            yield [take_message(proto) for proto in tree if proto.get("name") in OURS]
     if b"</pdml>" not in rest:
         raise EOFError
+
+
+def read_frames(table: IO[bytes], tree: IO[bytes]) -> Iterator[tuple[dict[str, str], list[Message]]]:
+    return zip(read_rows(table), read_messages(tree))
 
 
 def take_message(proto: ElementTree.Element) -> Message:
@@ -250,10 +274,12 @@ class Reader:
         self.links: dict[tuple[str, int], Link] = {}  # by handle and DLCI
         self.last_sent: dict[Link, Event] = {}
         self.events: list[Event] = []
-        self.count = 0
+        self.number = 0  # of the next one
+        self.count = 0  # of links
 
     def add(self, row: dict[str, str], what: str, link: Link | None = None, **more: Any) -> Event:
-        event = Event(float(row["time"]), self.own, what, link, **more)
+        event = Event(float(row["time"]), self.own, what, link, **more, number=self.number)
+        self.number += 1
         if link:
             event.peer, event.channel = link.peer, link.channel
             link.events.append(event)
@@ -377,38 +403,29 @@ def parse_comment(text: str) -> Comment:
     return Comment(text, error[1] if error else "", int(channel[1]) if channel else 0, int(asked[2]) if asked else 0)
 
 
+def take_frame(
+    row: dict[str, str], messages: list[Message], readers: dict[str, Reader], file: Path, names: dict[str, str]
+) -> None:
+    """By the reader of its brick."""
+    name = row["interface"]
+    reader = readers.get(name) or readers.setdefault(name, Reader(file, name, row["description"], names))
+    reader.take(row, messages)
+
+
 def read_capture(file: Path, names: dict[str, str], folder: str) -> list[Reader]:
     """Of one brick, or of several that mergecap joined."""
     readers: dict[str, Reader] = {}
-    fields = [option for column in COLUMNS.values() for option in ("-e", column)]
-    quick = [option for name in OURS for option in ("--disable-protocol", name)]  # most of the time is theirs
-    try:
-        table = run_tshark(file, "-Y", WANTED, "-T", "fields", *fields, *quick, folder=folder)
-        tree = run_tshark(file, "-Y", "tav or tav_classic", "-T", "pdml", "-J", "tav tav_classic", folder=folder)
-    except FileNotFoundError as error:
-        if error.filename != "tshark":
-            raise
-        raise Missing("captures are read by tshark; on Debian: apt-get install tshark") from None
+    table, tree = start_tshark(file, folder)
     assert table.stdout and tree.stdout
     with table, tree:
-        found = read_messages(tree.stdout)
-        number = 0
-        messages: list[Message] = []
-        none: tuple[int, list[Message]] = (1 << 62, [])
         is_broken = False
         try:
-            for row in read_rows(table.stdout):
-                while number < int(row["number"]):
-                    number, messages = next(found, none)
-                name = row["interface"]
-                reader = readers.get(name) or readers.setdefault(name, Reader(file, name, row["description"], names))
-                reader.take(row, messages if number == int(row["number"]) else [])
-            for _ in found:
-                pass
+            for row, messages in read_frames(table.stdout, tree.stdout):
+                take_frame(row, messages, readers, file, names)
         except (EOFError, ElementTree.ParseError):
             is_broken = True
-            for _ in chain(table.stdout, tree.stdout):  # else they would not end
-                pass
+        for _ in chain(table.stdout, tree.stdout):  # else they would not end; one has more where a file grows
+            pass
         are_read = [finish(table, file), finish(tree, file)]
         if is_broken and all(are_read):
             raise Problem(f"{file}: tshark did not show all messages")
@@ -440,23 +457,23 @@ def read(files: Iterable[Path]) -> Session:
     with TemporaryDirectory(prefix="tav-") as folder:
         os.chmod(folder, 0o755)
         readers = [reader for file in merge([*files], folder) for reader in read_capture(file, names, folder)]
-    for reader in readers:
-        if reader.address:
-            names[reader.address] = reader.own if reader.has_calls else names.get(reader.address, reader.own)
-            reader.own = names[reader.address]
     return join(readers, names)
 
 
 def join(readers: list[Reader], names: dict[str, str]) -> Session:
+    """Also again, when they have read more."""
     session = Session()
+    for reader in readers:
+        if reader.address:
+            names[reader.address] = reader.own if reader.has_calls else names.get(reader.address, reader.own)
+            reader.own = names[reader.address]
     for position, reader in enumerate(readers):
         is_alone = all(other.key != reader.key for other in readers[:position])
-        for number, event in enumerate(reader.events):
-            event.key = f"{reader.key if is_alone else position}:{number}"  # the same when more is read later
         session.recorded.add(reader.own)
         if not reader.has_calls:
             session.frames.add(reader.own)
         for event in reader.events:
+            event.key = f"{reader.key if is_alone else position}:{event.number}"  # the same when more is read later
             event.brick = reader.own
             event.peer = names.get(event.peer, event.peer)
             if event.link:

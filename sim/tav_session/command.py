@@ -4,18 +4,17 @@ import argparse
 import gc
 import os
 import sys
-import time
 from pathlib import Path
 
 from tav_air.command import Parser, get_version
-from tav_air.process import Problem, guarded
+from tav_air.process import Problem, guarded, say
 
 from . import render, replay
 from .analysis import Row, analyse
 from .capture import read
 from .follow import Follower
 
-PAUSE = 0.5  # s, between looks at files that grow
+PAUSE = 0.5  # s, between looks at files that are still to come
 
 EXAMPLES = """examples:
   tav-session recording/*.pcapng -o session.html
@@ -58,14 +57,13 @@ def make_parser(version: str) -> argparse.ArgumentParser:
 
 def follow(files: list[Path]) -> int:
     """Each row when it is there; one that waits is told again when it is known what became of it."""
-    follower = Follower(lambda: files)
     begin = 0.0
-    while True:
-        rows: list[Row] = [row for row in follower.look() if "removed" not in row]
-        begin = begin or (rows[0]["time"] if rows else 0.0)
-        for row in rows:
-            print(render.text_line(row, begin, sys.stdout.isatty()), flush=True)
-        time.sleep(PAUSE)
+    with Follower(lambda: files) as follower:
+        while True:
+            rows: list[Row] = [row for row in follower.look(PAUSE) if "removed" not in row]
+            begin = begin or (rows[0]["time"] if rows else 0.0)
+            for row in rows:
+                print(render.text_line(row, begin, sys.stdout.isatty()), flush=True)
 
 
 def run(version: str) -> int:
@@ -78,7 +76,9 @@ def run(version: str) -> int:
     if (program or arguments.to) and not arguments.replay:
         parser.error("--to and a program go with --replay")
     for file in arguments.files:
-        if not file.is_file():
+        if not file.is_file() and arguments.follow:
+            say(f"there is no file {file} yet")
+        elif not file.is_file():
             raise Problem(f"there is no file {file}")
     return follow(arguments.files) if arguments.follow else show(arguments, program)
 
