@@ -55,13 +55,15 @@ class Page:
         return str(wrong)
 
     def wait_for(self, what: str, fits: Callable[[Any], bool]) -> Any:
-        """The first event that does."""
+        """The first event of this name that does."""
         connection = http.client.HTTPConnection(self.host, timeout=PATIENCE)
-        connection.request("GET", self.way + what)
+        connection.request("GET", self.way + "events")
         stream = connection.getresponse()
         until = time.monotonic() + PATIENCE
+        name = ""
         while (line := stream.readline()) and time.monotonic() < until:
-            if line.startswith(b"data: ") and fits(event := json.loads(line[6:])):
+            name = line[7:].decode().strip() if line.startswith(b"event: ") else name
+            if name == what and line.startswith(b"data: ") and fits(event := json.loads(line[6:])):
                 connection.close()
                 return event
         raise AssertionError(f"{what} has ended, or never told it")
@@ -129,7 +131,7 @@ def test_it_tells_what_happens_and_makes_things_go_wrong(air: Air, page: Page) -
         def is_told(rows: Any, expected: str = expected) -> bool:
             return any(row["what"] == "send" and row["state"] == expected for row in rows)
 
-        page.wait_for("rows", is_told)
+        page.wait_for("message", is_told)
         robot1.do(b"c.send(%s)" % HI)
         robot2.do("d.recv(30)")
     assert page.order("out", two) == ""

@@ -103,18 +103,22 @@ function move(row) {
     {duration: stopped ? 1 : TRAVEL, easing: "ease-in-out"}).addEventListener("finish", () => dot.remove());
 }
 
-new EventSource("air").addEventListener("message", event => {
-  air = JSON.parse(event.data);
-  show();
-});
-// The frame with the messages passes them on: a browser has few connections to one host, and orders need one, too.
+// The frame with the messages passes on what it hears: a browser has few connections to one host.
+const HEARD = {
+  air: news => {
+    air = news;
+    show();
+  },
+  message: rows => {
+    const first = known === null;
+    known = known || new Set();
+    rows.filter(row => row.what === "send" && !known.has(row.key)).slice(-30).forEach(row => first || move(row));
+    rows.forEach(row => row.removed ? known.delete(row.key) : known.add(row.key));
+  },
+};
 window.addEventListener("message", event => {
   if (event.origin !== location.origin || event.source !== window.frames[0]) return;
-  const rows = event.data;
-  const first = known === null;
-  known = known || new Set();
-  rows.filter(row => row.what === "send" && !known.has(row.key)).slice(-30).forEach(row => first || move(row));
-  rows.forEach(row => known.add(row.key));
+  HEARD[event.data.event](event.data.news);
 });
 $("record").addEventListener("click", () => order("record"));
 window.addEventListener("resize", show);

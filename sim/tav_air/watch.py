@@ -31,7 +31,8 @@ from .names import get_id
 from .process import Problem, say
 
 HERE = Path(__file__).resolve().parent
-PAUSE = 0.4  # s, between looks
+PAUSE = 0.4  # s, between looks at bricks
+MOMENT = 0.1  # s, that news of messages are waited for before there may be another recording
 NICE = 10  # of looks, and of tshark: the bricks go first
 PATIENCE = 5  # s, for looks to end
 BEHIND = 50  # events that a browser may be late; then it connects anew
@@ -39,6 +40,7 @@ LINES = 200  # that a terminal has room for
 TCP = re.compile(r"^ *\d+: 0100007F:([0-9A-F]{4}) 0100007F:([0-9A-F]{4}) [0-9A-F]{2} \S+ \S+ \S+ +(\d+)", re.M)
 NOTHING = "default-src 'none'"  # of a page that loads and runs nothing
 Row = dict[str, Any]
+Listener = queue.Queue[tuple[str, str]]  # events, by name: air or message
 
 
 # ---- What happens ---------------------------------------------------------------------------------------------------
@@ -52,7 +54,7 @@ class Watch:
     folder: Path  # where recordings go that are asked for here
     bricks: list[sky.Seen] = field(default_factory=list)
     records: bool = False  # all that come, too
-    listeners: dict[queue.Queue[str], str] = field(default_factory=dict)  # and what they listen to: air or rows
+    listeners: set["Listener"] = field(default_factory=set)
     lock: threading.Lock = field(default_factory=threading.Lock)
     files: set[Path] = field(default_factory=set)  # of bricks that have gone, too
     wrong: str = ""
@@ -79,11 +81,13 @@ class Watch:
                 self.put("air", state)
 
     def read(self) -> None:
-        """What is new in their recordings."""
-        rows = self.follower.look() if shutil.which("tshark") else []
-        with self.lock:
-            if rows:
-                self.put("rows", json.dumps(rows))
+        """What is new in their recordings, as soon as it is there."""
+        if not shutil.which("tshark"):
+            return
+        while not self.is_over.is_set():
+            if rows := self.follower.look(MOMENT):
+                with self.lock:
+                    self.put("message", json.dumps(rows))
 
     def describe(self) -> str:
         """Names as they may be shown; what the page needs."""
@@ -113,28 +117,28 @@ class Watch:
         self.is_over.set()
         for thread in self.threads:
             thread.join(PATIENCE)
+        self.follower.close()
 
     # With the lock held.
-    def put(self, what: str, text: str) -> None:
-        for listener, wanted in [*self.listeners.items()]:
-            if wanted != what:
-                continue
+    def put(self, event: str, text: str) -> None:
+        for listener in [*self.listeners]:
             try:
-                listener.put_nowait(text)
+                listener.put_nowait((event, text))
             except queue.Full:
-                del self.listeners[listener]
+                self.listeners.remove(listener)
 
-    def listen(self, what: str) -> queue.Queue[str]:
+    def listen(self) -> Listener:
         """Beginning with how it is now."""
-        listener: queue.Queue[str] = queue.Queue(BEHIND)
+        listener: Listener = queue.Queue(BEHIND)
         with self.lock:
-            listener.put(self.describe() if what == "air" else json.dumps([*self.follower.rows.values()]))
-            self.listeners[listener] = what
+            listener.put(("air", self.describe()))
+            listener.put(("message", json.dumps([*self.follower.rows.values()])))
+            self.listeners.add(listener)
         return listener
 
-    def forget(self, listener: queue.Queue[str]) -> None:
+    def forget(self, listener: Listener) -> None:
         with self.lock:
-            self.listeners.pop(listener, None)
+            self.listeners.discard(listener)
 
     # ---- What is told them ----
 
@@ -245,18 +249,18 @@ class Handler(BaseHTTPRequestHandler):
         if what == "page":
             self.answer(HTTPStatus.OK, "text/html", self.server.page, self.server.policy)
         elif what == "session":
-            page = render.page(watch.follower.session, [], "What happens now", live="rows")
+            page = render.page(watch.follower.session, [], "What happens now", live="events")
             self.answer(HTTPStatus.OK, "text/html", page, "frame-ancestors 'self'")
         elif what == "save":
             page = render.page(watch.follower.session, [*watch.follower.rows.values()], f"Air {watch.air}")
             self.answer(HTTPStatus.OK, "text/html", page, file="session.html")
-        elif what in ("air", "rows"):
-            self.stream(watch.listen(what))
+        elif what == "events":
+            self.stream(watch.listen())
         elif what:
             self.answer(HTTPStatus.NOT_FOUND, "text/plain", "There is no such page.\n")
 
-    def stream(self, listener: "queue.Queue[str]") -> None:
-        """Server-sent events, until the browser leaves."""
+    def stream(self, listener: Listener) -> None:
+        """Server-sent events, until the browser leaves: one connection for each page, of the few that it has."""
         self.send_response(HTTPStatus.OK)
         self.send_common("text/event-stream", NOTHING)
         self.send_header("Connection", "close")
@@ -264,8 +268,8 @@ class Handler(BaseHTTPRequestHandler):
         try:
             while not self.server.watch.is_over.is_set() and listener in self.server.watch.listeners:
                 try:
-                    text = listener.get(timeout=1)
-                    self.wfile.write(f"data: {text}\n\n".encode())
+                    event, text = listener.get(timeout=1)
+                    self.wfile.write(f"event: {event}\ndata: {text}\n\n".encode())
                 except queue.Empty:
                     self.wfile.write(b":\n\n")  # whether it is still there
         except OSError:

@@ -537,9 +537,16 @@ $("title").append(make("bdi", {textContent: data.title}));
 append(data.rows);
 $("scroller").focus({preventScroll: true});
 if (data.live) {
-  new EventSource(data.live).addEventListener("message", event => {
-    const news = JSON.parse(event.data);
-    if (window.parent !== window) window.parent.postMessage(news, location.origin);
-    append(news);
+  const source = new EventSource(data.live);
+  const tell = (event, news) => window.parent !== window && window.parent.postMessage({event, news}, location.origin);
+  source.addEventListener("open", () => {  // all that there is comes now
+    rows.length = 0;
+    byKey.clear();
   });
+  source.addEventListener("message", event => {
+    const news = JSON.parse(event.data);
+    append(news);
+    tell("message", news);
+  });
+  source.addEventListener("air", event => tell("air", JSON.parse(event.data)));  // for the page around it
 }
