@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 
-pytest_plugins = ["tav_air.fixtures"]
+pytest_plugins = ["browser", "tav_air.fixtures"]
 
 
 @pytest.fixture

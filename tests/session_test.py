@@ -12,6 +12,7 @@ from pathlib import Path
 from typing import Any
 
 import pytest
+from browser import Browser
 from recording_test import Robot
 from tav_air import Air, sky
 from tav_air.process import Problem
@@ -19,8 +20,6 @@ from tav_session import capture, follow, render
 from tav_session.analysis import analyse
 from tav_session.capture import Event, Link, Message, Session
 from tav_session.follow import Follower
-
-webdriver = pytest.importorskip("selenium.webdriver")
 
 ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "lab"))
@@ -415,48 +414,6 @@ def test_other_forms(air: Air) -> None:
 # ---- The page -------------------------------------------------------------------------------------------------------
 
 
-class Browser:
-    def __init__(self) -> None:
-        options = webdriver.ChromeOptions()
-        for option in "--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=1360,860":
-            options.add_argument(option)
-        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-        service = webdriver.chrome.service.Service("/usr/bin/chromedriver")
-        self.driver = webdriver.Chrome(service=service, options=options)
-
-    def open(self, page: Path) -> float:
-        """How long it took, in seconds, until it was drawn."""
-        begun = time.monotonic()
-        self.driver.get(page.as_uri())
-        self.run("return new Promise(done => requestAnimationFrame(() => requestAnimationFrame(done)))")
-        return time.monotonic() - begun
-
-    def run(self, script: str) -> Any:
-        return self.driver.execute_script(script)
-
-    def texts(self, selector: str) -> list[str]:
-        found: list[str] = self.run(
-            f"return [...document.querySelectorAll({selector!r})].map(each => each.textContent)"
-        )
-        return found
-
-    def press(self, *keys: str) -> None:
-        for key in keys:
-            self.run(
-                f"document.activeElement.dispatchEvent(new KeyboardEvent('keydown', {{key: {key!r}, bubbles: true}}))"
-            )
-
-    def complaints(self) -> list[str]:
-        return [entry["message"] for entry in self.driver.get_log("browser")]
-
-
-@pytest.fixture(scope="module")
-def browser() -> Iterator[Browser]:
-    made = Browser()
-    yield made
-    made.driver.quit()
-
-
 def test_the_page(air: Air, browser: Browser, tmp_path: Path) -> None:
     pair = Pair(air)
     pair.send(text("hello", "one"))
@@ -466,7 +423,7 @@ def test_the_page(air: Air, browser: Browser, tmp_path: Path) -> None:
     pair.receive()
     page = tmp_path / "page.html"
     session(*sorted(pair.folder.glob("*.pcapng")), "-o", page)
-    browser.open(page)
+    browser.open(page.as_uri())
 
     titles = ['text hello "one"', 'text hello "fine"', 'text a "two"', "bool b true"]
     assert [title for title in browser.texts(".label") if title in titles] == titles
@@ -509,7 +466,7 @@ def test_the_line_of_a_brick_ends_with_its_program(air: Air, browser: Browser, t
     Robot(air, "Robot2").do("s = listen(16)")
     page = tmp_path / "page.html"
     session(*sorted(pair.folder.glob("*.pcapng")), "-o", page)
-    browser.open(page)
+    browser.open(page.as_uri())
     told = browser.run(
         "return rows.filter(row => row.ended || row.what === 'start').map(row => row.ended || row.title)"
     )
@@ -529,7 +486,7 @@ def test_hostile_texts_do_nothing(air: Air, browser: Browser, tmp_path: Path) ->
     Robot(air, evil).do("c = rfcomm(); c.connect(('02:00:00:00:00:02', 16))")
     page = tmp_path / "page.html"
     session(*sorted(pair.folder.glob("*.pcapng")), "-o", page, "--title", HOSTILE)
-    browser.open(page)
+    browser.open(page.as_uri())
     for _ in range(len(browser.run("return shown"))):
         browser.press("j", "Enter")
     assert not browser.run("return document.title").startswith("run")
@@ -578,7 +535,7 @@ def test_a_long_session_draws(browser: Browser, tmp_path: Path, record_property:
     for count in 0, 10000:
         page = tmp_path / f"{count}.html"
         page.write_text(render.page(drawn, rows[:count], "Long"))
-        times.append(min(browser.open(page) for _ in range(3)))
+        times.append(min(browser.open(page.as_uri()) for _ in range(3)))
     assert browser.run("return shown.length") == 10000
     assert browser.run("return document.querySelectorAll('.row').length") < 200
     browser.press("End")
