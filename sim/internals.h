@@ -365,6 +365,7 @@ extern thread_local int t_Inside;  // how deep in BlueZ's library, whose calls a
 // With the lock held: from now on, appended to this file, unless another one is written already. Returns which one, or
 // in its place an errno.
 std::pair<std::string, int> Start_Recording(const std::string& path, const S_Brick& brick);
+void Stop_Recording();
 
 std::int64_t Get_RecordTime();  // ns since 1970; 0: nothing is recorded
 std::string Explain(const std::string& call, int error);

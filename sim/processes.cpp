@@ -113,6 +113,7 @@ std::string Obey(const S_Adapter& brick, const std::string& order)
 {
     const std::string argument = order.substr(std::min(order.find(' '), order.size() - 1) + 1);
     if (order.rfind("faults ", 0) == 0) return Take_Faults(argument) + '\n';  // what is wrong with them
+    if (order == "stop recording") Stop_Recording();
     if (order.rfind("record ", 0) != 0) return Describe(brick);
     const auto [path, error] = Start_Recording(argument, brick);  // without a path it tells that
     return error ? '\n' + std::string(strerrordesc_np(error)) : path + '\n';

@@ -399,6 +399,13 @@ std::pair<std::string, int> Start_Recording(const std::string& path, const S_Bri
     return {path, 0};
 }
 
+void Stop_Recording()
+{
+    const std::lock_guard lock(g_Mutex);
+    Flush();
+    Set_File(C_Own());
+}
+
 void Record_Note(const std::string& text)
 {
     if (g_File < 0) return;

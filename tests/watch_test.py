@@ -15,6 +15,7 @@ from typing import Any
 
 import pexpect
 import pytest
+from browser import Browser
 from recording_test import HI, TO_2, Robot
 from tav_air import Air, sky
 from tav_air.watch import Watch
@@ -154,12 +155,61 @@ def test_a_run_is_watched() -> None:
         page.close()
 
 
-def test_names_are_shown_harmlessly(air: Air, page: Page) -> None:
-    name = "<script>\x1b[2J\u202e&\n"
-    brick = Robot(air, name)
-    brick.do("s = listen(16)")
-    shown = page.brick(air.address(name), lambda brick: brick["channels"])["name"]
-    assert "script" in shown and not re.search("[\x00-\x1f\x7f\u202e]", shown)
+def test_the_page_in_a_browser(air: Air, page: Page, browser: Browser) -> None:
+    """In the last one of more tabs than a browser has connections for, if each took two."""
+    for _ in range(4):
+        browser.driver.switch_to.new_window("tab")
+        browser.open(f"http://{page.host}{page.way}")
+    evil = "<img src=x onerror=\"document.title='run'\">"
+    robot3, robot2, robot1 = (Robot(air, name) for name in (evil, "Robot2", "Robot1"))
+    robot2.do("s = listen(16)")
+    for robot, name in (robot3, "e"), (robot1, "d"):
+        robot.do(f"c = rfcomm(); c.connect({TO_2})")
+        robot2.do(f"{name} = s.accept()[0]")
+    browser.wait_for("document.querySelectorAll('.link').length === 2")
+    titles = browser.texts(".brick title")
+    assert sorted(titles)[1:] == [f"{robot.brick.name}, {robot.brick.address}" for robot in (robot1, robot2)]
+
+    def say(text: bytes) -> None:
+        robot1.do(b"c.send(b'\\1Robot1\\0a\\0%s\\0')" % text)
+        robot2.do("d.recv(30)")
+
+    def wait_for_rows(*wanted: str) -> None:
+        rows = "[...frames[0].document.querySelectorAll('.row:not(.plain, .note)')].map(row => row.textContent)"
+        fit = [f"rows[{i}].includes({words!r})" for i, words in enumerate(wanted)]
+        browser.wait_for(f"(rows => {' && '.join([f'rows.length === {len(wanted)}', *fit])})({rows})")
+
+    def click(selector: str) -> None:
+        browser.wait_for(f"document.querySelector({selector!r})")
+        browser.run(f"document.querySelector({selector!r}).dispatchEvent(new MouseEvent('click', {{bubbles: true}}))")
+        browser.wait_for("!document.body.hasAttribute('aria-busy')")
+
+    def count(selector: str, number: int) -> None:
+        browser.wait_for(f"document.querySelectorAll({selector!r}).length === {number}")
+
+    click("#record")
+    count(".dot", 3)
+    say(b"one")
+    wait_for_rows('"one"')
+    click(f"[data-brick='{robot1.brick.address}']")
+    click("[data-order=short]")
+    say(b"two")
+    wait_for_rows('"one"', "cut")
+    click(f"[data-brick='{robot3.brick.address}']")
+    click("[data-order=out]")
+    count(".away", 1)
+    assert robot2.do(f"rfcomm().connect(('{robot3.brick.address}', 17))") == "failed Host is down"
+    click("[data-order=back]")
+    count(".away", 0)
+    click("#record")
+    count(".dot", 0)
+    say(b"unheard")
+    click("#record")
+    count(".dot", 3)
+    say(b"three")
+    wait_for_rows('"three"')
+    assert browser.run("return document.title") == "What happens on the air"
+    assert evil in browser.run("return frames[0].document.body.innerText") and not browser.complaints()
 
 
 # A socket as of a brick or its program, which gives that answer to all.

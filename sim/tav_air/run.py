@@ -140,7 +140,9 @@ def run_several(make_parser: Callable[..., ArgumentParser], me: str, words: Sequ
 def watched(air: Air) -> AbstractContextManager[None]:
     from .watch import Watch, served_beside  # here: it is much
 
-    return served_beside(Watch(air.name, Path(air.record or air.folder / "recordings"), records=air.record is not None))
+    return served_beside(
+        Watch(air.name, Path(air.record or air.folder / "recordings"), records=True if air.record else None)
+    )
 
 
 def get_speed() -> float:

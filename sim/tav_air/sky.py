@@ -168,3 +168,10 @@ def record(air: str, seen: Seen, file: Path) -> str:
             return f"{file}: {wrong}"
         seen.recording = path
     return ""
+
+
+def stop_recording(air: str, seen: Seen) -> None:
+    """Until it is recorded again, or another program of the brick starts with a file to write."""
+    for program in seen.programs:
+        ask(air, program, b"stop recording")
+    seen.recording = ""

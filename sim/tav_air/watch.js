@@ -2,7 +2,7 @@
 // Bricks and their connections as a picture that moves. All names are put into text nodes.
 
 const QUIET = ["ok", "plain", "note", "unseen", "waiting"];
-const WIDTH = 150, HEIGHT = 46, TRAVEL = 700;
+const WIDTH = 150, HEIGHT = 46, TRAVEL = 700, MOST = 15;  // characters that fit
 const $ = name => document.getElementById(name);
 let air = {bricks: [], wrong: "", records: false}, chosen = "", places = new Map(), known = null;
 
@@ -14,12 +14,14 @@ function draw(tag, attributes, ...children) {
 }
 
 function words(text, attributes) {
-  return draw("text", attributes, text.length > 20 ? text.slice(0, 19) + "…" : text);
+  return draw("text", attributes, text.length > MOST ? text.slice(0, MOST - 1) + "…" : text);
 }
 
 async function order(what) {
+  document.body.setAttribute("aria-busy", "true");
   const answer = await fetch("order", {method: "POST", body: JSON.stringify({do: what, brick: chosen})});
   const {wrong} = await answer.json();
+  document.body.removeAttribute("aria-busy");
   hint(wrong);
 }
 
@@ -70,16 +72,17 @@ function show() {
       return button;
     }));
   $("record").setAttribute("aria-pressed", air.records);
+  $("record").textContent = air.records ? "stop recording" : "record";
   hint("");
 }
 
 function makeBrick(brick) {
   const {x, y} = places.get(brick.address), away = brick.state.includes("absent") || brick.state.includes("down");
+  const small = away ? "out of range" : brick.channels.length ? "channel " + brick.channels.join(", ") : "";
   const group = draw("g", {class: `brick${away ? " away" : ""}${brick.address === chosen ? " chosen" : ""}`, tabindex: 0, role: "button"},
     draw("title", {}, `${brick.name}, ${brick.address}`),
     draw("rect", {x: x - WIDTH / 2, y: y - HEIGHT / 2, width: WIDTH, height: HEIGHT, rx: 9}),
-    words(brick.name, {x, y: y - 2}),
-    words(away ? "out of range" : brick.channels.length ? "channel " + brick.channels.join(", ") : "", {class: "small", x, y: y + 15}));
+    words(brick.name, {x, y: y + (small ? -2 : 5)}), words(small, {class: "small", x, y: y + 15}));
   group.dataset.brick = brick.address;
   if (brick.recording) group.append(draw("circle", {class: "dot", cx: x + WIDTH / 2 - 12, cy: y - HEIGHT / 2 + 12, r: 4}));
   const choose = () => {
@@ -120,5 +123,5 @@ window.addEventListener("message", event => {
   if (event.origin !== location.origin || event.source !== window.frames[0]) return;
   HEARD[event.data.event](event.data.news);
 });
-$("record").addEventListener("click", () => order("record"));
+$("record").addEventListener("click", () => order(air.records ? "stop" : "record"));
 window.addEventListener("resize", show);

@@ -53,14 +53,15 @@ class Watch:
     air: str
     folder: Path  # where recordings go that are asked for here
     bricks: list[sky.Seen] = field(default_factory=list)
-    records: bool = False  # all that come, too
+    records: bool | None = None  # all bricks, those that come later, too; None: those that are, by whom it may be
     listeners: set["Listener"] = field(default_factory=set)
     lock: threading.Lock = field(default_factory=threading.Lock)
-    files: set[Path] = field(default_factory=set)  # of bricks that have gone, too
+    files: dict[str, Path] = field(default_factory=dict)  # of bricks that have gone, too, by address
     wrong: str = ""
 
     def __post_init__(self) -> None:
-        self.follower = Follower(lambda: sorted(self.files))
+        self.follower = Follower(lambda: sorted({*self.files.values()}))
+        self.is_anew = threading.Event()  # that recordings begin
         self.told = ""
         self.is_over = threading.Event()
         acts = self.look, self.read
@@ -69,10 +70,12 @@ class Watch:
     def look(self) -> None:
         """At the bricks."""
         bricks = sky.look(self.air)
-        for seen in bricks if self.records else []:
-            if not seen.recording:
+        for seen in bricks:
+            if self.records and not seen.recording and not self.is_anew.is_set():
                 self.record(seen)
-        self.files |= {Path(seen.recording) for seen in bricks if seen.recording}
+            if self.records is False and seen.recording:
+                sky.stop_recording(self.air, seen)
+        self.files |= {seen.address: Path(seen.recording) for seen in bricks if seen.recording}
         with self.lock:
             self.bricks = bricks
             state = self.describe()
@@ -83,8 +86,12 @@ class Watch:
     def read(self) -> None:
         """What is new in their recordings, as soon as it is there."""
         if not shutil.which("tshark"):
+            self.is_anew.clear()
             return
         while not self.is_over.is_set():
+            if self.is_anew.is_set():
+                self.follower.begin_anew()
+                self.is_anew.clear()
             if rows := self.follower.look(MOMENT):
                 with self.lock:
                     self.put("message", json.dumps(rows))
@@ -94,7 +101,7 @@ class Watch:
         bricks = [asdict(seen) | {"name": safe(seen.name), "programs": len(seen.programs)} for seen in self.bricks]
         hint = self.wrong or ("" if shutil.which("tshark") else "Messages are read by tshark, which is not installed.")
         return json.dumps(
-            {"bricks": bricks, "records": self.records, "wrong": safe(hint), "folder": safe(str(self.folder))}
+            {"bricks": bricks, "records": self.is_recording(), "wrong": safe(hint), "folder": safe(str(self.folder))}
         )
 
     def repeat(self, act: Callable[[], None]) -> None:
@@ -142,9 +149,14 @@ class Watch:
 
     # ---- What is told them ----
 
+    def is_recording(self) -> bool:
+        """All bricks."""
+        return bool(self.records or (self.bricks and all(seen.recording for seen in self.bricks)))
+
     def record(self, seen: sky.Seen) -> None:
+        """In the file that it had, if it was recorded before."""
         try:
-            file = make_record_folder(self.folder) / f"{get_id(seen.name)}.pcapng"
+            file = self.files.get(seen.address) or make_record_folder(self.folder) / f"{get_id(seen.name)}.pcapng"
         except Problem as problem:
             self.wrong = str(problem)
             return
@@ -152,8 +164,11 @@ class Watch:
 
     def do(self, what: str, address: str) -> str:
         """An order by click; what is wrong with it."""
-        if what == "record":
-            self.records = True
+        if what in ("record", "stop"):
+            if what == "record" and self.records is False:
+                self.is_anew.set()
+            self.records = what == "record"
+            self.wrong = ""
             return ""
         orders: dict[str, Callable[[str, sky.Seen], str | None]] = {
             "out": sky.out_of_range,
@@ -310,7 +325,7 @@ def list_lines(watch: Watch, rows: Sequence[Row], room: int) -> list[str]:
     """What a terminal shows: bricks above, the newest messages below."""
     names = {seen.address: seen.name for seen in watch.bricks}
     head = [f"Air {watch.air}: {len(watch.bricks)} brick{'' if len(watch.bricks) == 1 else 's'}"]
-    head[0] += "   (o: out of range, b: back, s: next send short; r: record; q: end)"
+    head[0] += "   (o: out of range, b: back, s: next send short; r: record, or stop that; q: end)"
     head += [describe_brick(seen, names) for seen in watch.bricks] or ["nobody is there yet"]
     head += [safe(watch.wrong)] if watch.wrong else []
     begin = rows[0]["time"] if rows else 0.0
@@ -335,7 +350,8 @@ def show(screen: "curses.window", watch: Watch) -> None:
         key = screen.getch()
         mark += (key == curses.KEY_DOWN) - (key == curses.KEY_UP)
         mark = max(0, min(mark, len(watch.bricks) - 1))
-        orders = {ord("o"): "out", ord("b"): "back", ord("s"): "short", ord("r"): "record"}
+        orders = {ord("o"): "out", ord("b"): "back", ord("s"): "short"}
+        orders[ord("r")] = "stop" if watch.is_recording() else "record"
         if key in orders:
             watch.wrong = watch.do(orders[key], watch.bricks[mark].address if watch.bricks else "")
         if key == ord("q"):
@@ -388,7 +404,7 @@ def served_beside(watch: Watch) -> Iterator[None]:
 def watch_air(make_parser: Callable[..., ArgumentParser], me: str, words: Sequence[str]) -> int:
     arguments = parse(make_parser, me, words)
     with tempfile.TemporaryDirectory(prefix="tav-watch-") as folder:
-        watch = Watch(arguments.air, arguments.record or Path(folder), records=arguments.record is not None)
+        watch = Watch(arguments.air, arguments.record or Path(folder), records=True if arguments.record else None)
         if arguments.terminal:
             if not sys.stdout.isatty():
                 raise Problem("--terminal needs a terminal")
