@@ -1,4 +1,5 @@
 // tavbt: TAV Bluetooth at the command line.
+#include "bluetooth/tav_version.h"
 #include "tools/tavbt/base/help.h"
 #include "tools/tavbt/base/options.h"
 #include "tools/tavbt/base/process.h"
@@ -32,6 +33,12 @@ constexpr const char* FOOTER = "Results go to stdout, all else to stderr. Exit c
                                "3 not found, 4 not connected, 5 timed out, 6 no adapter, 7 damaged input, "
                                "130 interrupted.";
 
+std::string Get_Version()
+{
+    return std::to_string(TAV_BLUETOOTH_MAJOR) + "." + std::to_string(TAV_BLUETOOTH_MINOR) + "." +
+           std::to_string(TAV_BLUETOOTH_PATCH);
+}
+
 // The command line as the parser wants it, the last word first. Of "--text=" it would take the next word for the value.
 std::vector<std::string> Get_Words(int count, const char* const* arguments)
 {
@@ -56,7 +63,7 @@ E_End Run(int count, const char* const* arguments)
     app.add_flag("-q,--quiet", Style().Quiet, "nothing on stderr but errors");
     app.add_flag_callback("--log", Show_Log,
                           "shows the module's debug log on stderr, or in the file that TAV_LOG names");
-    app.set_version_flag("--version", "tavbt " TAV_VERSION, "the version");
+    app.set_version_flag("--version", "tavbt " + Get_Version(), "the version");
     app.footer(FOOTER);
     for (const auto add_verb : VERBS)
         add_verb(app);

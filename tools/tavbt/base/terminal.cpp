@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <nlohmann/json.hpp>
 #include <sys/ioctl.h>
 #include <system_error>
 #include <unistd.h>

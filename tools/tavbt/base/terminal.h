@@ -7,7 +7,7 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <thread>

@@ -10,6 +10,7 @@
 #include "tools/tavbt/link/reasons.h"
 
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <strings.h>
 #include <unistd.h>
 

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 namespace tavbt {
 

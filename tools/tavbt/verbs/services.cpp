@@ -9,6 +9,7 @@
 #include "tools/tavbt/verbs/verbs.h"
 
 #include <memory>
+#include <nlohmann/json.hpp>
 
 namespace tavbt {
 
