@@ -374,7 +374,7 @@ class Analysis:
         if event is first:
             others = "the next message" if len(company) == 2 else f"the next {len(company) - 1} messages"
             words = f"{name} read only {duration(receive.time - event.time)} later, and got this and {others} at once, as if they were one. "
-            words += gets + ("" if is_text else " The rest is dropped.")
+            words += gets + (" What came behind is part of that text." if is_text else " The rest is dropped.")
             return "joined", f"{words} {ADVICE}"
         fate = "it ends up inside that text" if is_text else "the reader takes that one and drops this"
         if not gets.startswith("ReadMsg"):

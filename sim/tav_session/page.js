@@ -147,7 +147,7 @@ function arrange() {
   heights = new Float64Array(shown.length);
   let sum = 0;
   shown.forEach((row, i) => {
-    const lines = Math.min(6, Math.ceil(((row.says || "").length + (isTrouble(row) ? 10 : 0)) / perLine) + LONG_WORD.test(row.says || ""));
+    const lines = Math.min(16, Math.ceil(((row.says || "").length + (isTrouble(row) ? 10 : 0)) / perLine) + LONG_WORD.test(row.says || ""));
     heights[i] = Math.max(i && row.time - shown[i - 1].time >= PAUSE ? LOW + 14 : LOW, 12 + LINE * lines);
     sum += heights[i];
   });
