@@ -289,7 +289,7 @@ class Reader:
     def take(self, row: dict[str, str], messages: list[Message]) -> None:
         comment = parse_comment(row["comment"])
         if last(row["event"]) == COMPLETE and row["event_address"]:
-            if self.address and self.has_calls:  # another section
+            if self.number and self.has_calls:  # another section, after one in which something happened
                 self.add(row, "start")
             self.address = row["event_address"]
         elif row["event_address"] and row["event_name"]:
