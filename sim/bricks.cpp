@@ -2,7 +2,6 @@
 #include "sim/internals.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <ctime>
 #include <sstream>
 #include <unistd.h>
@@ -120,10 +119,8 @@ std::string Get_Address(const std::string& name)
     std::uint32_t hash = 2166136261U;  // FNV-1a
     for (const char character : name)
         hash = (hash ^ static_cast<unsigned char>(character)) * 16777619U;
-    char text[ADDRESS_SIZE + 1] = {};
-    snprintf(text, sizeof(text), "02:00:%02X:%02X:%02X:%02X", hash >> 24, hash >> 16 & 0xFF, hash >> 8 & 0xFF,
-             hash & 0xFF);
-    return text;
+    const auto byte = [&](int shift) { return static_cast<std::uint8_t>(hash >> shift); };
+    return Get_Text({{byte(0), byte(8), byte(16), byte(24), 0, 2}});  // the last byte comes first
 }
 
 bool Enter(const std::string& air, double speed, bool isShared)

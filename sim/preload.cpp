@@ -21,13 +21,6 @@ std::string Get_Variable(const char* name, const std::string& byDefault = "")
     return value ? value : byDefault;
 }
 
-// The address as it is written everywhere; empty when it is none.
-std::string Get_Canonical(const std::string& text)
-{
-    bdaddr_t address{};
-    return str2ba(text.c_str(), &address) < 0 ? "" : tav_air::Get_Text(address);
-}
-
 // NAME[|DESCRIPTION[|PROVIDER]]=CHANNEL, one a line.
 std::vector<tav_air::S_Service> Parse_Services(const std::string& text)
 {
@@ -73,8 +66,9 @@ __attribute__((constructor)) void Start()
     brick.Name = Get_Variable("TAV_AIR_BRICK");
     if (brick.Name.size() > 248) Refuse("TAV_AIR_BRICK", "a name has at most 248 bytes");
     const std::string address = Get_Variable("TAV_AIR_ADDRESS", tav_air::Get_Address(brick.Name));
-    brick.Address = Get_Canonical(address);
-    if (brick.Address.empty()) Refuse("TAV_AIR_ADDRESS", "'" + address + "' is not an address like 02:00:00:00:00:01");
+    brick.Address = tav_air::Get_Text(tav_air::Get_Binary(address));  // as it is written everywhere
+    if (bachk(address.c_str()) < 0)
+        Refuse("TAV_AIR_ADDRESS", "'" + address + "' is not an address like 02:00:00:00:00:01");
     brick.Services = Parse_Services(Get_Variable("TAV_AIR_SERVICES"));
     const std::string word = tav_air::Set_State(brick, Get_Variable("TAV_AIR_STATE"));
     if (!word.empty()) Refuse("TAV_AIR_STATE", "'" + word + "' is none of down, absent, hidden, nameless, no-sdp");
