@@ -135,8 +135,7 @@ void End_Lost(S_OpenSocket& socket, int error)
     socket.Far = C_Own();
 }
 
-template <typename ACTION>
-void For_All(const std::string& address, E_State state, ACTION action)
+void For_All(const std::string& address, E_State state, void (*action)(S_OpenSocket&))
 {
     std::set<SocketPointer> sockets;
     for (const auto& known : State().Sockets)

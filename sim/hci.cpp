@@ -117,10 +117,9 @@ void Send_Event(const SocketPointer& socket, std::uint8_t event, const std::stri
                 Clock::duration after = Clock::duration::zero())
 {
     const bool isAnswer = event == EVT_CMD_COMPLETE || event == EVT_CMD_STATUS;
-    const hci_filter& filter = socket->Filter;
-    const std::uint64_t events = filter.event_mask[0] | static_cast<std::uint64_t>(filter.event_mask[1]) << 32U;
-    if ((filter.type_mask >> HCI_EVENT_PKT & 1U) == 0 || (events >> (event & HCI_FLT_EVENT_BITS) & 1U) == 0) return;
-    if (isAnswer && filter.opcode != 0 && filter.opcode != opcode) return;
+    hci_filter filter = socket->Filter;
+    if (!hci_filter_test_ptype(HCI_EVENT_PKT, &filter) || !hci_filter_test_event(event, &filter)) return;
+    if (isAnswer && filter.opcode != 0 && !hci_filter_test_opcode(opcode, &filter)) return;
     const std::string header = {HCI_EVENT_PKT, static_cast<char>(event), static_cast<char>(parameters.size())};
     Send_Later(socket, header + parameters, after);
 }
