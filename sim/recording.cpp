@@ -177,6 +177,15 @@ void Add_Packet(std::string& blocks, std::int64_t time, bool received, Pieces pi
     memcpy(blocks.data() + start + 4, &total, sizeof(total));
 }
 
+// One packet, of now.
+void Write_Packet(bool received, const std::string& packet, const std::string& comment)
+{
+    if (g_File < 0) return;
+    std::string blocks;
+    Add_Packet(blocks, Get_RecordTime(), received, {packet}, comment);
+    Write(blocks);
+}
+
 // A child writes through an open file of its own, so that it is another of the brick's programs. Each of them holds a
 // byte of the file, which the kernel gives back at its end. False, with errno, when there is no such file.
 bool Open_File()
@@ -408,31 +417,22 @@ void Stop_Recording()
 
 void Record_Note(const std::string& text)
 {
-    if (g_File < 0) return;
-    std::string blocks;
-    Add_Packet(blocks, Get_RecordTime(), true, {Make_Event(EVT_VENDOR, text)}, text);
-    Write(blocks);
+    Write_Packet(true, Make_Event(EVT_VENDOR, text), text);
 }
 
 void Record_Call(const S_Socket& socket)
 {
-    if (g_File < 0) return;
     std::string packet{HCI_COMMAND_PKT};
     Add(packet, cmd_opcode_pack(OGF_LINK_CTL, OCF_CREATE_CONN));
     Add(packet, std::uint8_t{CREATE_CONN_CP_SIZE});
     packet += Bytes_Of(create_conn_cp{Get_Binary(socket.Peer), 0xCC18, 2, 0, 0, 1});
-    std::string blocks;
-    Add_Packet(blocks, Get_RecordTime(), false, {packet}, Describe_Connect(socket));
-    Write(blocks);
+    Write_Packet(false, packet, Describe_Connect(socket));
 }
 
 void Record_Failure(const S_Socket& socket, int error)
 {
-    if (g_File < 0) return;
     const std::uint8_t status = error == EHOSTDOWN ? PAGE_TIMED_OUT : error == EMLINK ? LIMIT_EXCEEDED : UNSPECIFIED;
-    std::string blocks;
-    Add_Packet(blocks, Get_RecordTime(), true, {Make_Connected(socket, status)}, Describe_Connect(socket, error));
-    Write(blocks);
+    Write_Packet(true, Make_Connected(socket, status), Describe_Connect(socket, error));
 }
 
 void Record_Connection(S_OpenSocket& socket, std::int64_t time, int error)
@@ -478,15 +478,12 @@ void Record_Transfer(int fd, bool received, std::int64_t time, std::string_view 
 
 void Record_End(const S_OpenSocket& socket, int error)
 {
-    if (g_File < 0 || socket.Handle == 0) return;
+    if (socket.Handle == 0) return;
     const bool received = error != 0;
     const bool isLost = received && error != ECONNRESET;
     const std::uint8_t reason = error == ETIMEDOUT ? TIMED_OUT : ENDED_BY_LOCAL_HOST;
-    std::string blocks;
-    Add_Packet(blocks, Get_RecordTime(), received,
-               {isLost ? Make_Disconnected(socket, reason) : Make_Farewell(socket, received)},
-               error ? Explain("end", error) : "");
-    Write(blocks);
+    Write_Packet(received, isLost ? Make_Disconnected(socket, reason) : Make_Farewell(socket, received),
+                 error ? Explain("end", error) : "");
 }
 
 void Record_Leave(const S_OpenSocket& socket, bool isUp)
@@ -496,11 +493,9 @@ void Record_Leave(const S_OpenSocket& socket, bool isUp)
 
 void Record_Close(const S_OpenSocket& socket, bool isUp)
 {
-    if (g_File < 0 || socket.Handle == 0 || socket.Forked) return;  // a child's goes on
+    if (socket.Handle == 0 || socket.Forked) return;  // a child's goes on
     Record_Leave(socket, isUp);
-    std::string blocks;
-    Add_Packet(blocks, Get_RecordTime(), true, {Make_Disconnected(socket, ENDED_BY_LOCAL_HOST)}, "close");
-    Write(blocks);
+    Write_Packet(true, Make_Disconnected(socket, ENDED_BY_LOCAL_HOST), "close");
     Give_Back(socket.Handle);
 }
 
