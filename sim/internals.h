@@ -129,10 +129,9 @@ public:
     C_Own() = default;
     explicit C_Own(int fd);  // takes it, and gives it such a number
     C_Own(C_Own&& other) noexcept : m_Fd(std::exchange(other.m_Fd, -1)) {}
-    C_Own& operator=(C_Own&& other) noexcept
+    C_Own& operator=(C_Own other) noexcept
     {
-        const C_Own old(std::move(*this));
-        m_Fd = std::exchange(other.m_Fd, -1);
+        std::swap(m_Fd, other.m_Fd);
         return *this;
     }
     ~C_Own();
