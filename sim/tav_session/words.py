@@ -27,7 +27,7 @@ ERRORS = {
         "lost",
         "{brick} has no connection to {peer}: nothing is sent until it disconnects, and connects anew",
     ),
-    "ECONNABORTED": ("gone", "the adapter of {brick} was switched off"),
+    "ECONNABORTED": ("lost", "the adapter of {brick} was switched off"),
     "EHOSTUNREACH": ("refused", "no adapter of {brick} reaches {peer}, or {peer} is this brick itself"),
     "EBUSY": (
         "refused",
