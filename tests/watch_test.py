@@ -29,7 +29,10 @@ class Page:
 
     def __init__(self, *words: str) -> None:
         self.program = subprocess.Popen(
-            [sys.executable, ROOT / "sim" / "tav-air", *words], stderr=subprocess.PIPE, text=True
+            [sys.executable, ROOT / "sim" / "tav-air", *words],
+            stderr=subprocess.PIPE,
+            text=True,
+            start_new_session=True,
         )
         assert self.program.stderr
         said = self.program.stderr.readline()
@@ -38,8 +41,11 @@ class Page:
         self.host, self.way = match.groups()
 
     def close(self) -> None:
+        """Nothing that it started is left."""
         self.program.terminate()
         self.program.communicate(timeout=PATIENCE)
+        with pytest.raises(ProcessLookupError):
+            os.killpg(self.program.pid, 0)
 
     def ask(self, what: str = "", body: str | None = None, method: str = "GET", **headers: str) -> tuple[int, str]:
         connection = http.client.HTTPConnection(self.host, timeout=PATIENCE)
