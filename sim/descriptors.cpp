@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <unistd.h>
-#include <vector>
 
 namespace tav_air {
 

@@ -5,7 +5,6 @@
 #include <bluetooth/hci_lib.h>
 #include <bluetooth/l2cap.h>
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
 #include <iterator>
 #include <sstream>

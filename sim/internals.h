@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>

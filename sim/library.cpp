@@ -4,7 +4,6 @@
 #include <bluetooth/hci_lib.h>
 #include <bluetooth/sdp.h>
 #include <bluetooth/sdp_lib.h>
-#include <cerrno>
 
 using namespace tav_air;
 

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <bluetooth/sdp.h>
 #include <bluetooth/sdp_lib.h>
-#include <cstdlib>
 
 namespace tav_air {
 

@@ -5,7 +5,6 @@
 #include <bluetooth/l2cap.h>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
