@@ -297,6 +297,17 @@ def test_it_follows_recordings(air: Air) -> None:
         follow_until(follower, lambda rows: any(row.get("id") == "c" for row in rows))
 
 
+def test_it_follows_captures_of_btmon(air: Air, tmp_path: Path) -> None:
+    pair = Pair(air)
+    file = tmp_path / "Robot1.btsnoop"
+    with Follower(lambda: [file]) as follower:
+        for count in 1, 2:
+            pair.send(text("a", "one"))
+            subprocess.run(["editcap", "-F", "btsnoop", pair.one.file, tmp_path / "new"], check=True)
+            (tmp_path / "new").replace(file)
+            follow_until(follower, lambda rows: sum("reads" in row for row in rows) == count)
+
+
 def test_long_sessions_are_followed_as_short_ones(air: Air, monkeypatch: pytest.MonkeyPatch) -> None:
     """What is told is left out of later looks, and nothing that is told changes by that."""
     monkeypatch.setattr(follow, "MANY", 1)

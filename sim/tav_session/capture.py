@@ -454,10 +454,13 @@ def merge(files: list[Path], folder: str) -> list[Path]:
 
 def read(files: Iterable[Path]) -> Session:
     names: dict[str, str] = {}
+    return join(read_captures(files, names), names)
+
+
+def read_captures(files: Iterable[Path], names: dict[str, str]) -> list[Reader]:
     with TemporaryDirectory(prefix="tav-") as folder:
         os.chmod(folder, 0o755)
-        readers = [reader for file in merge([*files], folder) for reader in read_capture(file, names, folder)]
-    return join(readers, names)
+        return [reader for file in merge([*files], folder) for reader in read_capture(file, names, folder)]
 
 
 def join(readers: list[Reader], names: dict[str, str]) -> Session:

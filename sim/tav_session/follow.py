@@ -19,12 +19,13 @@ from tav_air.process import Problem
 
 from .analysis import Analysis, Row, received_by, sent_by
 from .capture import Event, Link, Message, Reader, Session, finish, is_recording, join, read_frames
-from .capture import start_tshark, take_frame
+from .capture import read_captures, start_tshark, take_frame
 
 PAUSE = 0.05  # s, between looks at files
 CHUNK = 1 << 16  # bytes that are read at once
 INTERFACE, PACKET = 1, 6  # blocks of pcapng
 SMALLEST = 12  # of its blocks
+PIPED = (b"\n\r\r\n", b"\xd4\xc3\xb2\xa1", b"\x4d\x3c\xb2\xa1")  # what pcapng and pcap begin with
 SECTION = struct.pack("<IIIHHqI", 0x0A0D0D0A, 28, 0x1A2B3C4D, 1, 0, -1, 28)  # what they all begin with
 MANY = 1000  # events, of which those are left out that are told and done
 LONG = 30.0  # s, after which nothing more comes of what stands alone
@@ -197,6 +198,11 @@ def settled(link: Link, other: Link) -> list[Event]:
     return [*sent[: bisect_right(ends[0], last)], *received[: bisect_right(ends[1], last)]]
 
 
+def begins(file: Path, heads: Sequence[bytes]) -> bool:
+    with file.open("rb") as stream:
+        return stream.read(4) in heads
+
+
 class Follower:
     """Tells which rows are new, or not what they were. To be closed, and used by one thread, which outlives its use."""
 
@@ -208,6 +214,8 @@ class Follower:
         self.names: dict[str, str] = {}  # by address
         self.streams: dict[Path, Stream] = {}
         self.begin: dict[Path, int] = {}
+        self.sizes: dict[Path, int] = {}
+        self.others: dict[Path, list[Reader]] = {}
         self.has_news = threading.Event()
         self.removed: list[Row] = []
 
@@ -220,6 +228,7 @@ class Follower:
     def close(self) -> None:
         while self.streams:
             self.streams.popitem()[1].close()
+        self.others = {}
 
     def begin_anew(self) -> None:
         """With what comes from now on; all rows are removed."""
@@ -231,29 +240,35 @@ class Follower:
 
     def look(self, timeout: float = 0) -> list[Row]:
         """Waits so long for something new."""
-        for file in self.find():
-            self.take_up(file)
+        has_grown = any([self.take_up(file) for file in self.find()])
         if self.has_news.wait(timeout):
             time.sleep(PAUSE)  # the other side of it
             self.has_news.clear()
         removed, self.removed = self.removed, []
-        if any([stream.take(self.names) for stream in self.streams.values()]):
+        if any([stream.take(self.names) for stream in self.streams.values()]) or has_grown:
             return removed + self.tell()
         for stream in self.streams.values():
             if stream.problem:
                 raise stream.problem
         return removed
 
-    def take_up(self, file: Path) -> None:
+    def take_up(self, file: Path) -> bool:
+        """Whether it was read here, and anew: tshark takes no captures of btmon's but whole files."""
         if any(file in stream.files for stream in self.streams.values()):
-            return
-        if not file.is_file() or not file.stat().st_size:
-            return  # it is still to come
-        if not is_recording(file):
+            return False
+        size = file.stat().st_size if file.is_file() else 0
+        if not size or size == self.sizes.get(file):
+            return False
+        if is_recording(file):
+            recordings = self.stream(Path("recordings"), SECTION).files
+            recordings[file] = Recording(file, self.begin.get(file, 0), len(recordings))
+        elif begins(file, PIPED):
             self.stream(file).files[file] = File(file)
-            return
-        recordings = self.stream(Path("recordings"), SECTION).files
-        recordings[file] = Recording(file, self.begin.get(file, 0), len(recordings))
+        else:
+            self.sizes[file] = size
+            self.others[file] = read_captures([file], self.names)
+            return True
+        return False
 
     def stream(self, name: Path, begin: bytes = b"") -> Stream:
         if name not in self.streams:
@@ -276,7 +291,8 @@ class Follower:
         return [*news, *({"key": key, "removed": True} for key in gone)]
 
     def readers(self) -> list[Reader]:
-        return [reader for stream in self.streams.values() for reader in stream.readers.values()]
+        followed = [reader for stream in self.streams.values() for reader in stream.readers.values()]
+        return followed + [reader for readers in self.others.values() for reader in readers]
 
     def list_done(self, peers: dict[Link, Link]) -> set[Event]:
         """Events of which nothing new can be said, when there are many: looks take no longer later than at first."""
