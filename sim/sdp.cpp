@@ -85,9 +85,9 @@ void Fill_Record(S_Record& record, const S_Service& service)
     attributes[SDP_ATTR_RECORD_HANDLE] = "\x0A" + Number(record.Handle, 4);
     attributes[SDP_ATTR_SVCLASS_ID_LIST] = Sequence(uuid(SERIAL_PORT_SVCLASS_ID));
     if (service.Id != 0) attributes[SDP_ATTR_SERVICE_ID] = uuid(service.Id);
-    std::string protocols = Sequence(uuid(L2CAP_UUID));
+    std::string protocols = service.Channel >= 0 ? Sequence(uuid(L2CAP_UUID)) : "";
     if (service.Channel > 0) protocols += Sequence(uuid(RFCOMM_UUID) + "\x08" + static_cast<char>(service.Channel));
-    if (service.Channel >= 0) attributes[SDP_ATTR_PROTO_DESC_LIST] = Sequence(protocols);
+    if (!protocols.empty()) attributes[SDP_ATTR_PROTO_DESC_LIST] = Sequence(protocols);
     attributes[SDP_ATTR_BROWSE_GRP_LIST] = Sequence(uuid(PUBLIC_BROWSE_GROUP));
     attributes[SDP_ATTR_PFILE_DESC_LIST] = Sequence(Sequence(uuid(SERIAL_PORT_PROFILE_ID) + "\x09" + Number(0x0100)));
     const std::pair<std::size_t, std::string> texts[] = {{SDP_ATTR_SVCNAME_PRIMARY, service.Name},
