@@ -1,6 +1,9 @@
 // Inquiry with its file, and the service query.
 #include "tests/on_air.h"
 
+#include <bluetooth/sdp.h>
+#include <bluetooth/sdp_lib.h>
+
 using namespace tav_c_api_impl;
 using Lines = std::vector<std::string>;
 
@@ -151,6 +154,25 @@ TEST_F(Services, SummariesOfAllRecords)
     EXPECT_FALSE(m_One.Convert_UUID_to_String(&odd, text)) << "of no kind";
     EXPECT_EQ(text, "before");
     EXPECT_EQ(port, 16);
+}
+
+// By what a record mentions, and by no protocol that it does not list.
+TEST_F(Services, SearchesFindWhatIsMentioned)
+{
+    bdaddr_t any{}, robot2{};
+    str2ba(ROBOT2, &robot2);
+    sdp_session_t* const session = sdp_connect(&any, &robot2, 0);
+    ASSERT_NE(session, nullptr);
+    const std::pair<std::uint16_t, int> COUNTS[] = {{PUBLIC_BROWSE_GROUP, 4}, {L2CAP_UUID, 3}, {RFCOMM_UUID, 2}};
+    for (const auto& [number, count] : COUNTS) {
+        uuid_t uuid{};
+        sdp_list_t *found = nullptr, *search = sdp_list_append(nullptr, sdp_uuid16_create(&uuid, number));
+        EXPECT_EQ(sdp_service_search_req(session, search, 99, &found), 0);
+        EXPECT_EQ(sdp_list_len(found), count) << number;
+        sdp_list_free(search, nullptr);
+        sdp_list_free(found, free);
+    }
+    sdp_close(session);
 }
 
 TEST_F(Services, QueryLooksInListThenFileThenAir)
