@@ -250,13 +250,14 @@ def test_a_connection_that_was_over_is_accepted_by_nobody(frames: tuple[str, ...
 
 def test_a_refused_connection_does_not_look_like_a_success(air: Air) -> None:
     two = Robot(air, "Robot2")
-    two.do("pass")
-    Robot(air, "Robot1").do("rfcomm().connect(('02:00:00:00:00:02', 5))")
-    row = next(row for row in rows_of(two.file.parent) if row["what"] == "connect")
-    assert (row["state"], row["to"]) == ("refused", "Robot2")
-    assert (
-        "no program on it listens on channel 5, yet or at all. Connect may return a socket all the same" in row["says"]
-    )
+    one = Robot(air, "Robot1")
+    for line in "pass", "s = listen(1)", "t = listen(16)":
+        two.do(line)
+        one.do("rfcomm().connect(('02:00:00:00:00:02', 16))")
+    rows = [row for row in rows_of(two.file.parent) if row["what"] == "connect" and row["from"] == "Robot1"]
+    assert [(row["state"], row["to"]) for row in rows] == [("refused", "Robot2")] * 2 + [("lost", "Robot2")]
+    assert "all the same: then the first message fails. Disconnect, wait a second, try again." in rows[0]["says"]
+    assert "listens on channel 16. It listens on channel 1: both need" in rows[1]["says"]
 
 
 def follow_until(follower: Follower, fits: Callable[[list[dict[str, Any]]], object]) -> list[dict[str, Any]]:

@@ -1,5 +1,6 @@
 """Says of each message what became of it: matches what one side of a connection sent with what the other one received."""
 
+import re
 from bisect import bisect_right
 from collections.abc import Sequence
 from dataclasses import dataclass, field
@@ -29,6 +30,7 @@ ADVICE = "Send one message, and wait for its answer before the next."
 SPOILS = "The rest waits, and spoils the next read."
 SMALL = "Keep messages below 1000 bytes."
 MORE = "Let the reader ask for more at once."
+RETURNS = "Connect may return a socket all the same: then the first message fails"
 Row = dict[str, Any]
 
 
@@ -183,8 +185,10 @@ class Analysis:
             return None  # it is in the row of the one that called
         if event.what == "failed":
             state, words = explain(event.error, event.brick, event.peer, event.channel)
-            if event.error in ("ECONNREFUSED", "EHOSTDOWN"):
-                words += ". Connect may return a socket all the same: then the first message fails. Disconnect, wait a second, try again"
+            if event.error == "ECONNREFUSED":
+                words += self.refused_words(event)
+            elif event.error == "EHOSTDOWN":
+                words += f". {RETURNS}"
             return self.plain(event, "connect", state, f"connect fails: {event.error}", sentence(words))
         title = f"connected to channel {event.channel}" if event.what == "connected" else "accepted"
         says = ""
@@ -196,6 +200,13 @@ class Analysis:
             row["from"], row["to"] = row["to"], row["from"]
             row["title"] += f" on channel {event.channel}"
         return row
+
+    def refused_words(self, event: Event) -> str:
+        notes = self.notes(event.peer, event.time, r"listen on channel (\d+)")
+        others = list(dict.fromkeys(note[1] for note in notes))
+        if not others or str(event.channel) in others:
+            return f". {RETURNS}. Disconnect, wait a second, try again"
+        return f". It listens on channel {' and '.join(others)}: both need the same format, classic on channel 1, named on 16. {RETURNS}"
 
     def end_row(self, event: Event) -> Row | None:
         link = event.link
@@ -325,7 +336,8 @@ class Analysis:
             return "damaged", reader_gets(event.messages, event.data)
         if is_short:
             sentence = f"Only {len(event.data)} of its {count(event.asked, 'byte')} left {safe(event.brick)}: the rest never comes, and the operation returned false. "
-            return "cut", sentence + reader_gets(event.messages, event.data)
+            again = " After that, disconnect, connect anew, and send it again."
+            return "cut", sentence + reader_gets(event.messages, event.data) + again
         if len(parts) > 1:
             pieces = " and ".join(str(part.size) for part in parts[:4]) + (" ..." if len(parts) > 4 else "")
             return "cut", self.cut_words(event, parts, pieces)
@@ -393,7 +405,8 @@ class Analysis:
             words = f"{safe(event.brick)} sent it under the name {quoted(first.sender, 40)}: a reader that expects {own} fails, and the message is lost. "
             return (
                 "sender",
-                words + f"Only {call_of(first)} takes it. Messages bear the adapter's name, or TAV_BRICK_NAME.",
+                words
+                + f"Only {call_of(first)} takes it. A program writes its adapter's name into messages, or what the environment variable TAV_BRICK_NAME says.",
             )
         return ("damaged" if first.found("damaged") else "ok"), gets
 
@@ -419,11 +432,15 @@ class Analysis:
         return f"{name} had not read it when the recording ended", False
 
     def is_silent(self, brick: str, time: float) -> bool:
-        notes = [
+        notes = self.notes(brick, time, "(out of range|in range)")
+        return [note[1] for note in notes[-1:]] == ["out of range"]
+
+    def notes(self, brick: str, time: float, form: str) -> list[re.Match[str]]:
+        """What it had noted by then of such a form."""
+        texts = [
             one.text for one in self.session.events if one.what == "note" and one.brick == brick and one.time <= time
         ]
-        notes = [text for text in notes if text in ("out of range", "in range")]
-        return notes[-1:] == ["out of range"]
+        return [found for text in texts if (found := re.fullmatch(form, text))]
 
     def receive_row(self, event: Event) -> Row | None:
         if self.is_folded(event):

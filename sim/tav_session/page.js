@@ -93,7 +93,7 @@ function listChoices() {
   const last = rows.length ? rows[rows.length - 1].time - begin : 0;
   const words = !messages ? "No message was sent" : `${arrived} of ${messages} message${messages === 1 ? "" : "s"} arrived as sent`;
   const when = rows.length ? `, in ${seconds(last)} from ${new Date(begin * 1000).toISOString().slice(0, 19).replace("T", " ")} UTC` : "";
-  const hint = messages && arrived === messages ? ". A program that did not get one reads with another sender, kind or id than is said here." : "";
+  const hint = messages && arrived === messages ? ". Does a program miss one? Compare the sender, kind and id that it reads with those here." : "";
   $("summary").replaceChildren(make("b", {textContent: words}), when + hint);
 }
 

@@ -18,7 +18,7 @@ PLAIN = {  # what it says, for those who look at a page
 ERRORS = {
     "ECONNREFUSED": (
         "refused",
-        "{peer} is there, but refuses: no program on it listens on channel {channel}, yet or at all",
+        "{peer} is there, but refuses: no program on it listens on channel {channel}",
     ),
     "EHOSTDOWN": ("gone", "{peer} does not answer: it is switched off, out of range, or has another address"),
     "ETIMEDOUT": ("gone", "{peer} fell silent: it was switched off, or is out of range"),
