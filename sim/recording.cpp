@@ -148,6 +148,24 @@ void Add_Block(std::string& blocks, std::uint32_t type, std::string_view body, s
     Add(blocks, size);
 }
 
+// The begin of what programs of a brick write at the same time.
+void Add_Section(std::string& blocks, const std::string& brick)
+{
+    std::string section, interface, options;
+    Add(section, std::uint32_t{0x1A2B3C4D});
+    Add(section, std::uint32_t{1});  // version 1.0
+    Add(section, std::int64_t{-1});  // of any length
+    Add_Option(options, 4, "tav-air");
+    Add_Block(blocks, 0x0A0D0D0A, section, options);
+    Add(interface, std::uint32_t{201});  // Bluetooth HCI H4 with a word before it for the direction
+    Add(interface, std::uint32_t{0});    // without a limit
+    options.clear();
+    Add_Option(options, 2, brick);
+    Add_Option(options, 3, "simulated air, a frame for each call");  // what radio sends may be in other frames
+    Add_Option(options, 9, "\x09");                                  // nanoseconds
+    Add_Block(blocks, 1, interface, options);
+}
+
 using Pieces = std::initializer_list<std::string_view>;
 
 // A packet in one piece after the other.
@@ -186,18 +204,28 @@ void Write_Packet(bool received, const std::string& packet, const std::string& c
     Write(blocks);
 }
 
-// A child writes through an open file of its own, so that it is another of the brick's programs. Each of them holds a
-// byte of the file, which the kernel gives back at its end. False, with errno, when there is no such file.
+// A child writes through an open file of its own, so that it is another of the brick's programs. False, with errno,
+// when there is no such file.
 bool Open_File()
 {
     Set_File(C_Own(open(g_Path->c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666)));
-    if (g_File < 0) return false;
+    return g_File >= 0;
+}
+
+// Each program holds a byte of the file, which the kernel gives back at its end; while it begins, also the one behind
+// those of all. True if that is so, or could be.
+bool Lock_File(int command, short type, off_t start, off_t size = 1)
+{
+    struct flock lock = {type, SEEK_SET, start, size, 0};
+    return Real().Fcntl(g_File, command, &lock) == 0 && (command != F_OFD_GETLK || lock.l_type == F_UNLCK);
+}
+
+void Take_Number()
+{
     g_Handles.reset();
-    for (g_Program = 0; g_Program < PROGRAMS - 1; ++g_Program) {
-        struct flock mine = {F_WRLCK, SEEK_SET, g_Program, 1, 0};
-        if (Real().Fcntl(g_File, F_OFD_SETLK, &mine) == 0) break;
-    }
-    return true;
+    g_Program = 0;
+    while (g_Program < PROGRAMS - 1 && !Lock_File(F_OFD_SETLK, F_WRLCK, g_Program))
+        ++g_Program;
 }
 
 __attribute__((constructor(101))) void Watch_Forks()  // before the air does, which holds its lock while we take ours
@@ -208,7 +236,7 @@ __attribute__((constructor(101))) void Watch_Forks()  // before the air does, wh
                        sem_init(&g_IsPending, 0, 0);
                        g_HasThread = false;
                        Get_Pending().clear();  // the parent writes it
-                       if (Get_File() >= 0) Open_File();
+                       if (Get_File() >= 0 && Open_File()) Take_Number();
                        g_Mutex.unlock();
                    });
 }
@@ -378,20 +406,11 @@ std::pair<std::string, int> Start_Recording(const std::string& path, const S_Bri
     if (Get_File() >= 0 || path.empty()) return {g_File < 0 ? "" : *g_Path, 0};
     delete std::exchange(g_Path, new std::string(path));
     if (!Open_File()) return {path, errno};
-    std::string section, interface, blocks;
-    Add(section, std::uint32_t{0x1A2B3C4D});
-    Add(section, std::uint32_t{1});  // version 1.0
-    Add(section, std::int64_t{-1});  // of any length
-    std::string options;
-    Add_Option(options, 4, "tav-air");
-    Add_Block(blocks, 0x0A0D0D0A, section, options);
-    Add(interface, std::uint32_t{201});  // Bluetooth HCI H4 with a word before it for the direction
-    Add(interface, std::uint32_t{0});    // without a limit
-    options.clear();
-    Add_Option(options, 2, brick.Name);
-    Add_Option(options, 3, "simulated air, a frame for each call");  // what radio sends may be in other frames
-    Add_Option(options, 9, "\x09");                                  // nanoseconds
-    Add_Block(blocks, 1, interface, options);
+    Lock_File(F_OFD_SETLKW, F_WRLCK, PROGRAMS);
+    Take_Number();
+    std::string blocks;
+    // Newer Wiresharks take the interface of each section for another adapter, which knows no connections of before.
+    if (Lock_File(F_OFD_GETLK, F_WRLCK, 0, PROGRAMS)) Add_Section(blocks, brick.Name);
     const std::int64_t now = Get_RecordTime();
     std::string name = brick.Name;
     name.resize(HCI_MAX_NAME_LENGTH);
@@ -400,6 +419,7 @@ std::pair<std::string, int> Start_Recording(const std::string& path, const S_Bri
     Add_Packet(blocks, now, true, {Make_CommandComplete(OGF_HOST_CTL, OCF_READ_LOCAL_NAME, name)});
     Get_Pending() = blocks;  // what is still there was for a file that was deleted
     Flush();
+    if (g_File >= 0) Lock_File(F_OFD_SETLK, F_UNLCK, PROGRAMS);
     lock.unlock();
     for (const auto& [fd, socket] : State().Sockets)
         socket->Handle = 0;
