@@ -27,7 +27,7 @@ from radio import H4_ACL, H4_EVENT, PB_START, Trace  # noqa: E402
 
 PROGRAM = ROOT / "sim" / "tav-session"
 TAVBT = Path(os.environ["TAV_BUILD"]) / "tools" / "tavbt" / "tavbt"
-HOSTILE = "<script>document.title='run'</script><img src=x onerror=\"document.title='run'\">&amp;\u202eabc\u2066"
+HOSTILE = "<script>document.title='run'</script><img src=x onerror=\"document.title='run'\">&amp;\u202eabc\u2066\uffff"
 LONG_ID = "i" * 1000
 PATIENCE = 120  # s, for what takes one or two on a quiet machine
 

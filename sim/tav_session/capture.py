@@ -48,6 +48,7 @@ COLUMNS = {
     "own_name": "bthci_evt.device_name",
 }
 OURS = ("tav", "tav_classic")  # protocols
+NO_XML = re.compile("\ufffe|\uffff".encode())  # which tshark writes; the bytes are there in hexadecimal, too
 BLOCK = 1 << 16  # bytes that are read at once
 WANTED = "btrfcomm.dlci > 1 or bthci_evt.code in {3, 5, 7, 14} or bthci_cmd.opcode == 0x0405 or frame.comment"
 
@@ -206,6 +207,7 @@ def read_messages(stream: IO[bytes]) -> Iterator[list[Message]]:
     while block := os.read(stream.fileno(), BLOCK):
         *packets, rest = (rest + block).split(b"</packet>")
         for packet in packets:
+            packet = NO_XML.sub("\N{REPLACEMENT CHARACTER}".encode(), packet)
             at = packet.find(b'<proto name="tav')
             tree = ElementTree.fromstring(b"<packet>" + (packet[at:] if at >= 0 else b"") + b"</packet>")
             yield [take_message(proto) for proto in tree if proto.get("name") in OURS]

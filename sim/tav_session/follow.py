@@ -244,13 +244,13 @@ class Follower:
         if self.has_news.wait(timeout):
             time.sleep(PAUSE)  # the other side of it
             self.has_news.clear()
-        removed, self.removed = self.removed, []
-        if any([stream.take(self.names) for stream in self.streams.values()]) or has_grown:
-            return removed + self.tell()
-        for stream in self.streams.values():
+        is_new = any([stream.take(self.names) for stream in self.streams.values()]) or has_grown
+        for name, stream in () if is_new else [*self.streams.items()]:
             if stream.problem:
+                self.streams.pop(name).close()  # the next look begins another one
                 raise stream.problem
-        return removed
+        removed, self.removed = self.removed, []
+        return removed + self.tell() if is_new else removed
 
     def take_up(self, file: Path) -> bool:
         """Whether it was read here, and anew: tshark takes no captures of btmon's but whole files."""
@@ -300,7 +300,9 @@ class Follower:
         if len(events) < MANY:
             return set()
         old = events[-1].time - LONG
-        done = {event for event in events if not event.link and event.time < old and not event.text.endswith("range")}
+        done = {
+            event for event in events if not event.link and event.time < old and event.what not in ("note", "start")
+        }
         for link in {event.link for event in events if event.link}:
             other = peers.get(link)
             sides = [link, other] if other else [link]

@@ -46,6 +46,7 @@ function append(events) {
     if (event.removed) {
       byKey.delete(event.key);
     } else if (before) {
+      delete before.ended;
       Object.assign(before, event);
     } else {
       sorted = sorted && (rows.length === 0 || rows[rows.length - 1].time <= event.time);
