@@ -136,7 +136,7 @@ def test_it_tells_what_happens_and_makes_things_go_wrong(air: Air, page: Page) -
     for expected in "cut", "ok":
 
         def is_told(rows: Any, expected: str = expected) -> bool:
-            return any(row["what"] == "send" and row["state"] == expected for row in rows)
+            return any(row.get("what") == "send" and row["state"] == expected for row in rows)
 
         page.wait_for("message", is_told)
         robot1.do(b"c.send(%s)" % HI)

@@ -94,6 +94,7 @@ class Watch:
                 self.is_anew.clear()
             if rows := self.follower.look(MOMENT):
                 with self.lock:
+                    self.wrong = ""
                     self.put("message", json.dumps(rows))
 
     def describe(self) -> str:
@@ -166,6 +167,9 @@ class Watch:
         """An order by click; what is wrong with it."""
         if what in ("record", "stop"):
             if what == "record" and self.records is False:
+                for seen in self.bricks:  # what was not yet: connections stand where a recording begins
+                    if seen.recording:
+                        sky.stop_recording(self.air, seen)
                 self.is_anew.set()
             self.records = what == "record"
             self.wrong = ""
