@@ -358,7 +358,7 @@ extern thread_local int t_Inside;  // how deep in BlueZ's library, whose calls a
 
 // ---- Recording (recording.cpp) --------------------------------------------------------------------------------------
 //
-// All of it does nothing, and keeps errno, unless it was started.
+// All of it writes nothing, and keeps errno, unless it was started.
 
 // With the lock held: from now on, appended to this file, unless another one is written already. Returns which one, or
 // in its place an errno.

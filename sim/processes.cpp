@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstddef>
+#include <cstring>
 #include <fstream>
 #include <sys/eventfd.h>
 #include <sys/un.h>

@@ -476,7 +476,7 @@ void Record_Connection(S_OpenSocket& socket, std::int64_t time, int error)
 void Record_Transfer(int fd, bool received, std::int64_t time, std::string_view data, std::string_view comment)
 {
     std::string blocks;
-    std::unique_lock lock(State().Mutex);
+    const std::lock_guard lock(State().Mutex);
     const SocketPointer socket = Find_Socket(fd);
     if (g_File < 0 || !socket || (socket->Protocol == BTPROTO_HCI ? data.empty() : socket->Handle == 0)) return;
     blocks.reserve(data.size() + 128);
@@ -492,8 +492,7 @@ void Record_Transfer(int fd, bool received, std::int64_t time, std::string_view 
             Add_Packet(blocks, time, received, {frame.Head, part, {&frame.Last, 1}}, comment);
         }
     } while (!data.empty());
-    lock.unlock();
-    Write(blocks, true);
+    Write(blocks, true);  // with the lock held, so that it comes before what ends the connection, or the recording
 }
 
 void Record_End(const S_OpenSocket& socket, int error)

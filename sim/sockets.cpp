@@ -134,9 +134,14 @@ bool Read_Address(S_Socket& socket, const sockaddr* address, socklen_t length)
 void Write_Address(const S_Socket& socket, const std::string& brick, sockaddr* address, socklen_t* length)
 {
     if (!address || !length) return;
-    const sockaddr_rc rfcomm{AF_BLUETOOTH, Get_Binary(brick), static_cast<std::uint8_t>(socket.Channel)};
-    const std::uint16_t psm = htobs(static_cast<std::uint16_t>(socket.Channel));
-    const sockaddr_l2 l2cap{AF_BLUETOOTH, psm, Get_Binary(brick), 0, 0};
+    sockaddr_rc rfcomm{};  // also what lies between its members
+    rfcomm.rc_family = AF_BLUETOOTH;
+    rfcomm.rc_bdaddr = Get_Binary(brick);
+    rfcomm.rc_channel = static_cast<std::uint8_t>(socket.Channel);
+    sockaddr_l2 l2cap{};
+    l2cap.l2_family = AF_BLUETOOTH;
+    l2cap.l2_psm = htobs(static_cast<std::uint16_t>(socket.Channel));
+    l2cap.l2_bdaddr = rfcomm.rc_bdaddr;
     const bool isRfcomm = socket.Protocol == BTPROTO_RFCOMM;
     const std::size_t size = isRfcomm ? sizeof(rfcomm) : sizeof(l2cap);
     const void* const bytes = isRfcomm ? static_cast<const void*>(&rfcomm) : &l2cap;
