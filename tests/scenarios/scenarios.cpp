@@ -651,8 +651,8 @@ S_Steps Restless()
         int came = 0;
         for (; came < times && robot.AcceptClient(robot.Listening, 20000) >= 0; ++came)
             robot.CloseClient(robot.m_ServerClients[robot.Listening][0].Socket);
-        // Of hundreds, one may be reset before it is accepted: it came too soon after the last.
-        return Text(came >= times - times / 100) + ", " + std::to_string(Count_Descriptors() - before) +
+        // One may be reset before it is accepted, of hundreds some: it came too soon after the last.
+        return Text(came >= times - 1 - times / 100) + ", " + std::to_string(Count_Descriptors() - before) +
                " descriptors more, clients: " + std::to_string(robot.m_ServerClients[robot.Listening].size());
     };
     // Too soon after it has left it is refused; then it waits a little longer.
