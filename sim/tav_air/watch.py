@@ -167,9 +167,9 @@ class Watch:
         """An order by click; what is wrong with it."""
         if what in ("record", "stop"):
             if what == "record" and self.records is False:
-                for seen in self.bricks:  # what was not yet: connections stand where a recording begins
-                    if seen.recording:
-                        sky.stop_recording(self.air, seen)
+                for brick in self.bricks:  # what was not yet: connections stand where a recording begins
+                    if brick.recording:
+                        sky.stop_recording(self.air, brick)
                 self.is_anew.set()
             self.records = what == "record"
             self.wrong = ""
