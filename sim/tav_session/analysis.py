@@ -29,7 +29,6 @@ SHOWN_BYTES = 4096  # of a message, field by field
 ADVICE = "Send one message, and wait for its answer before the next."
 SPOILS = "The rest waits, and spoils the next read."
 SMALL = "Keep messages below 1000 bytes."
-MORE = "Let the reader ask for more at once."
 RETURNS = "Connect may return a socket all the same: then the first message fails"
 Row = dict[str, Any]
 
@@ -361,7 +360,8 @@ class Analysis:
             words += self.gets(first)
         else:
             words += f"The first piece came behind {self.begin_of(first)}: no reader gets it."
-        return f"{words} {SPOILS} {MORE if 0 < first.asked < ENOUGH else SMALL}"
+        more = f"Let the reader ask for {count(len(event.data), 'byte')} at once, or more."
+        return f"{words} {SPOILS} {more if 0 < first.asked < ENOUGH else SMALL}"
 
     def begin_of(self, receive: Event) -> str:
         """What comes first in it."""
@@ -406,7 +406,7 @@ class Analysis:
             return (
                 "sender",
                 words
-                + f"Only {call_of(first)} takes it. A program writes its adapter's name into messages, or what the environment variable TAV_BRICK_NAME says.",
+                + f"Only {call_of(first)} takes it. The name is the adapter's, or that in the variable TAV_BRICK_NAME.",
             )
         return ("damaged" if first.found("damaged") else "ok"), gets
 

@@ -429,7 +429,6 @@ function showDetails(row) {
   if (STATES[row.state]) says.append(make("span", {className: "badge", textContent: STATES[row.state][0], title: STATES[row.state][1]}));
   says.append(make("bdi", {textContent: row.says || (STATES[row.state] || ["", ""])[1]}));
   const parts = [close, make("h2", {}, make("bdi", {textContent: row.title})), says, facts];
-  if (row.says && STATES[row.state]) parts.splice(3, 0, make("p", {className: "quiet", textContent: STATES[row.state][1]}));
   if (row.findings && row.findings.length)
     parts.push(make("p", {className: "quiet", textContent: "The dissector says: " + row.findings.join("; ")}));
   if (row.fields && row.fields.length) parts.push(...makeBytes(row.fields));
