@@ -213,11 +213,12 @@ bool Open_File()
 }
 
 // Each program holds a byte of the file, which the kernel gives back at its end; while it begins, also the one behind
-// those of all. True if that is so, or could be.
+// those of all. Asked for, true if nobody else is known to hold one: not every file system has locks.
 bool Lock_File(int command, short type, off_t start, off_t size = 1)
 {
     struct flock lock = {type, SEEK_SET, start, size, 0};
-    return Real().Fcntl(g_File, command, &lock) == 0 && (command != F_OFD_GETLK || lock.l_type == F_UNLCK);
+    const bool isDone = Real().Fcntl(g_File, command, &lock) == 0;
+    return command == F_OFD_GETLK ? !isDone || lock.l_type == F_UNLCK : isDone;
 }
 
 void Take_Number()

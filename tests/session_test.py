@@ -329,7 +329,7 @@ def test_long_sessions_are_followed_as_short_ones(air: Air, monkeypatch: pytest.
     assert sorted(rows, key=lambda row: row["key"]) == sorted(rows_of(pair.folder), key=lambda row: row["key"])
 
 
-def test_a_follower_says_that_tshark_has_died(air: Air) -> None:
+def test_a_follower_says_that_tshark_has_died_and_goes_on(air: Air) -> None:
     pair = Pair(air)
     with Follower(lambda: sorted(pair.folder.glob("*.pcapng"))) as follower:
         follow_until(follower, lambda rows: rows)
@@ -337,6 +337,8 @@ def test_a_follower_says_that_tshark_has_died(air: Air) -> None:
         stream.processes[0].kill()
         with pytest.raises(Problem, match="tshark has ended"):
             follow_until(follower, lambda rows: False)
+        pair.send(text("a", "one"))
+        follow_until(follower, lambda rows: any("reads" in row for row in rows))
 
 
 def test_it_says_what_tshark_does_not(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
