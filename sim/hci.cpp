@@ -14,9 +14,6 @@ namespace tav_air {
 
 namespace {
 
-constexpr std::uint8_t PAGE_TIMED_OUT = 0x04;  // status of events
-constexpr std::uint8_t UNKNOWN_COMMAND = 0x01;
-
 // Of Bluetooth 2.0, without simple pairing.
 constexpr std::uint8_t FEATURES[8] = {0x07, 0, 0x04, 0, 0, 0, 0, 0};  // as the lab's radio has them
 constexpr std::uint8_t VERSION[8] = {3, 0, 0, 3, 0xFF, 0xFF, 0, 0};
@@ -131,7 +128,7 @@ void Ask_Name(const SocketPointer& socket, const std::string& parameters, std::u
     Send_Event(socket, EVT_CMD_STATUS, Bytes_Of(evt_cmd_status{0, 1, opcode}), opcode);
     const auto brick = Ask_Brick(Get_Text(answer.bdaddr));
     const bool tells = brick && brick->TellsName;
-    answer.status = tells ? 0 : PAGE_TIMED_OUT;
+    answer.status = tells ? 0 : HCI_PAGE_TIMEOUT;
     if (tells) brick->Name.copy(reinterpret_cast<char*>(answer.name), sizeof(answer.name));
     Send_Event(socket, EVT_REMOTE_NAME_REQ_COMPLETE, Bytes_Of(answer), 0, Scaled(tells ? NAME_TIME : PAGE_TIMEOUT));
 }
@@ -226,7 +223,7 @@ ssize_t Send_Command(const SocketPointer& socket, const std::string& packet)
     if (opcode == cmd_opcode_pack(OGF_LINK_CTL, OCF_REMOTE_NAME_REQ)) {
         Ask_Name(socket, parameters, opcode);
     } else {
-        const std::string unknown(1, static_cast<char>(UNKNOWN_COMMAND));
+        const std::string unknown(1, static_cast<char>(HCI_UNKNOWN_COMMAND));
         const std::string returned = Do_Command(*adapter, opcode, parameters).value_or(unknown);
         Send_Event(socket, EVT_CMD_COMPLETE, Bytes_Of(evt_cmd_complete{1, opcode}) + returned, opcode);
     }

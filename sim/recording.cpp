@@ -29,8 +29,6 @@ constexpr std::uint16_t CID = 0x40;       // of each connection, on a link of it
 constexpr std::uint16_t RFCOMM_PSM = 3;
 constexpr std::size_t LARGEST_FRAME = 32767;  // that RFCOMM can say
 constexpr std::uint8_t SABM = 0x3F, UA = 0x73, DM = 0x1F, DISC = 0x53, UIH = 0xEF;
-constexpr std::uint8_t UNSPECIFIED = 0x1F, PAGE_TIMED_OUT = 0x04, LIMIT_EXCEEDED = 0x09;  // what HCI calls errors
-constexpr std::uint8_t TIMED_OUT = 0x08, ENDED_BY_LOCAL_HOST = 0x16;
 
 std::string* g_Path = nullptr;
 std::atomic<int> g_File{-1};
@@ -97,7 +95,7 @@ void Flush()
 }
 
 // With the lock held. The program's signals stay the program's, and when it has threads enough there is none.
-void Start_Thread()
+void Start_Writer()
 {
     sigset_t all, before;
     sigfillset(&all);
@@ -122,7 +120,7 @@ void Write(const std::string& blocks, bool canWait = false)
     if (!canWait || Get_RecordTime() - g_Written > MOMENT) {
         Flush();
     } else if (isFirst) {
-        if (!g_HasThread) Start_Thread();
+        if (!g_HasThread) Start_Writer();
         if (!g_HasThread) Flush();
         sem_post(&g_IsPending);
     }
@@ -452,7 +450,9 @@ void Record_Call(const S_Socket& socket)
 
 void Record_Failure(const S_Socket& socket, int error)
 {
-    const std::uint8_t status = error == EHOSTDOWN ? PAGE_TIMED_OUT : error == EMLINK ? LIMIT_EXCEEDED : UNSPECIFIED;
+    const std::uint8_t status = error == EHOSTDOWN ? HCI_PAGE_TIMEOUT
+                                : error == EMLINK  ? HCI_MAX_NUMBER_OF_CONNECTIONS
+                                                   : HCI_UNSPECIFIED_ERROR;
     Write_Packet(true, Make_Connected(socket, status), Describe_Connect(socket, error));
 }
 
@@ -501,7 +501,7 @@ void Record_End(const S_OpenSocket& socket, int error)
     if (socket.Handle == 0) return;
     const bool received = error != 0;
     const bool isLost = received && error != ECONNRESET;
-    const std::uint8_t reason = error == ETIMEDOUT ? TIMED_OUT : ENDED_BY_LOCAL_HOST;
+    const std::uint8_t reason = error == ETIMEDOUT ? HCI_CONNECTION_TIMEOUT : HCI_CONNECTION_TERMINATED;
     Write_Packet(received, isLost ? Make_Disconnected(socket, reason) : Make_Farewell(socket, received),
                  error ? Explain("end", error) : "");
 }
@@ -515,7 +515,7 @@ void Record_Close(const S_OpenSocket& socket, bool isUp)
 {
     if (socket.Handle == 0 || socket.Forked) return;  // a child's goes on
     Record_Leave(socket, isUp);
-    Write_Packet(true, Make_Disconnected(socket, ENDED_BY_LOCAL_HOST), "close");
+    Write_Packet(true, Make_Disconnected(socket, HCI_CONNECTION_TERMINATED), "close");
     Give_Back(socket.Handle);
 }
 

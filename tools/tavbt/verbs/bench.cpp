@@ -23,7 +23,7 @@ constexpr const char* BENCH_NAME = "tavbt";  // both sides send under it, so tha
 constexpr std::size_t TEXT_SIZES[] = {1, 16, 64, 256, 800};
 constexpr int ANSWER_TIMEOUT_MS = 5000;
 
-struct S_Options
+struct S_Bench_Options
 {
     std::string Name;
     std::string Address;
@@ -53,7 +53,7 @@ void Make_RoundTrip(C_TAV_Bluetooth& bluetooth, int socket, const std::string& p
     if (answers[0].Value.Bytes != text.Bytes) throw S_Failure{DAMAGED, "what came back is not what was sent"};
 }
 
-void Measure(C_TAV_Bluetooth& bluetooth, int socket, const S_Options& options)
+void Measure(C_TAV_Bluetooth& bluetooth, int socket, const S_Bench_Options& options)
 {
     using Clock = std::chrono::steady_clock;
     C_Table table({"BYTES", "ROUND TRIPS/S", "MEDIAN ms", "90 % ms", "99 % ms", "MAX ms", "KB/S EACH WAY"});
@@ -88,7 +88,7 @@ void Measure(C_TAV_Bluetooth& bluetooth, int socket, const S_Options& options)
     table.Print();
 }
 
-void Run_Bench(const S_Options& options)
+void Run_Bench(const S_Bench_Options& options)
 {
     setenv("TAV_BRICK_NAME", BENCH_NAME, 1);
     C_TAV_Bluetooth bluetooth;
@@ -110,7 +110,7 @@ void Run_Bench(const S_Options& options)
 
 void Add_Bench(CLI::App& app)
 {
-    const auto options = std::make_shared<S_Options>();
+    const auto options = std::make_shared<S_Bench_Options>();
     CLI::App& verb = Add_Verb(app, "bench",
                               "Sends texts of several sizes there and back, one at a time, and prints round trips "
                               "per second, how long they took, and the bytes of text that went each way.",

@@ -14,7 +14,7 @@ namespace tavbt {
 
 namespace {
 
-struct S_Options
+struct S_Broadcast_Options
 {
     std::string Id;
     S_GivenValue Value;
@@ -23,7 +23,7 @@ struct S_Options
     bool IsClassic = false;
 };
 
-void Run_Broadcast(const S_Options& options)
+void Run_Broadcast(const S_Broadcast_Options& options)
 {
     const S_Value value = Get_Value(options.Value, options.IsClassic);
     const E_Format format = Get_Format(options.IsClassic);
@@ -55,7 +55,7 @@ void Run_Broadcast(const S_Options& options)
 
 void Add_Broadcast(CLI::App& app)
 {
-    const auto options = std::make_shared<S_Options>();
+    const auto options = std::make_shared<S_Broadcast_Options>();
     CLI::App& verb = Add_Verb(app, "broadcast", "Waits until so many bricks have connected, and sends all the message.",
                               "tavbt broadcast news --text 'Dinner is ready' --clients 3\n"
                               "tavbt broadcast stop --bool true -t 20");

@@ -23,7 +23,7 @@ namespace {
 constexpr const char* CHAT_ID = "chat";
 constexpr std::size_t LINE_SIZE = 800;
 
-struct S_Options
+struct S_Chat_Options
 {
     std::string Name;
     std::string Address;
@@ -90,7 +90,7 @@ void Talk_ToTheEnd(C_TAV_Bluetooth& bluetooth, int socket, const std::string& pe
     }
 }
 
-void Run_Chat(const S_Options& options)
+void Run_Chat(const S_Chat_Options& options)
 {
     C_TAV_Bluetooth bluetooth;
     if (!options.Listen) {
@@ -123,7 +123,7 @@ void Run_Chat(const S_Options& options)
 
 void Add_Chat(CLI::App& app)
 {
-    const auto options = std::make_shared<S_Options>();
+    const auto options = std::make_shared<S_Chat_Options>();
     CLI::App& verb =
         Add_Verb(app, "chat",
                  "Two people on two bricks type texts to each other, one a line. Ctrl-R shows what was being typed "

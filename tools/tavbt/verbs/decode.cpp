@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t SHOWN_BYTES = 16;
 
-struct S_Options
+struct S_Decode_Options
 {
     std::vector<std::string> Hex;
     bool Binary = false;
@@ -28,7 +28,7 @@ struct S_Options
 };
 
 // What is to be taken apart, as it was given.
-std::string Get_Given(const S_Options& options)
+std::string Get_Given(const S_Decode_Options& options)
 {
     std::string text;
     for (const std::string& part : options.Hex)
@@ -40,7 +40,7 @@ std::string Get_Given(const S_Options& options)
     return text;
 }
 
-std::string Get_Bytes(const S_Options& options, const std::string& given)
+std::string Get_Bytes(const S_Decode_Options& options, const std::string& given)
 {
     const auto bytes = options.Binary ? given : Parse_Hex(given);
     if (!bytes)
@@ -90,7 +90,7 @@ void Print_Json(const S_Decoded& decoded, std::string_view bytes, std::size_t st
 }
 
 // Prints the messages in what one receive brings. False when one is damaged.
-bool Decode_Receive(const S_Options& options, const std::string& bytes)
+bool Decode_Receive(const S_Decode_Options& options, const std::string& bytes)
 {
     bool whole = true;
     std::size_t start = 0;
@@ -114,7 +114,7 @@ bool Decode_Receive(const S_Options& options, const std::string& bytes)
     return whole;
 }
 
-void Run_Decode(const S_Options& options)
+void Run_Decode(const S_Decode_Options& options)
 {
     const std::string given = Get_Given(options);
     bool whole = true;
@@ -132,7 +132,7 @@ void Run_Decode(const S_Options& options)
 
 void Add_Decode(CLI::App& app)
 {
-    const auto options = std::make_shared<S_Options>();
+    const auto options = std::make_shared<S_Decode_Options>();
     CLI::App& verb =
         Add_Verb(app, "decode", "Takes messages apart, field by field, and says what is wrong with damaged ones.",
                  "tavbt decode 03 41 42 00 61 62 63 00 01\n"

@@ -23,7 +23,7 @@ namespace {
 constexpr std::size_t MAX_LINE = 1 << 20;
 constexpr int RECONNECT_PAUSE_MS = 1000;
 
-struct S_Options
+struct S_Pipe_Options
 {
     std::string Name;
     std::string Address;
@@ -48,7 +48,7 @@ struct S_Options
 class C_Outbox
 {
 public:
-    explicit C_Outbox(const S_Options& options) : m_Options(options), m_Lines(MAX_LINE) {}
+    explicit C_Outbox(const S_Pipe_Options& options) : m_Options(options), m_Lines(MAX_LINE) {}
 
     // Whether stdin is to be read; not while a line waits to be sent, so that whoever writes there waits, too.
     bool Wants_Input() const { return !m_Next && !m_Answer && !m_IsAtEnd; }
@@ -119,7 +119,7 @@ private:
         }
     }
 
-    const S_Options& m_Options;
+    const S_Pipe_Options& m_Options;
     C_Lines m_Lines;
     std::size_t m_Number = 0;
     bool m_IsAtEnd = false;
@@ -132,7 +132,7 @@ private:
 // ---- One connection -------------------------------------------------------------------------------------------------
 
 // Until all is done; throws S_Failure when the connection ends before.
-void Exchange(C_TAV_Bluetooth& bluetooth, int socket, const S_Options& options, C_Outbox& outbox)
+void Exchange(C_TAV_Bluetooth& bluetooth, int socket, const S_Pipe_Options& options, C_Outbox& outbox)
 {
     while (!outbox.Is_Over()) {
         const S_Outgoing* const next = outbox.Get_Next();
@@ -160,7 +160,7 @@ bool May_Pass(E_End end)
     return end == HUNG_UP || end == NOT_CONNECTED || end == NOT_FOUND || end == NO_ADAPTER;
 }
 
-void Run_Connection(const S_Options& options, C_Outbox& outbox)
+void Run_Connection(const S_Pipe_Options& options, C_Outbox& outbox)
 {
     C_TAV_Bluetooth bluetooth;
     while (!outbox.Is_Over()) {
@@ -185,7 +185,7 @@ void Run_Connection(const S_Options& options, C_Outbox& outbox)
 using Senders = std::map<int, std::string>;
 
 // Sends the message to the clients that it is for. One that does not take it is dropped.
-void Hand_Out(C_TAV_Bluetooth& bluetooth, C_Server& server, const S_Options& options, const Senders& senders,
+void Hand_Out(C_TAV_Bluetooth& bluetooth, C_Server& server, const S_Pipe_Options& options, const Senders& senders,
               const S_Outgoing& next, C_Outbox& outbox)
 {
     bool isFound = false;
@@ -208,7 +208,7 @@ void Hand_Out(C_TAV_Bluetooth& bluetooth, C_Server& server, const S_Options& opt
     if (!isFound) outbox.Note_Answer();  // there will be none
 }
 
-void Run_Listener(const S_Options& options, C_Outbox& outbox)
+void Run_Listener(const S_Pipe_Options& options, C_Outbox& outbox)
 {
     C_TAV_Bluetooth bluetooth;
     C_Server server(bluetooth, Get_Channel(options.Get_Format()));
@@ -238,7 +238,7 @@ void Run_Listener(const S_Options& options, C_Outbox& outbox)
     }
 }
 
-void Run_Pipe(const S_Options& options)
+void Run_Pipe(const S_Pipe_Options& options)
 {
     if (!options.Listen && options.Name.empty())
         throw S_Failure{USAGE, "with whom? pipe NAME, or pipe --listen to be called"};
@@ -255,7 +255,7 @@ void Run_Pipe(const S_Options& options)
 
 void Add_Pipe(CLI::App& app)
 {
-    const auto options = std::make_shared<S_Options>();
+    const auto options = std::make_shared<S_Pipe_Options>();
     CLI::App& verb =
         Add_Verb(app, "pipe",
                  "Sends the messages that stand on stdin, a JSON object a line, and prints those that come, "

@@ -10,13 +10,13 @@ namespace tavbt {
 
 namespace {
 
-struct S_Options
+struct S_Recv_Options
 {
     std::string Address;
     S_Awaited Awaited;
 };
 
-void Run_Recv(const S_Options& options)
+void Run_Recv(const S_Recv_Options& options)
 {
     const S_Awaited& awaited = options.Awaited;
     const S_Wanted wanted = Get_Wanted(awaited);
@@ -38,7 +38,7 @@ void Run_Recv(const S_Options& options)
 
 void Add_Recv(CLI::App& app)
 {
-    const auto options = std::make_shared<S_Options>();
+    const auto options = std::make_shared<S_Recv_Options>();
     options->Awaited.Seconds = 10;
     options->Awaited.Count = 1;
     CLI::App& verb = Add_Verb(app, "recv",

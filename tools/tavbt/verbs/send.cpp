@@ -13,7 +13,7 @@ namespace tavbt {
 
 namespace {
 
-struct S_Options
+struct S_Send_Options
 {
     std::string Name;
     std::string Id;
@@ -23,7 +23,7 @@ struct S_Options
     bool IsClassic = false;
 };
 
-void Wait_ForAnswer(C_TAV_Bluetooth& bluetooth, int socket, const S_Options& options)
+void Wait_ForAnswer(C_TAV_Bluetooth& bluetooth, int socket, const S_Send_Options& options)
 {
     S_Wanted any;
     any.Format = Get_Format(options.IsClassic);
@@ -38,7 +38,7 @@ void Wait_ForAnswer(C_TAV_Bluetooth& bluetooth, int socket, const S_Options& opt
     throw S_Failure{TIMED_OUT, Quoted(options.Name) + " did not answer in time"};
 }
 
-void Run_Send(const S_Options& options)
+void Run_Send(const S_Send_Options& options)
 {
     const S_Value value = Get_Value(options.Value, options.IsClassic);
     const E_Format format = Get_Format(options.IsClassic);
@@ -53,7 +53,7 @@ void Run_Send(const S_Options& options)
 
 void Add_Send(CLI::App& app)
 {
-    const auto options = std::make_shared<S_Options>();
+    const auto options = std::make_shared<S_Send_Options>();
     CLI::App& verb =
         Add_Verb(app, "send",
                  "Connects to a brick and sends it one message. Then it hangs up, by which a built-in server "

@@ -11,13 +11,13 @@ namespace tavbt {
 
 namespace {
 
-struct S_Options
+struct S_Serve_Options
 {
     S_Awaited Awaited;
     bool IsEcho = false;
 };
 
-void Run_Serve(const S_Options& options)
+void Run_Serve(const S_Serve_Options& options)
 {
     const S_Awaited& awaited = options.Awaited;
     const S_Wanted wanted = Get_Wanted(awaited);
@@ -43,7 +43,7 @@ void Run_Serve(const S_Options& options)
 
 void Add_Serve(CLI::App& app)
 {
-    const auto options = std::make_shared<S_Options>();
+    const auto options = std::make_shared<S_Serve_Options>();
     CLI::App& verb = Add_Verb(app, "serve",
                               "Waits for bricks to connect, and prints the messages that they send. Clients may "
                               "leave, crash and come back.",

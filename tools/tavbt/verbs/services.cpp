@@ -17,7 +17,7 @@ namespace {
 
 constexpr int LAST_RFCOMM_CHANNEL = 30;
 
-struct S_Options
+struct S_Services_Options
 {
     std::string Name;
     std::string Address;
@@ -51,7 +51,7 @@ void Print_Services(C_TAV_Bluetooth& bluetooth, const std::string& name)
 }
 
 // An answer of ten bytes can make BlueZ's library loop for ever, and take all memory.
-void Run_Services(const S_Options& options)
+void Run_Services(const S_Services_Options& options)
 {
     C_TAV_Bluetooth bluetooth;
     Find_Brick(bluetooth, options.Name, options.Address);
@@ -63,7 +63,7 @@ void Run_Services(const S_Options& options)
 
 void Add_Services(CLI::App& app)
 {
-    const auto options = std::make_shared<S_Options>();
+    const auto options = std::make_shared<S_Services_Options>();
     CLI::App& verb = Add_Verb(app, "services", "Lists the public services (SDP) of a device.",
                               "tavbt services Robot2\n"
                               "tavbt services Robot2 --address 12:34:56:78:9A:BC");
