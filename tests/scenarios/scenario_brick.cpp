@@ -158,6 +158,7 @@ std::string Take_AcceptLog()
 int main(int argc, char** argv)
 {
     signal(SIGPIPE, SIG_IGN);
+    setpgid(0, 0);
     if (argc == 2 && strcmp(argv[1], "--list") == 0) return List(), 0;
     if (argc != 3) return std::cerr << "usage: scenario_brick --list | SCENARIO BRICK\n", 2;
     g_Name = argv[2];
@@ -187,5 +188,5 @@ int main(int argc, char** argv)
         orders.push_back(std::stoul(order));
         ordered.notify_one();
     }
-    _exit(0);  // as when it is killed: nothing is closed in an orderly way
+    kill(0, SIGKILL);  // nothing is closed in an orderly way, and what its steps started ends with it
 }
