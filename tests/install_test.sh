@@ -91,6 +91,7 @@ export LD_LIBRARY_PATH=$libraries
 "$usr/bin/tav-air" --service Lamp=4 Good -- sleep 60 &
 sleep 1
 "$usr/bin/tav-air" Robot1 -- ./usual >log
+kill %1 %2
 grep -qx '  cannot be asked' log
 grep -qx '  channel 4  Lamp' log
 
