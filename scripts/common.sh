@@ -84,10 +84,14 @@ need() {
     fail "apt-get could not install ${missing[*]}; its last lines are above. Is there a network?"
 }
 
+# One script after the other: apt waits for others that install, but not for those that get its lists.
 install_packages() {
-  "${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600 update &&
+  local lock
+  exec {lock}<"$root/scripts/common.sh"
+  flock "$lock"
+  "${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600 update {lock}<&- &&
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 install -y \
-      --no-install-recommends "$@"
+      --no-install-recommends "$@" {lock}<&-
 }
 
 # Configures and builds a preset; shows nothing of it unless it fails. It is nice to tests that run meanwhile.
